@@ -1,0 +1,167 @@
+// Row-streaming reading and writing of uncompressed bitmap files, and colour palettes.
+#pragma once
+
+#include <quib/export.hpp>
+#include <quib/image.hpp>
+
+#include <cstdint>
+#include <fstream>
+#include <ios>
+#include <memory>
+#include <string>
+
+namespace quib {
+
+/// A shared array of 32-bit colour-table entries (blue, green, red, reserved), used to give a
+/// new bitmap file its colour table. Copies share the entries; a borrowed array is never freed.
+/// Owned entries start zero. `at` throws std::out_of_range("Palette: out of range.") when the
+/// index, read as an unsigned 64-bit value, is *below* size(): the test is reversed on purpose,
+/// and in-range access goes through operator[]. One palette object belongs to one thread.
+///
+///     quib::Palette grey(256);
+///     for (int i = 0; i < 256; ++i) grey[i] = 0x010101u * i;
+class QUIB_API Palette {
+ public:
+  /// No entries, null data.
+  Palette();
+  /// Owns `n` zero-filled entries.
+  explicit Palette(std::uint64_t n);
+  /// Borrows `data` (never freed).
+  Palette(unsigned int* data, std::uint64_t n);
+  Palette(Palette const&) = default;
+  Palette& operator=(Palette const&) = default;
+  ~Palette() = default;
+
+  void clear();
+  void swap(Palette& other) noexcept;
+  std::uint64_t size() const { return count; }
+  unsigned int* begin() const { return data; }
+  unsigned int* end() const { return data + count; }
+  unsigned int& operator[](int i) const { return data[i]; }
+  /// Throws when i (as an unsigned 64-bit value) is less than size(); otherwise entry i,
+  /// unchecked.
+  unsigned int& at(int i) const;
+  /// True when there is no entry array at all.
+  bool empty() const { return data == nullptr; }
+  explicit operator bool() const { return count != 0; }
+  bool operator!() const { return count == 0; }
+
+ private:
+  unsigned int* data;
+  std::shared_ptr<unsigned int> handle;
+  std::uint64_t count;
+};
+
+/// Sample arrangement of a bitmap file; rows are transferred only when pixel-interleaved.
+enum class interleave_type : std::int32_t { pixel = 1 };
+
+/// Streams whole rows between an uncompressed bitmap file ("BM", 40-byte information header)
+/// and caller memory, so that an image larger than memory can be processed band by band.
+/// A 24- or 32-bit file is described as 8-bit samples, 3 or 4 per pixel.
+///
+/// Row order: cursor row 0 is the first row stored in the file (the bottom of the picture in a
+/// bottom-up file). In a top-down file each block of rows is taken from the end of the data
+/// backwards while the rows inside one block keep their file order.
+///
+/// Failures are reported through the stream state: a file that cannot be opened or whose
+/// headers are refused (another magic, compression, geometry whose row arithmetic would
+/// overflow or whose rows do not fit in the file, an offset past its end) leaves fail() true
+/// and path() empty; transfers on a failed Dib move nothing and return 0. Nothing throws unless
+/// the caller enables stream exceptions. Copies share the open file; one Dib object belongs to
+/// one thread at a time.
+///
+///     quib::Dib in("scan.bmp");
+///     std::vector<unsigned char> band(64 * in.getLineBytes());
+///     while (int n = in.read(band.data(), int(band.size()))) { /* n / getLineBytes() rows */ }
+class QUIB_API Dib {
+ public:
+  /// Nothing open.
+  Dib();
+  /// Opens an existing bitmap file for reading and updating.
+  explicit Dib(std::string const& path);
+  /// Creates a new file (or reopens an existing bitmap) for writing rows. A negative height
+  /// makes a top-down file.
+  Dib(std::string const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
+      int colorCount, Palette const& palette);
+  Dib(Dib const&) = default;
+  Dib& operator=(Dib const&) = default;
+  ~Dib() = default;
+
+  /// Opens an existing file; false at once when the path is not an existing regular file.
+  bool create(std::string const& path);
+  /// Creates or reopens a file for writing; true when the stream is good.
+  bool create(std::string const& path, int width, int height, int xDpi, int yDpi, int bits,
+              int align, int colorCount, Palette const& palette);
+  void swap(Dib& other) noexcept;
+  /// Releases this handle (the file closes when no copy shares it).
+  void close();
+
+  bool fail() const;
+  explicit operator bool() const { return !fail(); }
+  /// Sets the stream's exception mask; the end-of-file bit is always taken out of it.
+  void exceptions(std::ios_base::iostate mask);
+  std::string path() const { return filePath; }
+
+  int getWidth() const { return width; }
+  int getHeight() const { return height; }
+  int getLineBytes() const { return lineBytes; }
+  int getXDpi() const { return xDpi; }
+  int getYDpi() const { return yDpi; }
+  int getPlaneCount() const { return planeCount; }
+  int getColorCount() const { return colorCount; }
+  interleave_type getInterleave() const { return interleave; }
+  int getBits() const { return coordinator.getBits(); }
+  int getAlign() const { return coordinator.getAlign(); }
+  /// planeCount * lineBytes * height.
+  std::uint64_t getImageSize() const;
+  /// The descriptor of one sample (color 0, bits per sample, align).
+  ImageCoordinator getCoordinator() const { return coordinator; }
+  /// The colour table of the file (read from an opened file, given to a created one).
+  Palette getPalette() const { return palette; }
+  bool isTopDown() const { return topDown; }
+  int getDataOffset() const { return dataOffset; }
+
+  /// The stream's read position after opening, its write position after creating, else 0.
+  std::int64_t tell() const;
+  /// Row cursor number index mod 4.
+  int tell(int index) const;
+  /// Sets row cursor number index mod 4 to min(row, height), or 0 for a negative row.
+  void seek(int index, int row);
+
+  /// Moves bytes / lineBytes whole rows at cursor 0; returns the bytes moved (0 on failure).
+  int read(unsigned char* buffer, int bytes);
+  int write(unsigned char const* buffer, int bytes);
+  /// Moves sample plane `index` mod colorCount at cursor index mod 4, in units of the
+  /// one-sample row length; never touches more than `bytes` bytes of the caller's memory.
+  int read(int index, unsigned char* buffer, int bytes);
+  int write(int index, unsigned char const* buffer, int bytes);
+
+ private:
+  bool readHeaders(bool keepGeometry);
+  void refuse();
+  int rowsAt(int cursor, int rows) const;
+  std::int64_t offsetOf(int cursor, int rows) const;
+  int oneSampleLineBytes() const;
+
+  std::shared_ptr<std::fstream> stream;
+  std::string filePath;
+  int width;
+  int height;
+  int lineBytes;
+  int xDpi;
+  int yDpi;
+  int planeCount;
+  int colorCount;
+  interleave_type interleave;
+  int position[4];
+  int dataOffset;
+  bool topDown;
+  Palette palette;
+  ImageCoordinator coordinator;
+  int mode;
+};
+
+inline void swap(Palette& a, Palette& b) noexcept { a.swap(b); }
+inline void swap(Dib& a, Dib& b) noexcept { a.swap(b); }
+
+}  // namespace quib
