@@ -16,19 +16,24 @@ constexpr int kFileHeaderBytes = 14;
 constexpr int kInfoHeaderBytes = 40;
 constexpr int kHeaderBytes = kFileHeaderBytes + kInfoHeaderBytes;
 
-std::uint32_t load_u16(unsigned char const* p) { return p[0] | (p[1] << 8); }
+std::uint32_t load_u16(unsigned char const* p) {
+  return p[0] | (p[1] << 8);
+}
 std::uint32_t load_u32(unsigned char const* p) {
   return std::uint32_t(p[0]) | (std::uint32_t(p[1]) << 8) | (std::uint32_t(p[2]) << 16) |
          (std::uint32_t(p[3]) << 24);
 }
-std::int32_t load_i32(unsigned char const* p) { return static_cast<std::int32_t>(load_u32(p)); }
+std::int32_t load_i32(unsigned char const* p) {
+  return static_cast<std::int32_t>(load_u32(p));
+}
 
 void store_u16(unsigned char* p, std::uint32_t v) {
   p[0] = static_cast<unsigned char>(v);
   p[1] = static_cast<unsigned char>(v >> 8);
 }
 void store_u32(unsigned char* p, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+  for (int i = 0; i < 4; ++i)
+    p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
 // True when the path names something that exists and is not a directory.
@@ -50,7 +55,9 @@ int checkedLineBytes(std::int64_t samples, ImageCoordinator const& format) {
   return static_cast<int>((blockBytes + a - 1) / a * a);
 }
 
-int mod(int value, int divisor) { return ((value % divisor) + divisor) % divisor; }
+int mod(int value, int divisor) {
+  return ((value % divisor) + divisor) % divisor;
+}
 
 }  // namespace
 
@@ -171,10 +178,21 @@ bool Dib::readHeaders(bool keepGeometry) {
     int sampleBits = 8;
     int samples = 1;
     switch (bitCount) {
-      case 1: case 2: case 4: case 15: case 16: sampleBits = bitCount; break;
-      case 24: samples = 3; break;
-      case 32: samples = 4; break;
-      default: break;  // 8 bits and anything else: one 8-bit sample
+      case 1:
+      case 2:
+      case 4:
+      case 15:
+      case 16:
+        sampleBits = bitCount;
+        break;
+      case 24:
+        samples = 3;
+        break;
+      case 32:
+        samples = 4;
+        break;
+      default:
+        break;  // 8 bits and anything else: one 8-bit sample
     }
     if (fileWidth <= 0 || fileHeight == 0 || fileHeight == INT_MIN || planes == 0) return false;
     const ImageCoordinator format(sampleBits, 4, color_type::undetermined);
@@ -199,9 +217,8 @@ bool Dib::readHeaders(bool keepGeometry) {
   dataOffset = static_cast<int>(offBits);
 
   // The colour table sits between the information header and the first row.
-  const std::int64_t tableStart =
-      std::min<std::int64_t>(kFileHeaderBytes + std::max<std::int64_t>(infoSize, kInfoHeaderBytes),
-                             offBits);
+  const std::int64_t tableStart = std::min<std::int64_t>(
+      kFileHeaderBytes + std::max<std::int64_t>(infoSize, kInfoHeaderBytes), offBits);
   const std::int64_t entries = (std::int64_t(offBits) - tableStart) / 4;
   Palette table(static_cast<std::uint64_t>(entries));
   if (entries > 0) {
@@ -263,7 +280,9 @@ void Dib::close() {
   swap(closed);
 }
 
-bool Dib::fail() const { return !stream || stream->fail(); }
+bool Dib::fail() const {
+  return !stream || stream->fail();
+}
 
 void Dib::exceptions(std::ios_base::iostate mask) {
   if (stream) stream->exceptions(mask & ~std::ios_base::eofbit);
@@ -280,11 +299,17 @@ std::int64_t Dib::tell() const {
   return 0;
 }
 
-int Dib::tell(int index) const { return position[mod(index, 4)]; }
+int Dib::tell(int index) const {
+  return position[mod(index, 4)];
+}
 
-void Dib::seek(int index, int row) { position[mod(index, 4)] = row < 0 ? 0 : std::min(row, height); }
+void Dib::seek(int index, int row) {
+  position[mod(index, 4)] = row < 0 ? 0 : std::min(row, height);
+}
 
-int Dib::rowsAt(int cursor, int rows) const { return std::min(rows, height - cursor); }
+int Dib::rowsAt(int cursor, int rows) const {
+  return std::min(rows, height - cursor);
+}
 
 std::int64_t Dib::offsetOf(int cursor, int rows) const {
   const std::int64_t row =
@@ -292,7 +317,9 @@ std::int64_t Dib::offsetOf(int cursor, int rows) const {
   return std::int64_t(dataOffset) + row * lineBytes;
 }
 
-int Dib::oneSampleLineBytes() const { return coordinator.getLineBytes(width); }
+int Dib::oneSampleLineBytes() const {
+  return coordinator.getLineBytes(width);
+}
 
 int Dib::read(unsigned char* buffer, int bytes) {
   if (fail() || interleave != interleave_type::pixel) return 0;

@@ -12,7 +12,8 @@ const ImageCoordinator kDefaultFormat(8, 1, 1, 1, color_type::undetermined);
 
 std::shared_ptr<unsigned char> allocate(int height, int lineBytes) {
   const std::size_t n = static_cast<std::size_t>(height) * static_cast<std::size_t>(lineBytes);
-  return std::shared_ptr<unsigned char>(new unsigned char[n](), std::default_delete<unsigned char[]>());
+  return std::shared_ptr<unsigned char>(new unsigned char[n](),
+                                        std::default_delete<unsigned char[]>());
 }
 
 std::shared_ptr<unsigned char> borrow(unsigned char* data) {
@@ -31,7 +32,9 @@ Image::Image(Image const& other) = default;
 Image& Image::operator=(Image const& other) = default;
 Image::~Image() = default;
 
-Image::Image(Image&& other) noexcept : Image() { swap(other); }
+Image::Image(Image&& other) noexcept : Image() {
+  swap(other);
+}
 
 Image& Image::operator=(Image&& other) noexcept {
   Image moved(std::move(other));
@@ -63,7 +66,9 @@ Image::Image(int w, int h, unsigned char* data, ImageCoordinator const& format)
 Image::Image(int w, int h, int lb, unsigned char* data, ImageCoordinator const& format)
     : width(w), height(h), lineBytes(lb), buffer(borrow(data)), coordinator(format) {}
 
-void Image::with(Image const& other) { *this = other; }
+void Image::with(Image const& other) {
+  *this = other;
+}
 
 void Image::copy(Image const& other) {
   if (!other.buffer) {
@@ -103,7 +108,9 @@ bool Image::contains(point_type const& p) const {
          static_cast<unsigned>(p.y) < static_cast<unsigned>(height);
 }
 
-bool Image::isBorrowed() const { return std::get_deleter<none_deleter>(buffer) != nullptr; }
+bool Image::isBorrowed() const {
+  return std::get_deleter<none_deleter>(buffer) != nullptr;
+}
 
 unsigned char* Image::getAddress(point_type const& p) {
   return buffer.get() + static_cast<std::ptrdiff_t>(p.y) * lineBytes +
@@ -148,7 +155,9 @@ void Image::setExtent(extent_type const& e, ImageCoordinator const& format) {
   swap(fresh);
 }
 
-void Image::setExtent(extent_type const& e) { setExtent(e, ImageCoordinator(coordinator)); }
+void Image::setExtent(extent_type const& e) {
+  setExtent(e, ImageCoordinator(coordinator));
+}
 
 void Image::setExtent(extent_type const& e, int bits, int align) {
   setExtent(e, ImageCoordinator(bits, align, color_type::undetermined));
@@ -157,10 +166,14 @@ void Image::setExtent(extent_type const& e, int bits, int align) {
 cv::Mat Image::makeMat(int w, int h, int lb, unsigned char* data, std::uint64_t /*size*/,
                        int channels, int bitsPerChannel, int /*align*/) {
   int depth = 7;
-  if (bitsPerChannel <= 8) depth = CV_8U;
-  else if (bitsPerChannel <= 16) depth = CV_16U;
-  else if (bitsPerChannel <= 32) depth = CV_32F;
-  else if (bitsPerChannel <= 64) depth = CV_64F;
+  if (bitsPerChannel <= 8)
+    depth = CV_8U;
+  else if (bitsPerChannel <= 16)
+    depth = CV_16U;
+  else if (bitsPerChannel <= 32)
+    depth = CV_32F;
+  else if (bitsPerChannel <= 64)
+    depth = CV_64F;
   return cv::Mat(h, w, CV_MAKETYPE(depth, channels), data, static_cast<std::size_t>(lb));
 }
 
@@ -169,18 +182,22 @@ cv::Mat Image::makeMat(int channels, int bitsPerChannel) const {
                  coordinator.getAlign());
 }
 
-cv::Mat Image::makeMat(int channels) const { return makeMat(channels, getBits() / channels); }
+cv::Mat Image::makeMat(int channels) const {
+  return makeMat(channels, getBits() / channels);
+}
 
-cv::Mat Image::makeMat() const { return makeMat(getChannel()); }
+cv::Mat Image::makeMat() const {
+  return makeMat(getChannel());
+}
 
-IplImage Image::makeIpl(int w, int h, int lb, unsigned char* data, std::uint64_t size,
-                        int channels, int bitsPerChannel, int align) {
+IplImage Image::makeIpl(int w, int h, int lb, unsigned char* data, std::uint64_t size, int channels,
+                        int bitsPerChannel, int align) {
   IplImage ipl;
   std::memset(&ipl, 0, sizeof ipl);
   ipl.nSize = static_cast<int>(sizeof(IplImage));
   ipl.nChannels = channels;
-  const bool known = bitsPerChannel == 1 || bitsPerChannel == 8 || bitsPerChannel == 16 ||
-                     bitsPerChannel == 32;
+  const bool known =
+      bitsPerChannel == 1 || bitsPerChannel == 8 || bitsPerChannel == 16 || bitsPerChannel == 32;
   ipl.depth = known ? bitsPerChannel : 8;
   ipl.dataOrder = 0;
   ipl.origin = 0;
@@ -199,8 +216,12 @@ IplImage Image::makeIpl(int channels, int bitsPerChannel) const {
                  coordinator.getAlign());
 }
 
-IplImage Image::makeIpl(int channels) const { return makeIpl(channels, getBits() / channels); }
+IplImage Image::makeIpl(int channels) const {
+  return makeIpl(channels, getBits() / channels);
+}
 
-IplImage Image::makeIpl() const { return makeIpl(getChannel()); }
+IplImage Image::makeIpl() const {
+  return makeIpl(getChannel());
+}
 
 }  // namespace quib

@@ -12,7 +12,9 @@ ImageCoordinator::ImageCoordinator(int b, int a, color_type c)
 ImageCoordinator::ImageCoordinator(int b, int a, int d, int n, color_type c)
     : color(c), bits(b), align(a), denominator(d), numerator(n) {}
 
-void ImageCoordinator::swap(ImageCoordinator& other) noexcept { std::swap(*this, other); }
+void ImageCoordinator::swap(ImageCoordinator& other) noexcept {
+  std::swap(*this, other);
+}
 
 void ImageCoordinator::setBits(int b) {
   bits = b;
@@ -21,16 +23,40 @@ void ImageCoordinator::setBits(int b) {
 
 void ImageCoordinator::setBlockFormat(int b) {
   switch (b) {
-    case 1: denominator = 8; numerator = 1; break;
-    case 2: denominator = 4; numerator = 1; break;
-    case 3: denominator = 8; numerator = 3; break;
-    case 4: denominator = 2; numerator = 1; break;
+    case 1:
+      denominator = 8;
+      numerator = 1;
+      break;
+    case 2:
+      denominator = 4;
+      numerator = 1;
+      break;
+    case 3:
+      denominator = 8;
+      numerator = 3;
+      break;
+    case 4:
+      denominator = 2;
+      numerator = 1;
+      break;
     case 12:
     case 15:
-    case 16: denominator = 1; numerator = 2; break;
-    case 24: denominator = 1; numerator = 3; break;
-    case 32: denominator = 1; numerator = 4; break;
-    default: denominator = 1; numerator = 1; break;  // 8 bits and every depth outside the table
+    case 16:
+      denominator = 1;
+      numerator = 2;
+      break;
+    case 24:
+      denominator = 1;
+      numerator = 3;
+      break;
+    case 32:
+      denominator = 1;
+      numerator = 4;
+      break;
+    default:
+      denominator = 1;
+      numerator = 1;
+      break;  // 8 bits and every depth outside the table
   }
 }
 
