@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     dib.read(plane, band.data(), int(band.size()));
   }
   dib.seek(0, 0);
-  if (line > 0) dib.write(band.data(), line);
+  if (line > 0 && std::size_t(line) <= band.size()) dib.write(band.data(), line);
   dib.seek(1, 1);
   dib.write(1, band.data(), int(band.size()));
   return 0;

@@ -200,9 +200,8 @@ bool Dib::readHeaders(bool keepGeometry) {
     if (rowBytes < 0) return false;
     const std::int64_t rowsHeight = fileHeight < 0 ? -std::int64_t(fileHeight) : fileHeight;
     // The rows must fit in the file behind the offset: nothing past the end is promised.
-    if (std::int64_t(rowBytes) * rowsHeight * planes > fileSize - std::int64_t(offBits)) {
-      return false;
-    }
+    const std::int64_t available = fileSize - std::int64_t(offBits);
+    if (rowsHeight > available / rowBytes / planes) return false;
     coordinator = format;
     colorCount = samples;
     lineBytes = rowBytes;

@@ -411,6 +411,16 @@ TEST_F(DibFiles, RefusesHostileHeaders) {
   }
 }
 
+// Found by the fuzzer: rows x height x planes overflowed 64 bits in the size check.
+TEST_F(DibFiles, RefusesGeometryWhoseProductOverflows) {
+  Bytes b = makeBmp(BmpSpec{});
+  put32(b, 18, 0x1FFFFFFFu);  // width
+  put32(b, 22, 0x7FFFFFFFu);  // height
+  put16(b, 26, 0xFFFF);       // planes
+  quib::Dib dib(writeFile("overflow.bmp", b));
+  EXPECT_TRUE(dib.fail());
+}
+
 TEST_F(DibFiles, CreateChecksThePathFirst) {
   quib::Dib dib;
   EXPECT_TRUE(dib.fail());
