@@ -62,7 +62,7 @@ std::uint32_t get32(Bytes const& b, std::size_t at) {
 
 // A bitmap file written byte by byte: headers, `paletteEntries` table entries, then the rows,
 // row r (in file order) filled with the byte pattern r * 16 + column.
-struct BmpSpec {
+struct BmpLayout {
   int width = 4;
   int height = 3;  // negative: top-down
   int bitCount = 8;
@@ -74,7 +74,7 @@ int rowBytesOf(int width, int bitCount) {
   return (width * bitCount + 31) / 32 * 4;
 }
 
-Bytes makeBmp(BmpSpec const& s) {
+Bytes makeBmp(BmpLayout const& s) {
   const int rowBytes = rowBytesOf(s.width, s.bitCount);
   const int rows = s.height < 0 ? -s.height : s.height;
   const std::uint32_t offBits = 54 + 4 * s.paletteEntries;
@@ -108,11 +108,11 @@ TEST_F(DibFiles, OpensAndDescribesEachDepth) {
   for (Row r :
        {Row{1, 1, 1}, Row{4, 4, 1}, Row{8, 8, 1}, Row{16, 16, 1}, Row{24, 8, 3}, Row{32, 8, 4}}) {
     SCOPED_TRACE(r.bitCount);
-    BmpSpec spec;
-    spec.width = 3;
-    spec.bitCount = r.bitCount;
-    spec.paletteEntries = r.bitCount <= 8 ? 1 << r.bitCount : 0;
-    const std::string path = writeFile("d.bmp", makeBmp(spec));
+    BmpLayout layout;
+    layout.width = 3;
+    layout.bitCount = r.bitCount;
+    layout.paletteEntries = r.bitCount <= 8 ? 1 << r.bitCount : 0;
+    const std::string path = writeFile("d.bmp", makeBmp(layout));
     quib::Dib dib(path);
     ASSERT_FALSE(dib.fail());
     EXPECT_EQ(dib.path(), path);
@@ -126,15 +126,15 @@ TEST_F(DibFiles, OpensAndDescribesEachDepth) {
     EXPECT_EQ(dib.getYDpi(), 72);
     EXPECT_EQ(dib.getPlaneCount(), 1);
     EXPECT_EQ(dib.getImageSize(), 3u * dib.getLineBytes());
-    EXPECT_EQ(dib.getPalette().size(), std::uint64_t(spec.paletteEntries));
-    EXPECT_EQ(dib.tell(), 54 + 4 * spec.paletteEntries);
+    EXPECT_EQ(dib.getPalette().size(), std::uint64_t(layout.paletteEntries));
+    EXPECT_EQ(dib.tell(), 54 + 4 * layout.paletteEntries);
   }
 }
 
 TEST_F(DibFiles, BottomUpRowsComeInFileOrder) {
-  BmpSpec spec;
-  spec.height = 5;
-  const Bytes bytes = makeBmp(spec);
+  BmpLayout layout;
+  layout.height = 5;
+  const Bytes bytes = makeBmp(layout);
   quib::Dib dib(writeFile("up.bmp", bytes));
   ASSERT_TRUE(dib);
   Bytes band(2 * 4);
@@ -150,9 +150,9 @@ TEST_F(DibFiles, BottomUpRowsComeInFileOrder) {
 }
 
 TEST_F(DibFiles, TopDownBlocksComeFromTheEndBackwards) {
-  BmpSpec spec;
-  spec.height = -10;
-  quib::Dib dib(writeFile("down.bmp", makeBmp(spec)));
+  BmpLayout layout;
+  layout.height = -10;
+  quib::Dib dib(writeFile("down.bmp", makeBmp(layout)));
   ASSERT_TRUE(dib);
   EXPECT_EQ(dib.getHeight(), 10);
   EXPECT_TRUE(dib.isTopDown());
@@ -167,7 +167,7 @@ TEST_F(DibFiles, TopDownBlocksComeFromTheEndBackwards) {
 }
 
 TEST_F(DibFiles, CursorsClampAndWrapTheirIndex) {
-  quib::Dib dib(writeFile("c.bmp", makeBmp(BmpSpec{})));
+  quib::Dib dib(writeFile("c.bmp", makeBmp(BmpLayout{})));
   ASSERT_TRUE(dib);
   dib.seek(0, 3 + 5);
   EXPECT_EQ(dib.tell(0), 3);
@@ -297,7 +297,7 @@ TEST_F(DibFiles, NewFileHeadersAtTheByteLevel) {
 }
 
 TEST_F(DibFiles, ReopeningAnExistingBitmapKeepsItsOffset) {
-  const std::string path = writeFile("old.bmp", makeBmp(BmpSpec{4, 3, 8, 256, 0}));
+  const std::string path = writeFile("old.bmp", makeBmp(BmpLayout{4, 3, 8, 256, 0}));
   quib::Dib dib(path, 4, 3, 96, 96, 8, 4, 1, quib::Palette());
   ASSERT_TRUE(dib);
   EXPECT_EQ(dib.getDataOffset(), 1078);
@@ -312,11 +312,11 @@ TEST_F(DibFiles, ReopeningAnExistingBitmapKeepsItsOffset) {
 
 TEST_F(DibFiles, OnePlaneTransfersWalkWithTheSampleStride) {
   // Width 4, three samples: rows of 12 bytes without padding, one-sample rows of 4 bytes.
-  BmpSpec spec;
-  spec.width = 4;
-  spec.bitCount = 24;
-  spec.height = 2;
-  quib::Dib dib(writeFile("p.bmp", makeBmp(spec)));
+  BmpLayout layout;
+  layout.width = 4;
+  layout.bitCount = 24;
+  layout.height = 2;
+  quib::Dib dib(writeFile("p.bmp", makeBmp(layout)));
   ASSERT_TRUE(dib);
   Bytes plane(8);
   EXPECT_EQ(dib.read(1, plane.data(), int(plane.size())), 8);
@@ -340,11 +340,11 @@ TEST_F(DibFiles, OnePlaneTransfersWalkWithTheSampleStride) {
 
 TEST_F(DibFiles, OnePlaneReadWithPaddingWalksAcrossRowEnds) {
   // Width 3, three samples: rows of 12 bytes (9 + 3 padding), one-sample rows of 4 bytes.
-  BmpSpec spec;
-  spec.width = 3;
-  spec.bitCount = 24;
-  spec.height = 3;
-  const Bytes file = makeBmp(spec);
+  BmpLayout layout;
+  layout.width = 3;
+  layout.bitCount = 24;
+  layout.height = 3;
+  const Bytes file = makeBmp(layout);
   quib::Dib dib(writeFile("pad.bmp", file));
   ASSERT_TRUE(dib);
   Bytes plane(2 * 4 + 3, 0x55);  // room for two one-sample rows and a little more
@@ -383,13 +383,13 @@ TEST_F(DibFiles, RefusesHostileHeaders) {
       {"rows overflow 32 bits", 18, 0x40000000u, 0},
       {"truncated rows", 0, 0, 54 + 4 * 4 + 2},
   };
-  BmpSpec spec;
-  spec.width = 16;
-  spec.height = 5;
-  spec.bitCount = 32;
+  BmpLayout layout;
+  layout.width = 16;
+  layout.height = 5;
+  layout.bitCount = 32;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Bytes b = makeBmp(spec);
+    Bytes b = makeBmp(layout);
     if (c.keep != 0 || c.at == 0) b.resize(c.keep == 0 && c.at == 0 ? b.size() : c.keep);
     if (std::string(c.name) == "empty") b.clear();
     if (c.at == 0 && std::string(c.name) == "other magic") put16(b, 0, c.value);
@@ -413,7 +413,7 @@ TEST_F(DibFiles, RefusesHostileHeaders) {
 
 // Found by the fuzzer: rows x height x planes overflowed 64 bits in the size check.
 TEST_F(DibFiles, RefusesGeometryWhoseProductOverflows) {
-  Bytes b = makeBmp(BmpSpec{});
+  Bytes b = makeBmp(BmpLayout{});
   put32(b, 18, 0x1FFFFFFFu);  // width
   put32(b, 22, 0x7FFFFFFFu);  // height
   put16(b, 26, 0xFFFF);       // planes
@@ -427,7 +427,7 @@ TEST_F(DibFiles, CreateChecksThePathFirst) {
   EXPECT_FALSE(dib.create(file("missing.bmp")));
   EXPECT_FALSE(dib.create(dir.string()));
   EXPECT_FALSE(fs::exists(file("missing.bmp")));  // nothing was created
-  EXPECT_TRUE(dib.create(writeFile("ok.bmp", makeBmp(BmpSpec{}))));
+  EXPECT_TRUE(dib.create(writeFile("ok.bmp", makeBmp(BmpLayout{}))));
   EXPECT_EQ(dib.getWidth(), 4);
 
   // Creating for writing refuses arguments whose rows cannot be computed.
@@ -437,7 +437,7 @@ TEST_F(DibFiles, CreateChecksThePathFirst) {
 }
 
 TEST_F(DibFiles, CopiesShareTheFileAndCloseReleases) {
-  const std::string path = writeFile("s.bmp", makeBmp(BmpSpec{}));
+  const std::string path = writeFile("s.bmp", makeBmp(BmpLayout{}));
   quib::Dib a(path);
   quib::Dib b = a;
   a.close();
