@@ -36,6 +36,13 @@ Json Json::numbers(std::vector<double> const& values) {
   return j;
 }
 
+Json Json::strings(std::vector<std::string> const& values) {
+  Json j = array();
+  for (std::string const& v : values)
+    j.push(v);
+  return j;
+}
+
 Json& Json::push(Json v) {
   if (kind != kind_t::array) throw std::logic_error("Json::push on a value that is not an array");
   items.push_back(std::move(v));
@@ -363,6 +370,24 @@ void Progress::done() {
   if (!shown) return;
   ctx.err << "\r\033[K" << std::flush;
   shown = false;
+}
+
+bool toWide(std::string const& text, std::wstring& out) {
+  out.clear();
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t n = utf8Length(text, i);
+    if (n == 0) return false;
+    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+    std::uint32_t cp = n == 1   ? byte(i)
+                       : n == 2 ? byte(i) & 0x1Fu
+                       : n == 3 ? byte(i) & 0x0Fu
+                                : byte(i) & 0x07u;
+    for (std::size_t k = 1; k < n; ++k)
+      cp = (cp << 6) | (byte(i + k) & 0x3Fu);
+    out += static_cast<wchar_t>(cp);
+    i += n;
+  }
+  return true;
 }
 
 std::string unreadableReason(std::string const& path) {

@@ -64,6 +64,8 @@ class Json {
   static Json object();
   /// An array of numbers.
   static Json numbers(std::vector<double> const& values);
+  /// An array of strings.
+  static Json strings(std::vector<std::string> const& values);
 
   /// Appends to an array.
   Json& push(Json v);
@@ -173,6 +175,10 @@ class Progress {
   std::size_t count = 0;
   bool shown = false;
 };
+
+/// UTF-8 text as a wide string (one wchar_t per code point); false when `text` is not valid
+/// UTF-8. The library's path-taking calls want wide strings.
+bool toWide(std::string const& text, std::wstring& out);
 
 /// The reason an existing path could not be read as a file: "no such file or directory",
 /// "is a directory", the system's message for an open failure, or "" when it opens.

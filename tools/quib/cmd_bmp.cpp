@@ -3,6 +3,10 @@
 
 #include "commands.hpp"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <ostream>
 
@@ -24,6 +28,9 @@ namespace {
 // whose headers do not hold together.
 std::string refusal(std::string const& path) {
   if (std::string reason = unreadableReason(path); !reason.empty()) return reason;
+  // The reader opens files for reading and updating.
+  if (::access(path.c_str(), W_OK) != 0)
+    return "cannot be opened for reading and updating: " + std::string(std::strerror(errno));
   std::ifstream in(path, std::ios::binary);
   char magic[2] = {0, 0};
   in.read(magic, 2);
