@@ -5,3 +5,6 @@
 #include <quib/region.hpp>
 #include <quib/image.hpp>
 #include <quib/dib.hpp>
+#include <quib/clock.hpp>
+#include <quib/path.hpp>
+#include <quib/hash.hpp>
