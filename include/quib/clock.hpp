@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <type_traits>
 #include <vector>
 
 namespace quib {
@@ -52,6 +53,9 @@ class QUIB_API Clock {
  private:
   std::int64_t start = 0;
 };
+
+static_assert(std::is_trivially_copyable_v<Clock>);
+static_assert(sizeof(Clock) == sizeof(std::int64_t));
 
 namespace implant_fps {
 
