@@ -3,13 +3,15 @@
 
 #include <algorithm>
 #include <chrono>
-#include <limits>
 #include <memory>
 #include <thread>
 
 #if defined(_WIN32)
-#include <timeapi.h>
+#define NOMINMAX
+#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
+
+#include <timeapi.h>  // after windows.h
 #endif
 
 namespace quib {
