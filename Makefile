@@ -39,7 +39,7 @@ tsan:
 	@scripts/bootstrap
 	$(call configure,build-tsan,RelWithDebInfo) -DQUIB_SANITIZE=thread -DQUIB_BUILD_BENCH=OFF \
 	  -DQUIB_BUILD_EXAMPLES=OFF -DQUIB_BUILD_TOOLS=OFF >/dev/null
-	cmake --build build-tsan -j $(JOBS)
+	cmake --build build-tsan -j $(JOBS) --target quib_tsan_tests
 	ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -L tsan
 
 fuzz:
