@@ -21,7 +21,28 @@ struct Command {
 /// All subcommands, in the order `quib --help` lists them.
 std::vector<Command> const& commands();
 
+// One entry point and one help text per subcommand.
 int runBmp(Context& ctx, std::vector<std::string> const& argv);
+int runHash(Context& ctx, std::vector<std::string> const& argv);
+int runName(Context& ctx, std::vector<std::string> const& argv);
+int runFit(Context& ctx, std::vector<std::string> const& argv);
+int runStl(Context& ctx, std::vector<std::string> const& argv);
+int runDicom(Context& ctx, std::vector<std::string> const& argv);
+int runCalibrate(Context& ctx, std::vector<std::string> const& argv);
+int runUndistort(Context& ctx, std::vector<std::string> const& argv);
+int runContours(Context& ctx, std::vector<std::string> const& argv);
+int runRegister(Context& ctx, std::vector<std::string> const& argv);
+int runDemo(Context& ctx, std::vector<std::string> const& argv);
 extern char const* const bmpHelp;
+extern char const* const hashHelp;
+extern char const* const nameHelp;
+extern char const* const fitHelp;
+extern char const* const stlHelp;
+extern char const* const dicomHelp;
+extern char const* const calibrateHelp;
+extern char const* const undistortHelp;
+extern char const* const contoursHelp;
+extern char const* const registerHelp;
+extern char const* const demoHelp;
 
 }  // namespace quib::tool
