@@ -24,10 +24,10 @@ std::string bitmap(std::int32_t width, std::int32_t height, int bitCount, int co
     for (int i = 0; i < n; ++i)
       b[at + i] = static_cast<char>(v >> (8 * i));
   };
-  const int lineBytes = ((width * bitCount + 31) / 32) * 4;
+  const std::int64_t lineBytes = ((std::int64_t(width) * bitCount + 31) / 32) * 4;
   b[0] = 'B';
   b[1] = 'M';
-  put(2, 54 + lineBytes * rows, 4);
+  put(2, static_cast<std::uint32_t>(54 + lineBytes * rows), 4);
   put(10, 54, 4);
   put(14, 40, 4);
   put(18, static_cast<std::uint32_t>(width), 4);
