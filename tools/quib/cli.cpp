@@ -362,7 +362,9 @@ Progress::~Progress() {
 void Progress::step(std::string const& label) {
   ++count;
   if (!ctx.terminal) return;
-  ctx.err << "\r\033[K[" << count << '/' << total << "] " << oneLine(label) << std::flush;
+  ctx.err << "\r\033[K";
+  if (total) ctx.err << '[' << count << '/' << total << "] ";
+  ctx.err << oneLine(label) << std::flush;
   shown = true;
 }
 

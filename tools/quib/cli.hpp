@@ -165,7 +165,7 @@ class Progress {
   ~Progress();
   Progress(Progress const&) = delete;
   Progress& operator=(Progress const&) = delete;
-  /// Shows "[i/total] label" for the next item.
+  /// Shows "[i/total] label" for the next item (just the label when the total is unknown, 0).
   void step(std::string const& label);
   void done();
 
