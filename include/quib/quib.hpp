@@ -5,3 +5,4 @@
 #include <quib/region.hpp>
 #include <quib/image.hpp>
 #include <quib/dib.hpp>
+#include <quib/dicom.hpp>
