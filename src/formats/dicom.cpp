@@ -265,8 +265,9 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_header(std::istream& in) {
 
 Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
                                                      std::shared_ptr<Data>& data) {
+  // Every header form starts with 8 bytes: tag, then a 32-bit length or VR and more.
   unsigned char head[12];
-  std::size_t got = pull(in, head, 4);
+  std::size_t got = pull(in, head, 8);
   if (got < 4) {
     rewind(in, got);
     return {false, 4};
@@ -276,19 +277,18 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
   std::uint16_t number = load16(head + 2, little);
   if (meta && group != 2) {
     meta = false;
-    rewind(in, 4);
+    rewind(in, got);
     return {false, 0};
+  }
+  if (got < 8) {
+    rewind(in, got);
+    return {false, 8};
   }
 
   Data header;
   std::uint32_t count = 8;
   if (!meta && (implicit || group == kItemGroup)) {
     // Implicit VR, and items and delimiters in any encoding: tag and 32-bit length.
-    got = pull(in, head + 4, 4);
-    if (got < 4) {
-      rewind(in, 4 + got);
-      return {false, 8};
-    }
     std::uint32_t size = load32(head + 4, little);
     if (!implicit) {
       header = Data(group, number, 0, size);
@@ -300,11 +300,6 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
       header = Data(group, number, 0, size);
     }
   } else {
-    got = pull(in, head + 4, 4);
-    if (got < 4) {
-      rewind(in, 4 + got);
-      return {false, 8};
-    }
     // The VR characters are bytes in file order, whatever the byte order of the numbers.
     std::uint16_t type = static_cast<std::uint16_t>(head[4] | (head[5] << 8));
     if (is_long_form(type)) {
@@ -465,7 +460,9 @@ int Dicom::load(std::istream& in) {
     clear();
     return -1;
   }
-  table_t found;
+  // Values are collected in file order and hashed once at the end, so that the table is
+  // sized once instead of rehashing as it grows.
+  std::vector<std::pair<std::uint32_t, std::vector<unsigned char>>> read;
   std::shared_ptr<Data> data;
   std::vector<unsigned char> value;
   for (;;) {
@@ -483,9 +480,13 @@ int Dicom::load(std::istream& in) {
       if (body.second == kUndefinedLength) continue;  // walk into the sequence or item
       break;
     }
-    found.insert_or_assign(data->get_tag(), std::move(value));
+    read.emplace_back(data->get_tag(), std::move(value));
     value = std::vector<unsigned char>();
   }
+  table_t found;
+  found.reserve(read.size());
+  for (auto& [key, bytes] : read)
+    found.insert_or_assign(key, std::move(bytes));  // later wins
   table.swap(found);
   return int(table.size());
 }
