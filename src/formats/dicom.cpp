@@ -233,7 +233,9 @@ std::string_view trim_uid(const std::vector<unsigned char>& value) {
 constexpr std::uint32_t kUndefinedLength = 0xFFFFFFFFu;
 constexpr std::uint16_t kItemGroup = 0xFFFE;
 // Values up to this size are read in one go even when the stream cannot say how much is left.
-constexpr std::size_t kChunk = std::size_t{1} << 16;
+constexpr std::size_t kSmall = std::size_t{1} << 12;
+// Larger ones from such a stream are copied through a block of this size.
+constexpr std::size_t kBlock = std::size_t{1} << 17;
 
 }  // namespace
 
@@ -337,6 +339,7 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
 
   const std::size_t want = size;
   std::streamsize buffered = in.good() ? in.rdbuf()->in_avail() : 0;
+  bool copy_through = false;
   if (buffered < 0 || std::size_t(buffered) < want) {
     // Check that the stream holds the whole value before allocating it.
     std::streamoff left = in.good() ? bytes_left(in) : 0;
@@ -344,32 +347,28 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
       in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
       return {false, size};
     }
-    if (left < 0 && want > kChunk) {
-      // The stream cannot tell its length: grow with what actually arrives.
-      std::size_t have = 0;
-      while (have < want) {
-        std::size_t step = std::min(want - have, std::max(kChunk, have));
-        value.resize(have + step);
-        std::size_t got = pull(in, value.data() + have, step);
-        have += got;
-        if (got < step) {
-          rewind(in, have);
-          value.clear();
-          value.shrink_to_fit();
-          return {false, size};
-        }
-      }
-    }
+    // A stream that cannot tell its length grows the value with what actually arrives.
+    copy_through = left < 0 && want > kSmall;
   }
-  if (value.size() != want) {
-    value.resize(want);
-    std::size_t got = pull(in, value.data(), want);
-    if (got < want) {
-      rewind(in, got);
-      value.clear();
-      value.shrink_to_fit();
-      return {false, size};
+  std::size_t got = 0;
+  if (copy_through) {
+    std::unique_ptr<unsigned char[]> block(new unsigned char[std::min(want, kBlock)]);
+    while (got < want) {
+      std::size_t step = std::min(want - got, kBlock);
+      std::size_t part = pull(in, block.get(), step);
+      value.insert(value.end(), block.get(), block.get() + part);
+      got += part;
+      if (part < step) break;
     }
+  } else {
+    value.resize(want);
+    got = pull(in, value.data(), want);
+  }
+  if (got < want) {
+    rewind(in, got);
+    value.clear();
+    value.shrink_to_fit();
+    return {false, size};
   }
 
   if (data->get_type() == dicom::vr('U', 'I')) {
