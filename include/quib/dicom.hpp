@@ -282,7 +282,8 @@ class QUIB_API Dicom {
   /// Reads the file; returns the number of distinct tags stored, or -1 (table emptied) when
   /// the file cannot be opened or its preamble and magic are refused.
   int load(const std::wstring& path);
-  /// The same from a stream positioned anywhere (the file header is read from offset 0).
+  /// The same from a seekable stream positioned anywhere (the file header is read from offset
+  /// 0). A stream whose exceptions the caller has enabled may throw them.
   int load(std::istream& in);
 
   table_t& elements() { return table; }
