@@ -136,6 +136,22 @@ TEST(Dicom, OpensWidePathsThroughTheirUtf8Name) {
   EXPECT_EQ(d.load(std::wstring(folder.begin(), folder.end()) + L"/\xD800.dcm"), -1);
 }
 
+TEST(Dicom, ReadsFilesLargerThanTheirReadBuffer) {
+  TempDir dir;
+  Builder b;
+  b.meta(kExplicit);
+  for (unsigned i = 0; i < 30000; ++i)
+    b.put(0x0F00 + 2 * (i / 4096), 0x10 + i % 4096, "LO", std::to_string(1000000 + i) + "x");
+  b.put(0x7FE0, 0x0010, "OW", std::string(200000, 'p'));
+  const std::string path = dir.write("big.dcm", b.bytes);
+  Dicom d(std::wstring(path.begin(), path.end()));
+  ASSERT_EQ(d->size(), 30003u);
+  for (unsigned i = 0; i < 30000; i += 997)
+    EXPECT_EQ(value_of(d, 0x0F00 + 2 * (i / 4096), 0x10 + i % 4096),
+              bytes_of(std::to_string(1000000 + i) + "x"));
+  EXPECT_EQ(value_of(d, 0x7FE0, 0x0010), bytes_of(std::string(200000, 'p')));
+}
+
 TEST(Dicom, ReadsEveryEncodingKeepingFileByteOrder) {
   for (const std::string& uid : {kImplicit, kExplicit, kBig, kDeflated}) {
     SCOPED_TRACE(uid);
