@@ -3,6 +3,7 @@
 
 #include <quib/clock.hpp>
 #include <quib/dib.hpp>
+#include <quib/dicom.hpp>
 #include <quib/export.hpp>
 #include <quib/hash.hpp>
 #include <quib/image.hpp>

@@ -1,0 +1,305 @@
+// Reading DICOM files into a table of raw element values, and the DICOM data dictionary.
+#pragma once
+
+#include <quib/dicom_element.hpp>
+#include <quib/export.hpp>
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace quib {
+namespace dicom {
+
+/// An element tag as it lies in a little-endian file: group, then element number. Its table
+/// key (tag_key) holds the group in the low 16 bits and the number in the high 16 bits.
+struct data_tag_t {
+  std::uint16_t group;
+  std::uint16_t number;
+};
+/// The first six bytes of an explicit-VR element header: tag and the two VR characters.
+struct data_type_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  char vr[2];
+};
+/// Explicit-VR element header with a 16-bit length (8 bytes).
+struct data_short_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  char vr[2];
+  std::uint16_t length;
+};
+/// Explicit-VR element header with a 32-bit length after two reserved bytes (12 bytes).
+struct data_long_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  char vr[2];
+  std::uint16_t reserved;
+  std::uint32_t length;
+};
+/// Implicit-VR element header (8 bytes).
+struct data_implicit_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  std::uint32_t length;
+};
+static_assert(sizeof(data_tag_t) == 4 && sizeof(data_type_t) == 6);
+static_assert(sizeof(data_short_t) == 8 && sizeof(data_long_t) == 12);
+static_assert(sizeof(data_implicit_t) == 8);
+static_assert(std::is_trivially_copyable_v<data_long_t>);
+
+/// One row of the dictionary's exact-tag table. `type` is the VR's two characters read as a
+/// little-endian 16-bit value ("OB" is 0x424F), 0 for elements without a VR (items and
+/// delimiters). Where the dictionary allows several VRs the row carries the one used when no
+/// VR is written: OW for "OB or OW", otherwise the first listed. `name` is the full name,
+/// never null; retired or trial elements keep suffixes such as "(Trial)" or "(Retired)".
+struct data_set_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  std::uint16_t type;
+  element_t element;
+  const char* name;
+};
+/// One row of the dictionary's masked table, standing for a family of tags (repeating groups
+/// such as the overlays 60xx, element ranges such as (0028,04x0)). A tag belongs to the row
+/// when (group & group_mask) == group and (number & number_mask) == number.
+struct data_map_t {
+  std::uint16_t group;
+  std::uint16_t number;
+  std::uint16_t group_mask;
+  std::uint16_t number_mask;
+  std::uint16_t type;
+  element_t element;
+  const char* name;
+};
+
+/// The table key of a tag: group in the low 16 bits, number in the high 16 bits.
+constexpr std::uint32_t tag_key(std::uint16_t group, std::uint16_t number) {
+  return std::uint32_t{group} | (std::uint32_t{number} << 16);
+}
+/// The table key under which an element of that identity is stored (for a masked row, the
+/// family's tag); 0 for `unknown` or a value outside the enumeration.
+QUIB_API std::uint32_t tag_key(element_t element);
+
+/// The exact-tag row of (group, number), or null. Binary search over the sorted table.
+QUIB_API const data_set_t* find_set(std::uint16_t group, std::uint16_t number);
+/// The first masked row in table order that matches (group, number), or null.
+QUIB_API const data_map_t* find_map(std::uint16_t group, std::uint16_t number);
+/// The exact-tag row of an identity, or null when it is not an exact-tag identity.
+QUIB_API const data_set_t* find_set(element_t element);
+/// The masked row of an identity, or null when it is not a masked identity.
+QUIB_API const data_map_t* find_map(element_t element);
+
+/// True when data in the given byte order (little-endian when `little`) must be byte-swapped
+/// to be read on this host.
+constexpr bool is_swap_endian(bool little) {
+#if defined(__BYTE_ORDER__) && defined(__ORDER_BIG_ENDIAN__) && \
+    __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  return little;
+#else
+  return !little;
+#endif
+}
+
+/// Byte-swaps every 16-bit field and byte-reverses every 32-bit field when `swap` is true;
+/// VR characters are never touched. The two-argument forms work in place, the others copy
+/// `source` into `target` first.
+inline void swap_endian(std::uint16_t& value, bool swap) {
+  if (swap) value = static_cast<std::uint16_t>((value >> 8) | (value << 8));
+}
+inline void swap_endian(std::uint32_t& value, bool swap) {
+  if (swap) {
+    value =
+        (value >> 24) | ((value >> 8) & 0x0000FF00u) | ((value << 8) & 0x00FF0000u) | (value << 24);
+  }
+}
+inline void swap_endian(data_tag_t& value, bool swap) {
+  swap_endian(value.group, swap);
+  swap_endian(value.number, swap);
+}
+inline void swap_endian(data_type_t& value, bool swap) {
+  swap_endian(value.group, swap);
+  swap_endian(value.number, swap);
+}
+inline void swap_endian(data_short_t& value, bool swap) {
+  swap_endian(value.group, swap);
+  swap_endian(value.number, swap);
+  swap_endian(value.length, swap);
+}
+inline void swap_endian(data_long_t& value, bool swap) {
+  swap_endian(value.group, swap);
+  swap_endian(value.number, swap);
+  swap_endian(value.reserved, swap);
+  swap_endian(value.length, swap);
+}
+inline void swap_endian(data_implicit_t& value, bool swap) {
+  swap_endian(value.group, swap);
+  swap_endian(value.number, swap);
+  swap_endian(value.length, swap);
+}
+template <class T>
+void swap_endian(T& target, const T& source, bool swap) {
+  target = source;
+  swap_endian(target, swap);
+}
+
+}  // namespace dicom
+
+/// A DICOM file read into a flat table that maps each element's tag key (dicom::tag_key) to
+/// the bytes of its value exactly as stored, in the file's byte order. Only what is needed to
+/// walk the file is interpreted: the all-zero 128-byte preamble and "DICM", the byte order of
+/// the meta group, implicit or explicit VR, and transfer syntax UIDs wherever a UI element
+/// stands. Sequences of defined length are kept whole; the items of undefined-length sequences
+/// are read as if their elements stood at the top level (a later element replaces an earlier
+/// one with the same tag). In implicit-VR data the members of a repeating group share their
+/// family's tag, for example every overlay group 60xx is stored under 6000.
+///
+/// The table owns its values; copies copy them. load returns -1 and leaves the table empty
+/// when the file cannot be opened or its preamble or magic is refused; a truncated or
+/// malformed file keeps the elements read before the damage. No value is allocated beyond
+/// what the file still holds. Only allocation failure throws. A Dicom object belongs to one
+/// thread at a time; const access from several threads is safe.
+///
+///     quib::Dicom file(L"ct.dcm");
+///     auto rows = file->find(quib::dicom::tag_key(quib::dicom::Rows));
+///     if (rows != file->end() && rows->second.size() == 2) { /* decode 2 bytes */ }
+class QUIB_API Dicom {
+ public:
+  using table_t = std::unordered_map<std::uint32_t, std::vector<unsigned char>>;
+
+  /// One element header: tag, VR and value length, with lazily found dictionary rows.
+  /// A Data holds pointers into the static dictionary only; it never owns memory. A
+  /// default-constructed Data is empty (group 0). The dictionary lookup of get_element and
+  /// get_name caches its result in the object, so one Data belongs to one thread at a time.
+  ///
+  ///     quib::Dicom::Data data(0x0010, 0x0010, 8);
+  ///     std::string name = data.get_name();  // "Patient's Name"
+  class QUIB_API Data {
+   public:
+    Data() = default;
+    /// Fields as given; dictionary rows are found on first use.
+    Data(std::uint16_t group, std::uint16_t number, std::uint16_t type, std::uint32_t size);
+    /// Type 0; both dictionary rows are looked up at once.
+    Data(std::uint16_t group, std::uint16_t number, std::uint32_t size);
+    /// Group, number and VR from the row; a null row gives an empty Data of that size.
+    Data(const dicom::data_set_t* row, std::uint32_t size);
+    /// The family's group and number values and the VR from the row; null as above.
+    Data(const dicom::data_map_t* row, std::uint32_t size);
+
+    std::uint16_t get_group() const { return group; }
+    std::uint16_t get_number() const { return number; }
+    /// The VR as two little-endian characters ("OB" is 0x424F); 0 when unknown.
+    std::uint16_t get_type() const { return type; }
+    /// The value length; 0xFFFFFFFF is an undefined length.
+    std::uint32_t get_size() const { return size; }
+    std::uint32_t get_tag() const { return dicom::tag_key(group, number); }
+    bool is() const { return group != 0; }
+    bool empty() const { return group == 0; }
+    /// The dictionary identity: an exact-tag row wins over a masked one; `unknown` when
+    /// neither table knows the tag.
+    dicom::element_t get_element() const;
+    /// The dictionary name, found as in get_element; empty when unknown.
+    std::string get_name() const;
+
+   private:
+    void look_up() const;
+
+    std::uint16_t group = 0;
+    std::uint16_t number = 0;
+    std::uint16_t type = 0;
+    std::uint32_t size = 0;
+    mutable const dicom::data_set_t* set = nullptr;
+    mutable const dicom::data_map_t* map = nullptr;
+    mutable bool looked_up = false;
+  };
+
+  /// The state of a walk over a DICOM stream, and its three steps: the file header, one
+  /// element header, one element value. Each step returns (success, byte count) and, when it
+  /// fails, puts the stream back where the step began (a stream that ran out keeps reporting
+  /// end of file). The Analyzer holds four flags only; the caller owns the stream and the
+  /// buffers. One Analyzer belongs to one walk on one thread.
+  ///
+  ///     quib::Dicom::Analyzer walk;
+  ///     std::shared_ptr<quib::Dicom::Data> data;
+  ///     std::vector<unsigned char> value;
+  ///     if (walk.read_header(in).first)
+  ///       while (walk.read_data(in, data).first && walk.read_buffer(in, data, value).first) {}
+  class QUIB_API Analyzer {
+   public:
+    using result_t = std::pair<bool, std::uint32_t>;
+
+    /// All four flags true: meta group, implicit VR, little-endian meta and data set.
+    Analyzer() = default;
+
+    /// Checks the 128 zero bytes of the preamble (fails with 128), "DICM" (fails with 132)
+    /// and that an element follows (fails with 136); a meta group whose group number is
+    /// written big-endian clears meta_little. Succeeds with 132, positioned after "DICM".
+    result_t read_header(std::istream& in);
+    /// Reads one element header into `data` (reusing the object when `data` is its only
+    /// owner). Succeeds with the header's size (8 or 12). Fails with 4 when the tag is cut
+    /// short, with 0 when the meta group has just ended (meta is then false and the same
+    /// bytes are read again as a data set element), with 8 or 12 when the rest of the header
+    /// is cut short, and with 8 for a meta element whose VR is not known. `data` keeps its
+    /// earlier contents after a failure.
+    result_t read_data(std::istream& in, std::shared_ptr<Data>& data);
+    /// Reads the value of the element `data` describes into `value`. Fails with 0xFFFFFFFF on
+    /// an undefined length (nothing read), with the length when the stream holds fewer bytes
+    /// (nothing allocated beyond what is there), and with 0 for a null `data`; `value` is
+    /// empty after a failure. A UI value that names a transfer syntax switches the data set's
+    /// VR form and byte order.
+    result_t read_buffer(std::istream& in, const std::shared_ptr<Data>& data,
+                         std::vector<unsigned char>& value);
+
+    bool is_meta() const { return meta; }
+    bool is_implicit() const { return implicit; }
+    bool is_meta_little() const { return meta_little; }
+    bool is_endian_little() const { return endian_little; }
+    bool is_meta_swap() const { return dicom::is_swap_endian(meta_little); }
+    bool is_endian_swap() const { return dicom::is_swap_endian(endian_little); }
+
+   private:
+    bool meta = true;
+    bool implicit = true;
+    bool meta_little = true;
+    bool endian_little = true;
+  };
+
+  Dicom() = default;
+  /// Calls load(path).
+  explicit Dicom(const std::wstring& path);
+  Dicom(const Dicom&) = default;
+  Dicom& operator=(const Dicom&) = default;
+  Dicom(Dicom&&) noexcept = default;
+  Dicom& operator=(Dicom&&) noexcept = default;
+  ~Dicom() = default;
+
+  /// Reads the file; returns the number of distinct tags stored, or -1 (table emptied) when
+  /// the file cannot be opened or its preamble and magic are refused.
+  int load(const std::wstring& path);
+  /// The same from a seekable stream positioned anywhere (the file header is read from offset
+  /// 0). A stream whose exceptions the caller has enabled may throw them.
+  int load(std::istream& in);
+
+  table_t& elements() { return table; }
+  const table_t& elements() const { return table; }
+  table_t& operator*() { return table; }
+  const table_t& operator*() const { return table; }
+  table_t* operator->() { return &table; }
+  const table_t* operator->() const { return &table; }
+
+  bool is() const { return !table.empty(); }
+  bool empty() const { return table.empty(); }
+  void clear() { table.clear(); }
+  void swap(Dicom& other) noexcept { table.swap(other.table); }
+
+ private:
+  table_t table;
+};
+
+}  // namespace quib
