@@ -22,7 +22,9 @@ namespace quib::ocv {
 /// A trace never steps onto an outermost row or column across the image border: a move with a
 /// leftward component needs the neighbour's x >= 1, a rightward one x <= columns - 2, an upward
 /// one y >= 1, a downward one y <= rows - 2. A region touching the border is therefore traced
-/// along its inner side there. Each boundary pixel's visit count is kept in the mask (1 to 254);
+/// along its inner side there. The one exception is the trace's own start pixel, which can
+/// always be stepped back onto, so that every trace closes where it began. Each boundary pixel's
+/// visit count is kept in the mask (1 to 254);
 /// a pixel counted up to 255 is worn out and not entered again, which bounds every trace.
 ///
 /// Memory: the tracer owns a private copy of the image (base) and a mask of the same size. The
@@ -107,7 +109,8 @@ class QUIB_API ContourTracer {
   bool trace(std::vector<cv::Point>& contour, cv::Point const& start, unsigned char blank);
   /// Tries to move `c` one step in direction `d` (0 below left, 1 below, 2 below right,
   /// 3 right, 4 above right, 5 above, 6 above left, 7 left). The neighbour must lie inside the
-  /// image with the one-pixel margin on the side of the move, be foreground and have a mask
+  /// image with the one-pixel margin on the side of the move (waived for the start pixel,
+  /// contour.front()), be foreground and have a mask
   /// count below 255. On success `c` moves, its count goes up by one, a first visit appends it
   /// to `contour`, and the result is the neighbour's linear index (>= 0); otherwise -1 and
   /// nothing changes.

@@ -7,6 +7,10 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+#error "the row scan reads eight pixels as a little-endian word"
+#endif
+
 namespace quib::ocv {
 
 namespace {
@@ -17,6 +21,106 @@ constexpr int kDy[8] = {1, 1, 1, 0, -1, -1, -1, 0};
 
 bool is_gray8(cv::Mat const& m) {
   return m.dims == 2 && m.type() == CV_8UC1;
+}
+
+// The two matrices as plain pointers and sizes. Held in a local, the values stay in registers
+// while the mask is written (a write through unsigned char may alias anything reachable).
+struct Grid {
+  unsigned char const* base;
+  unsigned char* mask;
+  int cols;
+  int rows;
+};
+
+// Linear indices of (x, y) in base and in mask, through the caller's accessor.
+struct ViaAccessor {
+  cv::Mat const& base;
+  cv::Mat const& mask;
+  std::ptrdiff_t (*at)(cv::Mat const&, int, int);
+  std::ptrdiff_t in_base(int x, int y) const { return at(base, x, y); }
+  std::ptrdiff_t in_mask(int x, int y) const { return at(mask, x, y); }
+};
+
+// The same indices computed directly (what the default accessor computes).
+struct Direct {
+  std::ptrdiff_t base_step;
+  std::ptrdiff_t mask_step;
+  std::ptrdiff_t in_base(int x, int y) const { return y * base_step + x; }
+  std::ptrdiff_t in_mask(int x, int y) const { return y * mask_step + x; }
+};
+
+// Whether the neighbour (nx, ny), reached by the step (dx, dy), keeps one pixel of margin on
+// the side of the move.
+inline bool within_margin(Grid const& g, int dx, int dy, int nx, int ny) {
+  return !((dx < 0 && nx < 1) || (dx > 0 && nx > g.cols - 2) || (dy < 0 && ny < 1) ||
+           (dy > 0 && ny > g.rows - 2));
+}
+
+// One step of a trace: the body of trace_one, shared with trace so that it can be inlined.
+// The trace's start pixel, contour.front(), may always be re-entered: a start in the top row
+// or the left column could otherwise never be reached again, and the trace would not close.
+template <class Index>
+inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Point>& contour,
+                           cv::Point& c, int d, unsigned char blank) {
+  const int dx = kDx[d & 7];
+  const int dy = kDy[d & 7];
+  const int nx = c.x + dx;
+  const int ny = c.y + dy;
+  if (!within_margin(g, dx, dy, nx, ny)) {
+    const bool start = !contour.empty() && contour.front().x == nx && contour.front().y == ny;
+    if (!start || nx < 0 || ny < 0 || nx >= g.cols || ny >= g.rows) return -1;
+  }
+  const std::ptrdiff_t at = index.in_base(nx, ny);
+  if (g.base[at] == blank) return -1;
+  unsigned char& count = g.mask[index.in_mask(nx, ny)];
+  if (count == 255) return -1;  // worn out, or marked by the caller
+  if (count == 0) contour.emplace_back(nx, ny);
+  ++count;
+  c = cv::Point(nx, ny);
+  return at;
+}
+
+// A look at a neighbour without moving: (found, its index, or -1 when visited already).
+template <class Index>
+inline std::pair<bool, std::ptrdiff_t> look(Grid const& g, Index const& index, cv::Point const& c,
+                                            int d, unsigned char blank) {
+  const int dx = kDx[d & 7];
+  const int dy = kDy[d & 7];
+  const int nx = c.x + dx;
+  const int ny = c.y + dy;
+  if (!within_margin(g, dx, dy, nx, ny)) return {false, -1};
+  const std::ptrdiff_t at = index.in_base(nx, ny);
+  if (g.base[at] == blank) return {false, -1};
+  if (g.mask[index.in_mask(nx, ny)] != 0) return {true, -1};
+  return {true, at};
+}
+
+// The left edges among the eight pixels row[x .. x + 7], as the high bit of each byte of the
+// result: a pixel differing from blank whose left neighbour (none for x == 0) equals blank.
+inline std::uint64_t left_edges(unsigned char const* row, int x, std::uint64_t blank_word,
+                                unsigned char blank) {
+  std::uint64_t word;
+  std::memcpy(&word, row + x, sizeof word);
+  // High bit of each byte set where the pixel differs from blank (exact per byte: the low
+  // seven bits are summed without carry across bytes).
+  const std::uint64_t v = word ^ blank_word;
+  const std::uint64_t low = 0x7f7f7f7f7f7f7f7full;
+  const std::uint64_t differs = (((v & low) + low) | v) & ~low;
+  // Bytes are in memory order, so the left neighbour of byte k is byte k - 1 (little endian
+  // shift by 8); the neighbour of byte 0 is row[x - 1].
+  const std::uint64_t before = x > 0 && row[x - 1] != blank ? 0x80u : 0u;
+  const std::uint64_t left_differs = (differs << 8) | before;
+  return differs & ~left_differs;
+}
+
+// The index of the lowest byte whose high bit is set.
+inline unsigned lowest_byte(std::uint64_t bits) {
+  unsigned k = 0;
+  while ((bits & 0x80u) == 0) {
+    bits >>= 8;
+    ++k;
+  }
+  return k;
 }
 
 }  // namespace
@@ -73,16 +177,20 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
     const unsigned char* row = base_.ptr<unsigned char>(y);
     while (x < cols) {
       if (x + 8 <= cols) {
-        std::uint64_t word;
-        std::memcpy(&word, row + x, sizeof word);
-        if (word == blank_word) {
+        // Skip eight pixels at once when none is a left edge: a bit per pixel that differs
+        // from blank, and the same shifted by one for its left neighbour.
+        const std::uint64_t edges = left_edges(row, x, blank_word, blank);
+        if (edges == 0) {
           x += 8;
           continue;
         }
+        x += static_cast<int>(lowest_byte(edges));
+      } else if (row[x] == blank || (x > 0 && row[x - 1] != blank)) {
+        ++x;
+        continue;
       }
-      // A start candidate is the left edge of a foreground run.
-      if (row[x] != blank && (x == 0 || row[x - 1] == blank) &&
-          trace(contour, cv::Point(x, y), blank)) {
+      // x is now a start candidate: the left edge of a foreground run.
+      if (trace(contour, cv::Point(x, y), blank)) {
         fill(mask_, contour, F_MASK, F_BLANK);
         position = x + 1 < cols ? cv::Point(x + 1, y) : cv::Point(0, y + 1);
         return true;
@@ -96,7 +204,10 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
 
 bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& start,
                           unsigned char blank) {
-  unsigned char& first = mask_.data[pixel_index(mask_, start.x, start.y)];
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  const Direct index{static_cast<std::ptrdiff_t>(base_.step[0]),
+                     static_cast<std::ptrdiff_t>(mask_.step[0])};
+  unsigned char& first = g.mask[index.in_mask(start.x, start.y)];
   if (first != 0) return false;  // part of a region found before
   contour.clear();
   first = 1;
@@ -108,7 +219,7 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
     bool moved = false;
     for (int k = 0; k < 8; ++k) {
       const int d = (s + k) & 7;
-      if (trace_one(contour, q, d, &pixel_index, blank) >= 0) {
+      if (step(g, index, contour, q, d, blank) >= 0) {
         s = (d + 6) & 7;  // two steps back from the direction of arrival
         moved = true;
         break;
@@ -120,9 +231,9 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
     // unvisited neighbour.
     bool again = false;
     for (int k = 0; k < 8; ++k) {
-      const auto [found, index] = check_one(start, (s + k) & 7, &pixel_index, blank);
+      const auto [found, at] = look(g, index, start, (s + k) & 7, blank);
       if (found) {
-        again = index >= 0;
+        again = at >= 0;
         break;
       }
     }
@@ -133,35 +244,14 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
 
 std::ptrdiff_t ContourTracer::trace_one(std::vector<cv::Point>& contour, cv::Point& c, int d,
                                         accessor at, unsigned char blank) {
-  const int dx = kDx[d & 7];
-  const int dy = kDy[d & 7];
-  const int nx = c.x + dx;
-  const int ny = c.y + dy;
-  // One pixel of margin on the side of the move.
-  if ((dx < 0 && nx < 1) || (dx > 0 && nx > base_.cols - 2) || (dy < 0 && ny < 1) ||
-      (dy > 0 && ny > base_.rows - 2))
-    return -1;
-  if (base_.data[at(base_, nx, ny)] == blank) return -1;
-  unsigned char& count = mask_.data[at(mask_, nx, ny)];
-  if (count == 255) return -1;  // worn out, or marked by the caller
-  if (count == 0) contour.emplace_back(nx, ny);
-  ++count;
-  c = cv::Point(nx, ny);
-  return at(base_, nx, ny);
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return step(g, ViaAccessor{base_, mask_, at}, contour, c, d, blank);
 }
 
 std::pair<bool, std::ptrdiff_t> ContourTracer::check_one(cv::Point const& c, int d, accessor at,
                                                          unsigned char blank) const {
-  const int dx = kDx[d & 7];
-  const int dy = kDy[d & 7];
-  const int nx = c.x + dx;
-  const int ny = c.y + dy;
-  if ((dx < 0 && nx < 1) || (dx > 0 && nx > base_.cols - 2) || (dy < 0 && ny < 1) ||
-      (dy > 0 && ny > base_.rows - 2))
-    return {false, -1};
-  if (base_.data[at(base_, nx, ny)] == blank) return {false, -1};
-  if (mask_.data[at(mask_, nx, ny)] != 0) return {true, -1};
-  return {true, at(base_, nx, ny)};
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return look(g, ViaAccessor{base_, mask_, at}, c, d, blank);
 }
 
 bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
@@ -184,17 +274,32 @@ bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
   // outline and the pixels it encloses.
   const int w = x1 - x0 + 1;
   const int h = y1 - y0 + 1;
-  cv::Mat canvas = cv::Mat::zeros(h + 2, w + 2, CV_8UC1);
+  const std::ptrdiff_t pitch = w + 2;
+  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * (h + 2), 0);
   for (cv::Point const& p : contour) {
-    if (bounds.contains(p)) canvas.at<unsigned char>(p.y - y0 + 1, p.x - x0 + 1) = 1;
+    if (bounds.contains(p)) canvas[(p.y - y0 + 1) * pitch + (p.x - x0 + 1)] = 1;
   }
-  cv::floodFill(canvas, cv::Point(0, 0), cv::Scalar(2), nullptr, cv::Scalar(0), cv::Scalar(0), 4);
-  for (int y = 0; y < h; ++y) {
-    const unsigned char* in = canvas.ptr<unsigned char>(y + 1) + 1;
-    unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
-    for (int x = 0; x < w; ++x) {
-      if (in[x] != 2) out[x] = value;
+  // The frame columns are both outside, so a step off one row's end onto the next row's start
+  // joins two outside pixels and needs no test of its own.
+  std::vector<std::ptrdiff_t> pending{0};
+  canvas[0] = 2;
+  const std::ptrdiff_t last = static_cast<std::ptrdiff_t>(canvas.size());
+  while (!pending.empty()) {
+    const std::ptrdiff_t i = pending.back();
+    pending.pop_back();
+    const std::ptrdiff_t next[4] = {i - 1, i + 1, i - pitch, i + pitch};
+    for (std::ptrdiff_t n : next) {
+      if (n >= 0 && n < last && canvas[n] == 0) {
+        canvas[n] = 2;
+        pending.push_back(n);
+      }
     }
+  }
+  for (int y = 0; y < h; ++y) {
+    const unsigned char* in = canvas.data() + (y + 1) * pitch + 1;
+    unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
+    for (int x = 0; x < w; ++x)
+      out[x] = in[x] != 2 ? value : out[x];
   }
   return true;
 }

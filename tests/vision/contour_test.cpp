@@ -143,6 +143,20 @@ TEST(ContourTracer, TracesARegionTouchingTheBorderAlongItsInnerSide) {
   EXPECT_EQ(sorted(found[1]), frame(4, 5, 6, 5));
 }
 
+TEST(ContourTracer, RegionInTheTopLeftCornerClosesAtItsStart) {
+  // The start pixel (0, 0) can only be re-entered across the border; the trace must still
+  // close there instead of wandering through the interior. The rest of the top row is never
+  // entered from below, and the bottom row is left to a trace of its own.
+  cv::Mat image(30, 40, CV_8UC1, cv::Scalar::all(1));
+  ContourTracer tracer(image);
+  const auto found = trace_all(tracer);
+  ASSERT_EQ(found.size(), 2u);
+  Points first = frame(0, 1, 38, 28);
+  first.emplace_back(0, 0);
+  EXPECT_EQ(sorted(found[0]), sorted(first));
+  EXPECT_EQ(sorted(found[1]), frame(0, 29, 38, 29));
+}
+
 TEST(ContourTracer, RingIsTracedOnceAndItsHoleIsFilled) {
   cv::Mat image = cv::Mat::zeros(12, 12, CV_8UC1);
   image(cv::Rect(2, 2, 8, 8)) = 1;
