@@ -213,16 +213,44 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
   first = 1;
   contour.push_back(start);
 
+  // Neighbour offsets of the eight directions in base and in mask.
+  std::ptrdiff_t base_off[8];
+  std::ptrdiff_t mask_off[8];
+  for (int d = 0; d < 8; ++d) {
+    base_off[d] = kDy[d] * index.base_step + kDx[d];
+    mask_off[d] = kDy[d] * index.mask_step + kDx[d];
+  }
+
   int s = 0;
   cv::Point q = start;
   for (;;) {
     bool moved = false;
-    for (int k = 0; k < 8; ++k) {
-      const int d = (s + k) & 7;
-      if (step(g, index, contour, q, d, blank) >= 0) {
+    if (q.x >= 2 && q.y >= 2 && q.x <= g.cols - 3 && q.y <= g.rows - 3) {
+      // Two pixels from every border, each neighbour keeps the margin: the step of trace_one
+      // without the border tests.
+      const std::ptrdiff_t here_base = index.in_base(q.x, q.y);
+      const std::ptrdiff_t here_mask = index.in_mask(q.x, q.y);
+      for (int k = 0; k < 8; ++k) {
+        const int d = (s + k) & 7;
+        if (g.base[here_base + base_off[d]] == blank) continue;
+        unsigned char& count = g.mask[here_mask + mask_off[d]];
+        if (count == 255) continue;
+        q.x += kDx[d];
+        q.y += kDy[d];
+        if (count == 0) contour.push_back(q);
+        ++count;
         s = (d + 6) & 7;  // two steps back from the direction of arrival
         moved = true;
         break;
+      }
+    } else {
+      for (int k = 0; k < 8; ++k) {
+        const int d = (s + k) & 7;
+        if (step(g, index, contour, q, d, blank) >= 0) {
+          s = (d + 6) & 7;
+          moved = true;
+          break;
+        }
       }
     }
     if (!moved) break;  // isolated pixel, or every neighbour worn out
@@ -279,19 +307,27 @@ bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
   for (cv::Point const& p : contour) {
     if (bounds.contains(p)) canvas[(p.y - y0 + 1) * pitch + (p.x - x0 + 1)] = 1;
   }
-  // The frame columns are both outside, so a step off one row's end onto the next row's start
-  // joins two outside pixels and needs no test of its own.
-  std::vector<std::ptrdiff_t> pending{0};
-  canvas[0] = 2;
-  const std::ptrdiff_t last = static_cast<std::ptrdiff_t>(canvas.size());
+  // A span flood: fill the whole free run around a seed, then seed the free runs above and
+  // below it.
+  const int rows = h + 2;
+  std::vector<cv::Point> pending{cv::Point(0, 0)};
   while (!pending.empty()) {
-    const std::ptrdiff_t i = pending.back();
+    const cv::Point seed = pending.back();
     pending.pop_back();
-    const std::ptrdiff_t next[4] = {i - 1, i + 1, i - pitch, i + pitch};
-    for (std::ptrdiff_t n : next) {
-      if (n >= 0 && n < last && canvas[n] == 0) {
-        canvas[n] = 2;
-        pending.push_back(n);
+    unsigned char* row = canvas.data() + seed.y * pitch;
+    if (row[seed.x] != 0) continue;
+    int left = seed.x;
+    int right = seed.x;
+    while (left > 0 && row[left - 1] == 0)
+      --left;
+    while (right + 1 < pitch && row[right + 1] == 0)
+      ++right;
+    std::memset(row + left, 2, static_cast<std::size_t>(right - left + 1));
+    for (int ny : {seed.y - 1, seed.y + 1}) {
+      if (ny < 0 || ny >= rows) continue;
+      const unsigned char* next = canvas.data() + ny * pitch;
+      for (int x = left; x <= right; ++x) {
+        if (next[x] == 0 && (x == left || next[x - 1] != 0)) pending.emplace_back(x, ny);
       }
     }
   }
