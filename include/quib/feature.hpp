@@ -67,8 +67,10 @@ class QUIB_API Feature {
   bool detect(std::vector<cv::KeyPoint>& keypoints, Image const& image);
 
   /// Releases `descriptors` and computes one row per key point; the engine may drop key
-  /// points, and `keypoints` is updated to match. True when the descriptor matrix has at least
-  /// one element; false for no key points or an empty or unsupported image.
+  /// points, and `keypoints` is updated to match. The key points must come from detect(): the
+  /// engine reads their class_id as a scale level, and OpenCV throws for one it does not have. True
+  /// when the descriptor matrix has at least one element; false for no key points or an empty or
+  /// unsupported image.
   bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image);
   bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints, Image const& image);
 

@@ -108,15 +108,14 @@ TEST(ContourTracer, SinglePixelGivesOnePointAndAdvancesPastIt) {
   cv::Point outside(-1, 0);
   EXPECT_FALSE(tracer.search(contour, outside, 0));
   EXPECT_EQ(outside, cv::Point(-1, 0));
-}
 
-TEST(ContourTracer, PixelInColumnZeroStartsATrace) {
-  cv::Mat image = cv::Mat::zeros(4, 4, CV_8UC1);
-  image.at<unsigned char>(2, 0) = 9;
-  ContourTracer tracer(image);
-  const auto found = trace_all(tracer);
-  ASSERT_EQ(found.size(), 1u);
-  EXPECT_EQ(found[0], Points{cv::Point(0, 2)});
+  // Column 0 has no left neighbour to test.
+  image.at<unsigned char>(1, 4) = 0;
+  image.at<unsigned char>(2, 0) = 1;
+  ASSERT_TRUE(tracer.create(image));
+  position = cv::Point(0, 0);
+  ASSERT_TRUE(tracer.search(contour, position, 0));
+  EXPECT_EQ(contour, Points{cv::Point(0, 2)});
 }
 
 TEST(ContourTracer, ForegroundIsEverythingButTheBlankValue) {
