@@ -1,7 +1,5 @@
 #include <quib/contour.hpp>
 
-#include <opencv2/imgproc.hpp>
-
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -127,6 +125,38 @@ inline unsigned lowest_byte(std::uint64_t bits) {
   return k;
 }
 
+// The first start candidate at or after x in a row: a pixel that differs from blank and whose
+// left neighbour (none in column 0) equals blank. `cols` when there is none. Runs of pixels
+// without a candidate are skipped sixteen or eight at a time.
+inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned char blank) {
+#if defined(__SSE2__)
+  const __m128i blanks = _mm_set1_epi8(static_cast<char>(blank));
+  for (; x + 16 <= cols; x += 16) {
+    const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
+    const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
+    const unsigned differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
+    const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
+    unsigned edges = differs & ~((differs << 1) | before);
+    if (edges != 0) {
+      while ((edges & 1u) == 0) {
+        edges >>= 1;
+        ++x;
+      }
+      return x;
+    }
+  }
+#endif
+  const std::uint64_t blank_word = 0x0101010101010101ull * blank;
+  for (; x + 8 <= cols; x += 8) {
+    const std::uint64_t edges = left_edges(row, x, blank_word, blank);
+    if (edges != 0) return x + static_cast<int>(lowest_byte(edges));
+  }
+  for (; x < cols; ++x) {
+    if (row[x] != blank && (x == 0 || row[x - 1] == blank)) return x;
+  }
+  return cols;
+}
+
 }  // namespace
 
 ContourTracer::ContourTracer(cv::Mat& image) {
@@ -174,54 +204,16 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
   if (empty() || is_end(position)) return false;
   const int rows = base_.rows;
   const int cols = base_.cols;
-  // Eight blank pixels as one word, to skip empty stretches of a row quickly.
-  const std::uint64_t blank_word = 0x0101010101010101ull * blank;
-#if defined(__SSE2__)
-  const __m128i blank_vector = _mm_set1_epi8(static_cast<char>(blank));
-#endif
   int x = position.x;
   for (int y = position.y; y < rows; ++y, x = 0) {
     const unsigned char* row = base_.ptr<unsigned char>(y);
-    while (x < cols) {
-#if defined(__SSE2__)
-      if (x + 16 <= cols) {
-        // The same test sixteen pixels at a time.
-        const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
-        const unsigned same =
-            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blank_vector)));
-        const unsigned differs = ~same & 0xffffu;
-        const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
-        unsigned edges = differs & ~((differs << 1) | before);
-        if (edges == 0) {
-          x += 16;
-          continue;
-        }
-        while ((edges & 1u) == 0) {
-          edges >>= 1;
-          ++x;
-        }
-      } else
-#endif
-          if (x + 8 <= cols) {
-        // Skip eight pixels at once when none is a left edge: a bit per pixel that differs
-        // from blank, and the same shifted by one for its left neighbour.
-        const std::uint64_t edges = left_edges(row, x, blank_word, blank);
-        if (edges == 0) {
-          x += 8;
-          continue;
-        }
-        x += static_cast<int>(lowest_byte(edges));
-      } else if (row[x] == blank || (x > 0 && row[x - 1] != blank)) {
-        ++x;
-        continue;
-      }
-      // x is now a start candidate: the left edge of a foreground run.
+    for (x = next_left_edge(row, x, cols, blank); x < cols;
+         x = next_left_edge(row, x + 1, cols, blank)) {
       if (trace(contour, cv::Point(x, y), blank)) {
         fill(mask_, contour, F_MASK, F_BLANK);
         position = x + 1 < cols ? cv::Point(x + 1, y) : cv::Point(0, y + 1);
         return true;
       }
-      ++x;
     }
   }
   position = cv::Point(0, rows);
