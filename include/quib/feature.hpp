@@ -78,16 +78,16 @@ class QUIB_API Feature {
   /// descriptor (`descriptors1`). True when there is at least one match; false when either set
   /// is empty.
   bool match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
-             cv::Mat const& descriptors2, match_t type);
+             cv::Mat const& descriptors2, match_t type) const;
 
   /// (minimum, maximum, mean) of the match distances, summed in double precision;
   /// (0, 0, 0) for no matches.
-  region::vector3<float> get_hamming_distance(std::vector<cv::DMatch> const& matches);
+  region::vector3<float> get_hamming_distance(std::vector<cv::DMatch> const& matches) const;
 
   /// Keeps, in order, the matches whose distance is at most `threshold`. True when `out` is
   /// not empty.
   bool extract_hamming_distance(std::vector<cv::DMatch>& out,
-                                std::vector<cv::DMatch> const& matches, double threshold);
+                                std::vector<cv::DMatch> const& matches, double threshold) const;
 
   /// Keeps, in order, the matches whose query point (in `keypoints1`) and train point (in
   /// `keypoints2`) lie at most `limit` pixels apart; a negative or NaN limit keeps nothing.
@@ -96,7 +96,7 @@ class QUIB_API Feature {
   bool extract_vector_distance(std::vector<cv::DMatch>& out,
                                std::vector<cv::KeyPoint> const& keypoints1,
                                std::vector<cv::KeyPoint> const& keypoints2,
-                               std::vector<cv::DMatch> const& matches, double limit);
+                               std::vector<cv::DMatch> const& matches, double limit) const;
 
   /// Fits the homography from image 1 to image 2 to the matched key point positions with
   /// cv::findHomography (reprojection threshold 3 pixels, at most 2000 iterations, confidence
@@ -105,7 +105,7 @@ class QUIB_API Feature {
   /// `homography` is released and the result is false. Fewer than four pairs make OpenCV throw.
   bool find_perspective_matrix(cv::Mat& homography, std::vector<cv::KeyPoint> const& keypoints1,
                                std::vector<cv::KeyPoint> const& keypoints2,
-                               std::vector<cv::DMatch> const& matches, find_t method);
+                               std::vector<cv::DMatch> const& matches, find_t method) const;
 
   /// The whole pipeline: detect and compute in both images, match image 1 (query) against
   /// image 2 (train), keep the matches whose key points lie at most `limit` pixels apart, keep
@@ -121,7 +121,7 @@ class QUIB_API Feature {
   /// 1) confirm: a forward match (q, t) survives when some backward match is (t, q), so the
   /// two descriptors are each other's nearest neighbours. True when `out` is not empty.
   bool extract_cross_match(std::vector<cv::DMatch>& out, std::vector<cv::DMatch> const& forward,
-                           std::vector<cv::DMatch> const& backward);
+                           std::vector<cv::DMatch> const& backward) const;
 
   /// As extract_cross_match(), but the confirmation compares key point positions instead of
   /// indices: a forward match survives when some backward match leads from a key point at the
@@ -134,7 +134,7 @@ class QUIB_API Feature {
                                  std::vector<cv::KeyPoint> const& keypoints1,
                                  std::vector<cv::KeyPoint> const& keypoints2,
                                  std::vector<cv::DMatch> const& forward,
-                                 std::vector<cv::DMatch> const& backward);
+                                 std::vector<cv::DMatch> const& backward) const;
 
  private:
   cv::Ptr<cv::AKAZE> engine;

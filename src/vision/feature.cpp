@@ -105,7 +105,7 @@ bool Feature::compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints
 }
 
 bool Feature::match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
-                    cv::Mat const& descriptors2, match_t type) {
+                    cv::Mat const& descriptors2, match_t type) const {
   matches.clear();
   if (descriptors1.empty() || descriptors2.empty()) return false;
   cv::Ptr<cv::DescriptorMatcher> matcher = cv::DescriptorMatcher::create(matcher_name(type));
@@ -113,7 +113,7 @@ bool Feature::match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors
   return !matches.empty();
 }
 
-region::vector3<float> Feature::get_hamming_distance(std::vector<cv::DMatch> const& matches) {
+region::vector3<float> Feature::get_hamming_distance(std::vector<cv::DMatch> const& matches) const {
   if (matches.empty()) return {0.0f, 0.0f, 0.0f};
   double low = matches.front().distance;
   double high = low;
@@ -128,7 +128,8 @@ region::vector3<float> Feature::get_hamming_distance(std::vector<cv::DMatch> con
 }
 
 bool Feature::extract_hamming_distance(std::vector<cv::DMatch>& out,
-                                       std::vector<cv::DMatch> const& matches, double threshold) {
+                                       std::vector<cv::DMatch> const& matches,
+                                       double threshold) const {
   std::vector<cv::DMatch> kept;
   for (cv::DMatch const& m : matches) {
     if (m.distance <= threshold) kept.push_back(m);
@@ -140,7 +141,7 @@ bool Feature::extract_hamming_distance(std::vector<cv::DMatch>& out,
 bool Feature::extract_vector_distance(std::vector<cv::DMatch>& out,
                                       std::vector<cv::KeyPoint> const& keypoints1,
                                       std::vector<cv::KeyPoint> const& keypoints2,
-                                      std::vector<cv::DMatch> const& matches, double limit) {
+                                      std::vector<cv::DMatch> const& matches, double limit) const {
   std::vector<cv::DMatch> kept;
   if (limit >= 0.0) {  // also false for NaN
     const double limit2 = limit * limit;
@@ -161,7 +162,7 @@ bool Feature::extract_vector_distance(std::vector<cv::DMatch>& out,
 bool Feature::find_perspective_matrix(cv::Mat& homography,
                                       std::vector<cv::KeyPoint> const& keypoints1,
                                       std::vector<cv::KeyPoint> const& keypoints2,
-                                      std::vector<cv::DMatch> const& matches, find_t method) {
+                                      std::vector<cv::DMatch> const& matches, find_t method) const {
   std::vector<cv::Point2f> from;
   std::vector<cv::Point2f> to;
   from.reserve(matches.size());
@@ -215,7 +216,7 @@ bool Feature::find(cv::Mat& homography, Image const& image1, Image const& image2
 
 bool Feature::extract_cross_match(std::vector<cv::DMatch>& out,
                                   std::vector<cv::DMatch> const& forward,
-                                  std::vector<cv::DMatch> const& backward) {
+                                  std::vector<cv::DMatch> const& backward) const {
   // Backward pairs as (index in image 2, index in image 1), sorted for lookup.
   std::vector<std::pair<int, int>> confirmed;
   confirmed.reserve(backward.size());
@@ -237,7 +238,7 @@ bool Feature::extract_cross_point_match(std::vector<cv::DMatch>& out,
                                         std::vector<cv::KeyPoint> const& keypoints1,
                                         std::vector<cv::KeyPoint> const& keypoints2,
                                         std::vector<cv::DMatch> const& forward,
-                                        std::vector<cv::DMatch> const& backward) {
+                                        std::vector<cv::DMatch> const& backward) const {
   // A pair of positions (image 2, then image 1); only finite ones, so the ordering is strict.
   using Key = std::array<float, 4>;
   auto key = [](cv::Point2f const& p2, cv::Point2f const& p1, Key& k) {
