@@ -1,6 +1,8 @@
 #include <quib/random.hpp>
 #include <quib/ransac.hpp>
 
+#include <Eigen/Geometry>
+
 #include <cmath>
 #include <cstdint>
 #include <ctime>
