@@ -161,11 +161,7 @@ class QUIB_API Dib {
   int mode;
 };
 
-inline void swap(Palette& a, Palette& b) noexcept {
-  a.swap(b);
-}
-inline void swap(Dib& a, Dib& b) noexcept {
-  a.swap(b);
-}
+inline void swap(Palette& a, Palette& b) noexcept { a.swap(b); }
+inline void swap(Dib& a, Dib& b) noexcept { a.swap(b); }
 
 }  // namespace quib

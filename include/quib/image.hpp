@@ -4,8 +4,8 @@
 #include <quib/export.hpp>
 #include <quib/region.hpp>
 
-#include <opencv2/core/types_c.h>
 #include <opencv2/core.hpp>
+#include <opencv2/core/types_c.h>
 
 #include <cstdint>
 #include <memory>
@@ -217,11 +217,7 @@ class QUIB_API Image {
   ImageCoordinator coordinator;
 };
 
-inline void swap(Image& a, Image& b) noexcept {
-  a.swap(b);
-}
-inline void swap(ImageCoordinator& a, ImageCoordinator& b) noexcept {
-  a.swap(b);
-}
+inline void swap(Image& a, Image& b) noexcept { a.swap(b); }
+inline void swap(ImageCoordinator& a, ImageCoordinator& b) noexcept { a.swap(b); }
 
 }  // namespace quib

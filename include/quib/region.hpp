@@ -86,9 +86,7 @@ struct extent {
     cy = s.cy;
     return *this;
   }
-  operator tagSIZE() const {
-    return tagSIZE{static_cast<std::int32_t>(cx), static_cast<std::int32_t>(cy)};
-  }
+  operator tagSIZE() const { return tagSIZE{static_cast<std::int32_t>(cx), static_cast<std::int32_t>(cy)}; }
 
   void set(T cx_, T cy_) {
     cx = cx_;
