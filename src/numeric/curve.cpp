@@ -218,7 +218,7 @@ double LeastSquaresDimension::get_length(double x0, double x1, double step) cons
     const double x = x0 + static_cast<double>(k) * step;
     if (!(x < x1)) break;
     const double y = get_y(x);
-    length.add(std::sqrt((x - xp) * (x - xp) + (y - yp) * (y - yp)));
+    length.add(std::hypot(x - xp, y - yp));
     xp = x, yp = y;
   }
   return length.value();
@@ -235,7 +235,7 @@ double LeastSquaresDimension::get_x(double x0, double length, double step) const
     const double x = x0 + static_cast<double>(k) * dir;
     const double y = get_y(x);
     if (x == xp || !std::isfinite(x) || !std::isfinite(y)) return kNaN;  // cannot get further
-    walked.add(std::sqrt((x - xp) * (x - xp) + (y - yp) * (y - yp)));
+    walked.add(std::hypot(x - xp, y - yp));                              // no underflow to 0
     if (walked.value() >= target) return x;
     xp = x, yp = y;
   }

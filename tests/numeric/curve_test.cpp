@@ -112,6 +112,8 @@ TEST(LeastSquaresDimension, LengthAreaAndInverseLength) {
   EXPECT_NEAR(diagonal.get_x(0.0, -2.4 * root2, 0.5), -2.5, 1e-12);
   EXPECT_TRUE(std::isnan(diagonal.get_x(0.0, kNaN, 1.0)));
   EXPECT_TRUE(std::isnan(diagonal.get_x(0.0, 1.0, 0.0)));
+  // Found by fuzzing: chords of tiny steps must not square to 0 and stall the walk.
+  EXPECT_NEAR(diagonal.get_x(0.0, 2.5e-200 * root2, 1e-200), 3e-200, 1e-210);
 
   const auto parabola = exact({1.0, 0.0, 0.0});
   EXPECT_NEAR(parabola.get_area(0.0, 3.0), 9.0, 1e-9);
