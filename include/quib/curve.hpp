@@ -6,6 +6,7 @@
 
 #include <Eigen/Core>
 
+#include <type_traits>
 #include <vector>
 
 namespace quib {
@@ -50,8 +51,11 @@ class QUIB_API LeastSquaresCurve {
   double c_;
 };
 
-/// Fits the cubic y = a·x³ + b·x² + c·x + d to 2-D points; otherwise as LeastSquaresCurve
-/// (four distinct x needed).
+/// Fits the cubic y = a·x³ + b·x² + c·x + d to 2-D points. Points with a non-finite
+/// coordinate are skipped; missing weights count as 0; sums are compensated.
+/// The object holds only a, b, c, d; points are never kept.
+/// Fewer than four distinct x, or a singular system, give NaN and false.
+/// A plain value: one object per thread at a time.
 ///
 ///     quib::LeastSquaresCurve3 cubic = quib::LeastSquaresCurve3::create(points, 2.0);
 class QUIB_API LeastSquaresCurve3 {
@@ -176,6 +180,9 @@ class QUIB_API LeastSquaresDimension {
   std::vector<double> coef;
   double scale;
 };
+
+static_assert(std::is_trivially_copyable_v<LeastSquaresCurve>);
+static_assert(std::is_trivially_copyable_v<LeastSquaresCurve3>);
 
 inline void swap(LeastSquaresCurve& a, LeastSquaresCurve& b) noexcept {
   a.swap(b);

@@ -121,7 +121,9 @@ class QUIB_API Discrim2 {
   matrix_type covariance;
 };
 
-/// The 3-D counterpart of Discrim2, with a 3×3 scatter matrix.
+/// One class of 3-D samples: the counterpart of Discrim2, with a 3×3 scatter matrix and the
+/// same formulas. The object owns a copy of its samples; estimate() returns false with no
+/// samples or a non-finite centroid or scatter entry. A plain value: one object per thread.
 ///
 ///     quib::Discrim3 cls(samples);
 ///     double density = cls.get_gaussian_distribution(query);

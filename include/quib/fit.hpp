@@ -5,6 +5,7 @@
 
 #include <Eigen/Core>
 
+#include <type_traits>
 #include <vector>
 
 namespace quib {
@@ -200,6 +201,11 @@ class QUIB_API LeastSquaresSphere {
   double c_;
   double d_;
 };
+
+static_assert(std::is_trivially_copyable_v<LeastSquaresLine>);
+static_assert(std::is_trivially_copyable_v<LeastSquaresCircle>);
+static_assert(std::is_trivially_copyable_v<LeastSquaresPlane>);
+static_assert(std::is_trivially_copyable_v<LeastSquaresSphere>);
 
 inline void swap(LeastSquaresLine& a, LeastSquaresLine& b) noexcept {
   a.swap(b);

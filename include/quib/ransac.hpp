@@ -73,7 +73,10 @@ class RANSAC {
 /// A plane through three sampled points. The model is (p0, p1, p2, unit normal); a point is an
 /// inlier when its distance to the plane is strictly below the threshold. The score is the
 /// absolute value of the sum of the signed distances of all points, a balance measure: smaller
-/// is better, and a model without inliers scores the largest finite S.
+/// is better, and a model without inliers scores the largest finite S. Because a better model
+/// needs both as many inliers and a smaller score, the search favours planes through the
+/// centroid of the cloud: it is reliable when outliers lie on both sides of the plane.
+/// Ownership, failures and threads as for RANSAC.
 ///
 ///     quib::RANSAC_Plane<Eigen::Vector3f, float> ransac;
 ///     ransac.compute(points, 0.01f, 0.99, 10000);

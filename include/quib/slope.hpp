@@ -3,6 +3,8 @@
 
 #include <quib/export.hpp>
 
+#include <type_traits>
+
 namespace quib {
 
 /// Watches slope values fed one at a time and reports where the curve turns, for a curve that
@@ -47,5 +49,7 @@ class QUIB_API Slope {
   double peak;
   double rebound;
 };
+
+static_assert(std::is_trivially_copyable_v<Slope>);
 
 }  // namespace quib
