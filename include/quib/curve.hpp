@@ -97,8 +97,9 @@ class QUIB_API LeastSquaresCurve3 {
 /// The object owns its coefficient vector (highest power first); points are never kept.
 /// No fit is an empty coefficient vector: a negative degree, fewer points than coefficients
 /// or a system the solver finds singular. A fitted curve is not checked for finiteness.
-/// The walking members need 0 < step and finite bounds; otherwise they return 0 (counts),
-/// 0.0 (lengths and areas) or NaN (get_x). Their run time grows with (x1 - x0) / step.
+/// The walking members need 0 < step and finite bounds; otherwise they find nothing (counts
+/// and lengths 0, get_x NaN, get_area2 integrates without splitting at roots). Their run time
+/// grows with (x1 - x0) / step.
 /// A plain value: one object per thread at a time.
 ///
 ///     quib::LeastSquaresDimension poly(1.0, 4, points);   // quartic
