@@ -16,14 +16,14 @@ int main() {
   using P3 = Eigen::Vector3d;
   quib::MersenneTwister random(5489);
 
-  // [fits] A circle measured with noise and two stray points.
+  // [fits] A circle measured with noise, and two stray points near it.
   std::vector<P2> rim;
   for (int i = 0; i < 36; ++i) {
     const double t = i * 6.283185307179586 / 36, noise = 0.01 * static_cast<double>(random);
     rim.emplace_back(250.0 + (40.0 + noise) * std::cos(t), 120.0 + (40.0 + noise) * std::sin(t));
   }
-  rim.emplace_back(250.0, 120.0);
-  rim.emplace_back(300.0, 300.0);
+  rim.emplace_back(297.0, 120.0);
+  rim.emplace_back(250.0, 166.0);
   const quib::LeastSquaresCircle plain(rim);
   const auto robust = quib::LeastSquaresCircle::create(rim, 0.5);  // one Tukey reweighting
   std::printf("circle: plain r=%.3f, robust centre (%.3f, %.3f) r=%.3f\n", plain.r(), robust.x(),
