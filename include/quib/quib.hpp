@@ -3,11 +3,19 @@
 
 #include <quib/clock.hpp>
 #include <quib/contour.hpp>
+#include <quib/curve.hpp>
 #include <quib/dib.hpp>
 #include <quib/dicom.hpp>
+#include <quib/discrim.hpp>
 #include <quib/export.hpp>
 #include <quib/feature.hpp>
+#include <quib/fit.hpp>
 #include <quib/hash.hpp>
 #include <quib/image.hpp>
+#include <quib/math.hpp>
 #include <quib/path.hpp>
+#include <quib/random.hpp>
+#include <quib/ransac.hpp>
 #include <quib/region.hpp>
+#include <quib/robust.hpp>
+#include <quib/slope.hpp>
