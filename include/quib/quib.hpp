@@ -5,3 +5,6 @@
 #include <quib/region.hpp>
 #include <quib/image.hpp>
 #include <quib/dib.hpp>
+#include <quib/ocv.hpp>
+#include <quib/projection.hpp>
+#include <quib/calibration.hpp>
