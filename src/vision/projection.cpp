@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
+#include <fstream>
 #include <utility>
 
 namespace quib {
@@ -263,8 +263,10 @@ void Projection::undistort(Image& img) const {
 
 bool Projection::load_setup(std::string const& path) {
   try {
-    cv::FileStorage fs(path, cv::FileStorage::READ, "");
-    if (fs.isOpened()) {
+    // Asked first so that OpenCV has no reason to log about an unreadable file.
+    const bool readable = std::ifstream(path, std::ios::binary).is_open();
+    cv::FileStorage fs;
+    if (readable && fs.open(path, cv::FileStorage::READ, "")) {
       Projection loaded;
       cv::FileNode const format = fs["format"];
       if (format.isString() && format.string() == kFormatTag &&
@@ -291,6 +293,9 @@ bool Projection::save_setup(std::string const& path) const {
 
 bool Projection::save_setup(std::string const& path, std::string const& format) const {
   try {
+    // A file that cannot be created is not reported (the writes below go nowhere), but it is
+    // found out here so that OpenCV has no reason to log about it.
+    if (!std::ofstream(path, std::ios::binary | std::ios::app).is_open()) return true;
     cv::FileStorage fs(path, cv::FileStorage::WRITE, "");
     fs << "format" << format;
     fs << "image_width" << size.cx;
