@@ -12,14 +12,15 @@
 
 namespace {
 
-std::filesystem::path scratch() {
-  static const std::filesystem::path dir = [] {
-    auto d = std::filesystem::temp_directory_path() /
-             ("quib-fuzz-camera-" + std::to_string(static_cast<long>(::getpid())));
-    std::filesystem::create_directories(d);
+// Never destroyed, so that the exit handler below can still use it.
+std::filesystem::path const& scratch() {
+  static auto const* dir = [] {
+    auto* d = new std::filesystem::path(std::filesystem::temp_directory_path() /
+                                        ("quib-fuzz-camera-" + std::to_string(::getpid())));
+    std::filesystem::create_directories(*d);
     return d;
   }();
-  return dir;
+  return *dir;
 }
 
 void cleanup() {
