@@ -1,4 +1,5 @@
-// Chessboard views rendered through a known camera, for the calibration tests and benchmarks.
+// Chessboard views rendered through a known camera, shared by the calibration benchmark and
+// the calibration tests.
 #pragma once
 
 #include <opencv2/calib3d.hpp>
