@@ -72,6 +72,18 @@ cv::Mat view(IplImage const* ipl) {
                  static_cast<std::size_t>(ipl->widthStep));
 }
 
+// Layouts of whole bytes per sample are handed to OpenCV as a header over the image's rows.
+bool whole_bytes(layout l) {
+  return l != layout::packed_grey && l != layout::grey16;
+}
+
+cv::Mat byte_view(Image const& image, layout l) {
+  const int channels = l == layout::grey8 ? 1 : order_of(l).size;
+  return cv::Mat(image.getHeight(), image.getWidth(), CV_8UC(channels),
+                 const_cast<unsigned char*>(image.getBuffer()),
+                 static_cast<std::size_t>(image.getLineBytes()));
+}
+
 unsigned char const* row(Image const& image, int y) {
   return image.getBuffer() + static_cast<std::ptrdiff_t>(y) * image.getLineBytes();
 }
@@ -93,6 +105,19 @@ IplImage* createIpl_bgr2(Image const& image) {
   const int height = image.getHeight();
   unique_ipl ipl(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   cv::Mat out = view(ipl.get());
+  if (whole_bytes(l)) {
+    const cv::Mat in = byte_view(image, l);
+    if (l == layout::grey8) {
+      cv::cvtColor(in, out, cv::COLOR_GRAY2BGR);
+    } else if (l == layout::bgr) {
+      in.copyTo(out);
+    } else {
+      const order p = order_of(l);
+      const int pairs[] = {p.b, 0, p.g, 1, p.r, 2};
+      cv::mixChannels(&in, 1, &out, 1, pairs, 3);
+    }
+    return ipl.release();
+  }
   const int bits = image.getBits();
   for (int y = 0; y < height; ++y) {
     unsigned char const* in = row(image, y);
@@ -108,26 +133,13 @@ IplImage* createIpl_bgr2(Image const& image) {
         }
         break;
       }
-      case layout::grey8:
-        for (int x = 0; x < width; ++x)
-          o[3 * x] = o[3 * x + 1] = o[3 * x + 2] = in[x];
-        break;
-      case layout::grey16:
+      default: {  // 16-bit grey
         for (int x = 0; x < width; ++x) {
           const unsigned v =
               static_cast<unsigned>(in[2 * x]) | (static_cast<unsigned>(in[2 * x + 1]) << 8);
           // nearest of the 256 levels k * 257: 65535 maps to 255 and back exactly
           o[3 * x] = o[3 * x + 1] = o[3 * x + 2] =
               static_cast<unsigned char>((v * 255 + 32767) / 65535);
-        }
-        break;
-      default: {
-        const order p = order_of(l);
-        for (int x = 0; x < width; ++x) {
-          unsigned char const* px = in + p.size * x;
-          o[3 * x] = px[p.b];
-          o[3 * x + 1] = px[p.g];
-          o[3 * x + 2] = px[p.r];
         }
         break;
       }
@@ -146,10 +158,21 @@ bool copyImage_bgr2(Image& image, IplImage const* bgr) {
   const int width = image.getWidth();
   const int height = image.getHeight();
   const cv::Mat in = view(bgr);
-  cv::Mat grey;
-  if (l == layout::packed_grey || l == layout::grey8 || l == layout::grey16) {
-    cv::cvtColor(in, grey, cv::COLOR_BGR2GRAY);
+  if (whole_bytes(l)) {
+    cv::Mat out = byte_view(image, l);
+    if (l == layout::grey8) {
+      cv::cvtColor(in, out, cv::COLOR_BGR2GRAY);
+    } else if (l == layout::bgr) {
+      in.copyTo(out);
+    } else {  // alpha bytes are left as they are
+      const order p = order_of(l);
+      const int pairs[] = {0, p.b, 1, p.g, 2, p.r};
+      cv::mixChannels(&in, 1, &out, 1, pairs, 3);
+    }
+    return true;
   }
+  cv::Mat grey;
+  cv::cvtColor(in, grey, cv::COLOR_BGR2GRAY);
   const int bits = image.getBits();
   for (int y = 0; y < height; ++y) {
     unsigned char* o = row(image, y);
@@ -166,29 +189,12 @@ bool copyImage_bgr2(Image& image, IplImage const* bgr) {
         }
         break;
       }
-      case layout::grey8: {
-        unsigned char const* g = grey.ptr<unsigned char>(y);
-        for (int x = 0; x < width; ++x)
-          o[x] = g[x];
-        break;
-      }
-      case layout::grey16: {
+      default: {  // 16-bit grey
         unsigned char const* g = grey.ptr<unsigned char>(y);
         for (int x = 0; x < width; ++x) {
           const unsigned v = g[x] * 257u;
           o[2 * x] = static_cast<unsigned char>(v & 0xff);
           o[2 * x + 1] = static_cast<unsigned char>(v >> 8);
-        }
-        break;
-      }
-      default: {
-        const order p = order_of(l);
-        unsigned char const* i = in.ptr<unsigned char>(y);
-        for (int x = 0; x < width; ++x) {
-          unsigned char* px = o + p.size * x;
-          px[p.b] = i[3 * x];
-          px[p.g] = i[3 * x + 1];
-          px[p.r] = i[3 * x + 2];
         }
         break;
       }
