@@ -33,7 +33,9 @@ class QUIB_API Calibration {
  public:
   using extent_type = region::extent<int>;
 
-  /// The board geometry and the corners of every accepted view.
+  /// The board geometry and the corners of every accepted view: plain data owned by the
+  /// caller, filled by calibration() and read by the solvers, which check that its vectors
+  /// agree with its geometry. One thread at a time.
   struct QUIB_API Info {
     int square_width;   ///< corner spacing along a board row, in the caller's length unit
     int square_height;  ///< corner spacing along a board column

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -263,8 +264,11 @@ void Projection::undistort(Image& img) const {
 
 bool Projection::load_setup(std::string const& path) {
   try {
-    // Asked first so that OpenCV has no reason to log about an unreadable file.
-    const bool readable = std::ifstream(path, std::ios::binary).is_open();
+    // Asked first so that OpenCV has no reason to log about an unreadable file (and never
+    // waits on a pipe or reads a directory).
+    std::error_code ec;
+    const bool readable = std::filesystem::is_regular_file(path, ec) &&
+                          std::ifstream(path, std::ios::binary).is_open();
     cv::FileStorage fs;
     if (readable && fs.open(path, cv::FileStorage::READ, "")) {
       Projection loaded;

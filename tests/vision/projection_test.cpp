@@ -138,9 +138,11 @@ TEST(Projection, RefusesForeignAndBrokenCameraFiles) {
     EXPECT_FALSE(p.load_setup(dir.file("broken.yml")));
     expect_identical(p, quib::Projection());
   }
-  quib::Projection p = awkward_camera();
-  EXPECT_FALSE(p.load_setup(dir.file("absent.yml")));
-  expect_identical(p, quib::Projection());
+  for (std::string path : {dir.file("absent.yml"), dir.path.string()}) {
+    quib::Projection p = awkward_camera();
+    EXPECT_FALSE(p.load_setup(path));
+    expect_identical(p, quib::Projection());
+  }
 }
 
 TEST(Projection, UndistortsPointsToNormalisedCoordinates) {
