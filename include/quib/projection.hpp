@@ -111,7 +111,7 @@ class QUIB_API Projection {
   /// (k1, k2, p1, p2).
   Eigen::Matrix<double, 4, 1> get_distortion() const;
   Eigen::Matrix<double, 3, 1> get_translation() const;
-  /// The rotation triple read as the vector part of a quaternion with scalar part 0, turned
+  /// The rotation triple read as the vector of a quaternion whose scalar is 0, turned
   /// into a matrix by the unnormalised quaternion formula (1 - 2(y² + z²), 2xy, 2xz / ...).
   /// This is not the rotation vector's matrix: for that, use cv::Rodrigues on
   /// get_rotation_cv().
