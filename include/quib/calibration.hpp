@@ -27,7 +27,7 @@ namespace quib {
 ///     quib::Calibration calib;
 ///     quib::Calibration::Info info;               // 10 x 7 inner corners, 24 mm squares
 ///     for (auto const& view : views) calib.calibration(info, view);
-///     quib::Projection camera;
+///     quib::Projection camera(calib.get_size(), 1.0, 1.0);    // the size the intrinsics fit
 ///     if (calib.get_camera_matrix(info, camera)) camera.save_setup("camera.yml");
 class QUIB_API Calibration {
  public:
