@@ -39,6 +39,14 @@ cv::Mat bgr_view(IplImage* ipl) {
                  static_cast<std::size_t>(ipl->widthStep));
 }
 
+bool is_bgr24(Image const& image) {
+  const color_type color = image.getCoordinator().getColor();
+  return !image.empty() && image.getBits() == 24 &&
+         (color == color_type::bgr || color == color_type::undetermined) && image.getWidth() > 0 &&
+         image.getHeight() > 0 &&
+         static_cast<std::int64_t>(image.getWidth()) * 3 <= image.getLineBytes();
+}
+
 // Truncates a coordinate to a pixel; clamped so that NaN or huge values never overflow int.
 int to_pixel(double v) {
   const double limit = 1 << 24;
@@ -121,9 +129,17 @@ std::vector<cv::Point3f> Calibration::Info::get_object_points() const {
 bool Calibration::calibration(Info& info, Image const& image) {
   const std::size_t n = board_corners(info);
   if (n == 0) return false;
-  const ocv::unique_ipl bgr = ocv::make_unique_ipl(ocv::createIpl_bgr2(image));
-  if (!bgr) return false;
-  const cv::Mat view = bgr_view(bgr.get());
+  // A 24-bit BGR image is searched in its own pixels (nothing writes to them); every other
+  // format goes through a BGR copy.
+  ocv::unique_ipl bgr;
+  cv::Mat view;
+  if (is_bgr24(image)) {
+    view = image.makeMat(3, 8);
+  } else {
+    bgr = ocv::make_unique_ipl(ocv::createIpl_bgr2(image));
+    if (!bgr) return false;
+    view = bgr_view(bgr.get());
+  }
   std::vector<cv::Point2f> corners;
   const bool found =
       cv::findChessboardCorners(view, cv::Size(info.columns, info.rows), corners,
