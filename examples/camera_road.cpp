@@ -28,8 +28,8 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s: cannot read\n", argv[i]);
       continue;
     }
-    const quib::Image view(photo.cols, photo.rows, static_cast<int>(photo.step), photo.data, 24,
-                           1, quib::color_type::bgr);
+    const quib::Image view(photo.cols, photo.rows, static_cast<int>(photo.step), photo.data, 24, 1,
+                           quib::color_type::bgr);
     const bool found = calib.calibration(info, view);
     std::printf("%s: %s\n", argv[i], found ? "board found" : "no board");
     photos.push_back(photo);
