@@ -49,6 +49,59 @@ bool read_matrix(cv::FileNode const& node, double (&out)[N]) {
   return true;
 }
 
+// Reads a whole regular file into memory; a camera file is well under 2 KB, so anything
+// over a megabyte is refused rather than read. Directories, pipes and devices are refused
+// too, so the reader never waits or logs about them.
+bool read_text(std::string const& path, std::string& text) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) return false;
+  const std::uintmax_t bytes = std::filesystem::file_size(path, ec);
+  if (ec || bytes > (1u << 20)) return false;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad() && text.size() <= (1u << 20);
+}
+
+// OpenCV's YAML reader loops forever when, after the first collection, it looks for the next
+// document and finds a '-' that does not start "---". A camera file is one block mapping
+// whose keys start in column 0, so YAML text (anything not XML or JSON) is accepted only in
+// that shape: directives and one "---" before the first key, no second document marker, and
+// no column-0 line that starts a sequence or a flow collection. The mapping then runs to the
+// end of the text, and the reader never goes looking for another document.
+bool safe_for_reader(std::string const& text) {
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string::npos) return false;
+  if (text[first] == '<' || text[first] == '{') return true;  // XML or JSON
+  bool marker = false;
+  bool started = false;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    std::size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(at, end - at);
+    at = end + 1;
+    const std::size_t p = line.find_first_not_of(" \t\r");
+    if (p == std::string::npos || line[p] == '#') continue;
+    if (p == 0 && (line.compare(0, 3, "---") == 0 || line.compare(0, 3, "...") == 0)) {
+      const std::size_t rest = line.find_first_not_of(" \t\r", 3);
+      if (started || marker || line[0] == '.' || (rest != std::string::npos && line[rest] != '#')) {
+        return false;
+      }
+      marker = true;
+      continue;
+    }
+    if (p == 0 && line[0] == '%' && !started && !marker) continue;  // a directive
+    if (p == 0) {
+      if (line[0] == '-' || line[0] == '[' || line[0] == '{') return false;
+      started = true;
+    } else if (!started) {
+      return false;  // indented content before the first key
+    }
+  }
+  return started;
+}
+
 // Reads an optional integer: absent gives 0, any other node type fails.
 bool read_int(cv::FileNode const& node, int& out) {
   if (node.empty() || node.isNone()) {
@@ -264,13 +317,10 @@ void Projection::undistort(Image& img) const {
 
 bool Projection::load_setup(std::string const& path) {
   try {
-    // Asked first so that OpenCV has no reason to log about an unreadable file (and never
-    // waits on a pipe or reads a directory).
-    std::error_code ec;
-    const bool readable = std::filesystem::is_regular_file(path, ec) &&
-                          std::ifstream(path, std::ios::binary).is_open();
+    std::string text;
     cv::FileStorage fs;
-    if (readable && fs.open(path, cv::FileStorage::READ, "")) {
+    if (read_text(path, text) && safe_for_reader(text) &&
+        fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY, "")) {
       Projection loaded;
       cv::FileNode const format = fs["format"];
       if (format.isString() && format.string() == kFormatTag &&

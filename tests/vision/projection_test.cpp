@@ -145,6 +145,20 @@ TEST(Projection, RefusesForeignAndBrokenCameraFiles) {
   }
 }
 
+// Found by the fuzzer: text after the first collection once sent the YAML reader into an
+// endless search for the next document.
+TEST(Projection, RefusesTextAfterTheMappingWithoutHanging) {
+  TempDir dir;
+  for (std::string text : {"%YAML:1.\n---L:0\n----\n", "%YAML:1.0\n---\na: 1\n...\n-\n",
+                           "%YAML:1.0\n---\n{a: 1}\nxyz-\n", "%YAML:1.0\n---\n  a: 1\nbcd-\n"}) {
+    SCOPED_TRACE(text);
+    std::ofstream(dir.file("stray.yml"), std::ios::binary) << text;
+    quib::Projection p = awkward_camera();
+    EXPECT_FALSE(p.load_setup(dir.file("stray.yml")));
+    expect_identical(p, quib::Projection());
+  }
+}
+
 TEST(Projection, UndistortsPointsToNormalisedCoordinates) {
   const quib::Projection plain({640, 480}, 2.0, 1.5);  // fx = fy = 320, centre (320, 240)
   std::vector<cv::Point2f> out;
