@@ -149,7 +149,9 @@ class QUIB_API Projection {
 
   /// Reads a camera file (XML or YAML). Its "format" must be exactly "camera.projection";
   /// the four matrices must be double matrices with at least 9, 4, 3 and 3 elements.
-  /// On any failure the object is reset and false is returned; never throws.
+  /// YAML must be one mapping with its keys in column 0, as save_setup writes it; gzip files
+  /// and files over a megabyte are refused. On any failure the object is reset and false is
+  /// returned; never throws, never logs.
   bool load_setup(std::string const& path);
   /// Writes the camera file with the tag "camera.projection"; the syntax follows the file
   /// name (".xml", ".yml", ...). False only when the storage throws: a file that cannot be
