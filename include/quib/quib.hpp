@@ -1,6 +1,7 @@
 // QUIB: imaging and measurement. Includes every public header of the library.
 #pragma once
 
+#include <quib/calibration.hpp>
 #include <quib/clock.hpp>
 #include <quib/contour.hpp>
 #include <quib/curve.hpp>
@@ -13,7 +14,9 @@
 #include <quib/hash.hpp>
 #include <quib/image.hpp>
 #include <quib/math.hpp>
+#include <quib/ocv.hpp>
 #include <quib/path.hpp>
+#include <quib/projection.hpp>
 #include <quib/random.hpp>
 #include <quib/ransac.hpp>
 #include <quib/region.hpp>
