@@ -5,3 +5,5 @@
 #include <quib/region.hpp>
 #include <quib/image.hpp>
 #include <quib/dib.hpp>
+#include <quib/convert.hpp>
+#include <quib/stl.hpp>

@@ -1,0 +1,455 @@
+#include <quib/stl.hpp>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Point = quib::Stl::Point;
+using Corners = std::array<Point, 3>;
+
+// A fresh directory under the system's temporary directory, removed with everything in it.
+class StlFiles : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::random_device rd;
+    dir_ = fs::temp_directory_path() / ("quib_stl_test_" + std::to_string(rd()));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  std::wstring path(char const* name) const { return (dir_ / name).wstring(); }
+  std::wstring write(char const* name, std::string const& bytes) const {
+    std::ofstream(dir_ / name, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+    return path(name);
+  }
+  std::string read(std::wstring const& file) const {
+    std::ifstream in(fs::path(file), std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+
+ private:
+  fs::path dir_;
+};
+
+void put_u32(std::string& out, std::uint32_t v) {
+  for (int i = 0; i < 4; ++i)
+    out.push_back(static_cast<char>(v >> (8 * i)));
+}
+void put_f32(std::string& out, float f) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &f, 4);
+  put_u32(out, bits);
+}
+
+// A binary file assembled byte by byte: header padded to 80 bytes, the stated count, then one
+// 50-byte record per triangle (normal 0 0 0, attribute 0x1234).
+std::string binary_file(std::string header, std::uint32_t count,
+                        std::vector<Corners> const& triangles) {
+  header.resize(80, '\0');
+  std::string out = header;
+  put_u32(out, count);
+  for (auto const& t : triangles) {
+    for (int i = 0; i < 3; ++i)
+      put_f32(out, 0.0f);
+    for (auto const& p : t)
+      for (int i = 0; i < 3; ++i)
+        put_f32(out, p[i]);
+    out += "\x34\x12";
+  }
+  return out;
+}
+
+std::string ascii_facet(Corners const& t) {
+  std::ostringstream s;
+  s.precision(9);
+  s << "  facet normal 0 0 1\n    outer loop\n";
+  for (auto const& p : t)
+    s << "      vertex " << p.x() << ' ' << p.y() << ' ' << p.z() << '\n';
+  s << "    endloop\n  endfacet\n";
+  return s.str();
+}
+
+const Corners kT1{Point(0.1f, 0.2f, 0.3f), Point(1.5f, -2.25f, 3e-7f), Point(-1e20f, 4, 5)};
+const Corners kT2{Point(1.5f, -2.25f, 3e-7f), Point(0.1f, 0.2f, 0.3f), Point(7, 8, 9)};
+
+void expect_points(quib::Stl const& mesh, std::vector<Point> const& expected) {
+  ASSERT_EQ(mesh.size(), static_cast<int>(expected.size()));
+  for (int i = 0; i < mesh.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(mesh.point(i), expected[static_cast<std::size_t>(i)]);
+  }
+}
+
+TEST_F(StlFiles, ReadsBinaryFileWithAndWithoutMerging) {
+  const auto file = write("two.stl", binary_file("part_A rest of header", 2, {kT1, kT2}));
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(file, false), 2);
+  EXPECT_EQ(mesh.get_name(), "part_A");
+  expect_points(mesh, {kT1[0], kT1[1], kT1[2], kT2[0], kT2[1], kT2[2]});
+  EXPECT_EQ(mesh.polygon(1), (std::vector<int>{3, 4, 5}));
+
+  quib::Stl merged(file, true);
+  EXPECT_EQ(merged.size_polygon(), 2);
+  expect_points(merged, {kT1[0], kT1[1], kT1[2], kT2[2]});
+  EXPECT_EQ(merged.polygon(0), (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(merged.polygon(1), (std::vector<int>{1, 0, 3}));
+}
+
+TEST_F(StlFiles, DetectsEncodingByLengthBeforeText) {
+  // A header that begins with "solid" and even spells out a facet is binary when the length
+  // matches; the name stops at the first blank.
+  const auto solid = write("solid.stl", binary_file("solid cube facet normal", 1, {kT1}));
+  quib::Stl mesh;
+  EXPECT_EQ(mesh.load(solid, false), 1);
+  EXPECT_EQ(mesh.get_name(), "solid");
+
+  // No facets at all: 84 bytes, 0 polygons, which is success and not -1.
+  const auto empty = write("empty.stl", binary_file("nothing", 0, {}));
+  mesh.set_name("old");
+  EXPECT_EQ(mesh.load(empty, true), 0);
+  EXPECT_EQ(mesh.get_name(), "nothing");
+  EXPECT_TRUE(mesh.empty());
+
+  // A count that does not match the length: not binary, and binary bytes are no STL text.
+  for (std::uint32_t count : {1u, 3u, 0xFFFFFFF0u}) {
+    SCOPED_TRACE(count);
+    const auto lying = write("lying.stl", binary_file("part", count, {kT1, kT2}));
+    quib::Stl m(lying, false);
+    EXPECT_EQ(m.load(lying, false), -1);
+    EXPECT_TRUE(m.empty());
+  }
+
+  // A lying count behind a header that reads as STL text falls back to the text reader.
+  std::string text = "solid x\nfacet normal 0 0 1\nvertex 1 0 0\nvertex 2 0 0\nvertex 3 0 0\n";
+  text.resize(80, ' ');
+  put_u32(text, 7);
+  EXPECT_EQ(mesh.load(write("text.stl", text), false), 1);
+  EXPECT_EQ(mesh.get_name(), "x");
+}
+
+TEST_F(StlFiles, BinaryNameEndsAtFirstBlankControlOrHighByte) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {" leading blank", ""},
+      {std::string("\0abc", 4), ""},
+      {"ab\tcd", "ab"},
+      {"ab\x01z", "ab"},
+      {"Geh\xC3\xA4use", "Geh"},
+      {"~!#$%&()*+,-./09:;<=>?@AZ[]^_`az{|}", "~!#$%&()*+,-./09:;<=>?@AZ[]^_`az{|}"},
+      {std::string(80, 'n'), std::string(80, 'n')},
+  };
+  for (auto const& [header, name] : cases) {
+    SCOPED_TRACE(header);
+    quib::Stl mesh;
+    ASSERT_EQ(mesh.load(write("n.stl", binary_file(header, 1, {kT1})), false), 1);
+    EXPECT_EQ(mesh.get_name(), name);
+  }
+}
+
+TEST_F(StlFiles, NamelessAsciiNeedsTwoFacetsToBeRecognised) {
+  // "solid" alone makes the first "facet" the name, so only a second facet decides.
+  const std::string one = "solid\n" + ascii_facet(kT1) + "endsolid\n";
+  quib::Stl mesh;
+  mesh.set_name("kept");
+  EXPECT_EQ(mesh.load(write("one.stl", one), false), -1);
+  EXPECT_EQ(mesh.get_name(), "kept");
+
+  const std::string two = "solid\n" + ascii_facet(kT1) + ascii_facet(kT2) + "endsolid\n";
+  EXPECT_EQ(mesh.load(write("two.stl", two), true), 2);
+  EXPECT_EQ(mesh.get_name(), "");
+  expect_points(mesh, {kT1[0], kT1[1], kT1[2], kT2[2]});
+
+  // Text that never shows "solid", a name, "facet" and "normal" in order is refused.
+  for (std::string bad : {"", "facet normal 0 0 1\n", "solid\n", "solid x\nfacet\n",
+                          "Solid x\nfacet normal\n", "solid x facetnormal\n"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(mesh.load(write("bad.stl", bad), false), -1);
+  }
+}
+
+TEST_F(StlFiles, AsciiFieldsSplitAtSpacesAndTabsWithQuotesAndCarriageReturns) {
+  const std::string text =
+      "solid \"my part\" ignored\r\n"
+      "\tfacet\tnormal 0 0 1\r\n"
+      "\t\touter loop\r\n"
+      "\t\t\tvertex\t1 \t2\t3\r\n"
+      "\t\t\tvertex \"4\" 5 6 7 8\r\n"
+      "\t\t\tvertex 7 8 9\r\n"
+      "\t\tendloop\r\n\tendfacet\r\n"
+      "endsolid \"my part\"";
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(write("tabs.stl", text), false), 1);
+  EXPECT_EQ(mesh.get_name(), "my part");
+  expect_points(mesh, {Point(1, 2, 3), Point(4, 5, 6), Point(7, 8, 9)});
+
+  const std::string utf8 = "solid Geh\xC3\xA4use\nfacet normal\nfacet normal\n";
+  EXPECT_EQ(mesh.load(write("utf8.stl", utf8), false), 0);
+  EXPECT_EQ(mesh.get_name(), "Geh\xC3\xA4use");
+}
+
+TEST_F(StlFiles, AsciiGroupsTrianglesByCountingVertexLines) {
+  // The facet structure is ignored: a four-vertex facet shifts every later triangle, a short
+  // vertex line is skipped, and every later "solid" line renames the mesh.
+  const std::string text =
+      "solid first\nfacet normal 0 0 1\n"
+      "vertex 1 0 0\nvertex 2 0 0\nvertex 3 0 0\nvertex 4 0 0\n"
+      "vertex 5 0\n"
+      "endfacet\nsolid second\nfacet normal 0 0 1\n"
+      "vertex 6 0 0\nvertex 7 0 0\n"
+      "endsolid third\n";
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(write("shift.stl", text), false), 2);
+  EXPECT_EQ(mesh.get_name(), "second");
+  ASSERT_EQ(mesh.size(), 6);
+  EXPECT_EQ(mesh.point(3).x(), 4.0f);
+  EXPECT_EQ(mesh.point(5).x(), 7.0f);
+}
+
+TEST_F(StlFiles, AsciiNumbersReadAsWcstodReadsThem) {
+  const std::vector<std::string> fields = {"0.1",
+                                           "-0.1",
+                                           "1e2",
+                                           "+5",
+                                           "-.5",
+                                           ".5e-3",
+                                           "0x1p4",
+                                           "-0X10",
+                                           "inf",
+                                           "-INF",
+                                           "1e999",
+                                           "-1e999",
+                                           "1e-400",
+                                           "1.5abc",
+                                           "abc",
+                                           "-",
+                                           "1e",
+                                           "0",
+                                           "-0",
+                                           "3.4028235677973366e38",
+                                           "1.401298464324817e-45",
+                                           "0.30000001192092896",
+                                           "123456789012345678901234567890",
+                                           "1,5"};
+  std::string text = "solid n\nfacet normal\nfacet normal\n";
+  for (auto const& f : fields)
+    text += "vertex " + f + " " + f + " " + f + "\n";
+  text += "vertex 0 0 0\nvertex 0 0 0\n";
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(write("numbers.stl", text), false), int(fields.size() + 2) / 3);
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    SCOPED_TRACE(fields[i]);
+    const std::wstring wide(fields[i].begin(), fields[i].end());
+    const float expected = static_cast<float>(std::wcstod(wide.c_str(), nullptr));
+    const float got = mesh.point(static_cast<int>(i)).x();
+    std::uint32_t a, b;
+    std::memcpy(&a, &expected, 4);
+    std::memcpy(&b, &got, 4);
+    EXPECT_EQ(a, b) << got;
+  }
+}
+
+TEST_F(StlFiles, MergesFloatEqualPointsButKeepsSignedZerosAndNanApart) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const Point zero(0, 0, 0), negative(-0.0f, 0, 0), one(1, 1, 1), bad(nan, 0, 0);
+  quib::Stl mesh;
+  ASSERT_EQ(
+      mesh.load(write("z.stl",
+                      binary_file("z", 3,
+                                  {{one, zero, negative}, {negative, one, bad}, {bad, zero, one}})),
+                true),
+      3);
+  ASSERT_EQ(mesh.size(), 5);
+  EXPECT_FALSE(std::signbit(mesh.point(1).x()));
+  EXPECT_TRUE(std::signbit(mesh.point(2).x()));
+  EXPECT_EQ(mesh.polygon(0), (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(mesh.polygon(1), (std::vector<int>{2, 0, 3}));
+  EXPECT_EQ(mesh.polygon(2), (std::vector<int>{4, 1, 0}));
+
+  // compress gives the same result as a merged load of the unshared mesh.
+  quib::Stl flat(path("z.stl"), false);
+  EXPECT_EQ(flat.compress(), 5);
+  EXPECT_EQ(flat.polygons(), mesh.polygons());
+}
+
+// The unit cube as 12 unshared triangles.
+quib::Stl cube() {
+  std::vector<Eigen::Vector3d> corners;
+  for (int i = 0; i < 8; ++i)
+    corners.emplace_back(i & 1, (i >> 1) & 1, (i >> 2) & 1);
+  const int faces[12][3] = {{0, 2, 1}, {1, 2, 3}, {4, 5, 6}, {5, 7, 6}, {0, 1, 4}, {1, 5, 4},
+                            {2, 6, 3}, {3, 6, 7}, {0, 4, 2}, {2, 4, 6}, {1, 3, 5}, {3, 7, 5}};
+  std::vector<Eigen::Vector3d> points;
+  std::vector<std::vector<int>> polygons;
+  for (auto const& f : faces) {
+    const int n = static_cast<int>(points.size());
+    for (int v : f)
+      points.push_back(corners[static_cast<std::size_t>(v)]);
+    polygons.push_back({n, n + 1, n + 2});
+  }
+  quib::Stl mesh;
+  mesh.assign(points, polygons);
+  mesh.set_name("cube");
+  return mesh;
+}
+
+TEST_F(StlFiles, CubeRoundTripsInBothEncodingsAndMergesToEightPoints) {
+  const quib::Stl original = cube();
+  for (int precision : {0, 3}) {
+    SCOPED_TRACE(precision);
+    const auto file = path(precision ? "cube_ascii.stl" : "cube_binary.stl");
+    EXPECT_EQ(original.save(file, precision), 12);
+    quib::Stl flat(file, false), merged(file, true);
+    EXPECT_EQ(flat.get_name(), "cube");
+    EXPECT_EQ(flat.points(), original.points());
+    EXPECT_EQ(flat.polygons(), original.polygons());
+    EXPECT_EQ(merged.size(), 8);
+    EXPECT_EQ(merged.size_polygon(), 12);
+
+    EXPECT_EQ(merged.decompress(), 36);
+    EXPECT_EQ(merged.points(), original.points());
+    EXPECT_EQ(merged.compress(), 8);
+    EXPECT_EQ(merged.polygon(11), (std::vector<int>{3, 7, 5}));
+  }
+}
+
+TEST_F(StlFiles, WritesAsciiLinesInFixedNotation) {
+  quib::Stl mesh;
+  mesh.assign(std::vector<Point>{Point(1, 2.5f, -0.125f), Point(2, 2.5f, -0.125f),
+                                 Point(1, 3.5f, -0.125f), Point(0.3f, 0, 1e20f)},
+              {{0, 1, 2}, {3, 3, 3}});
+  mesh.set_name("plate 1");
+  ASSERT_EQ(mesh.save(path("p.stl"), 3), 2);
+  EXPECT_EQ(read(path("p.stl")),
+            "solid plate 1\n"
+            "facet normal 0.000 -0.000 1.000\nouter loop\n"
+            "vertex 1.000 2.500 -0.125\nvertex 2.000 2.500 -0.125\nvertex 1.000 3.500 -0.125\n"
+            "endloop\nendfacet\n"
+            "facet normal -nan -nan -nan\nouter loop\n"
+            "vertex 0.300 0.000 100000002004087734272.000\n"
+            "vertex 0.300 0.000 100000002004087734272.000\n"
+            "vertex 0.300 0.000 100000002004087734272.000\n"
+            "endloop\nendfacet\n"
+            "endsolid plate 1\n");
+
+  // Digits past what a float can carry are zeros.
+  mesh.assign(std::vector<Point>{Point(0.1f, 0, 0)}, {{0, 0, 0}});
+  mesh.save(path("long.stl"), 200);
+  const std::string text = read(path("long.stl"));
+  const std::string expected = "vertex 0.100000001490116119384765625" + std::string(173, '0');
+  EXPECT_NE(text.find(expected + " 0." + std::string(200, '0') + " "), std::string::npos);
+}
+
+TEST_F(StlFiles, WritesBinaryRecordsByteByByte) {
+  quib::Stl mesh;
+  mesh.assign(std::vector<Point>{Point(0, 0, 0), Point(2, 0, 0), Point(0, 3, 0)}, {{0, 1, 2}});
+  mesh.set_name(std::string(100, 'x'));
+  ASSERT_EQ(mesh.save(path("b.stl"), 0), 1);
+  std::string expected = std::string(80, 'x');
+  put_u32(expected, 1);
+  for (float f : {0.f, -0.f, 1.f, 0.f, 0.f, 0.f, 2.f, 0.f, 0.f, 0.f, 3.f, 0.f})
+    put_f32(expected, f);
+  expected += std::string(2, '\0');
+  EXPECT_EQ(read(path("b.stl")), expected);
+
+  mesh.set_name("ab");
+  mesh.save(path("b.stl"), -5);
+  EXPECT_EQ(read(path("b.stl")).substr(0, 81), std::string("ab") + std::string(78, '\0') + '\1');
+}
+
+TEST_F(StlFiles, FailedLoadClearsGeometryAndKeepsName) {
+  quib::Stl mesh = cube();
+  EXPECT_EQ(mesh.load(path("missing.stl"), false), -1);
+  EXPECT_TRUE(mesh.empty());
+  EXPECT_EQ(mesh.size_polygon(), 0);
+  EXPECT_EQ(mesh.get_name(), "cube");
+  fs::create_directory(path("folder"));
+  mesh = cube();
+  EXPECT_EQ(mesh.load(path("folder"), true), -1);
+  EXPECT_FALSE(mesh.is());
+  quib::Stl missing(path("missing.stl"), true);
+  EXPECT_TRUE(missing.empty());
+  EXPECT_EQ(missing.get_name(), "");
+}
+
+TEST(Stl, SwapExchangesGeometryButNotNames) {
+  quib::Stl a = cube(), b;
+  b.set_name("other");
+  a.swap(b);
+  EXPECT_EQ(a.get_name(), "cube");
+  EXPECT_EQ(b.get_name(), "other");
+  EXPECT_TRUE(a.empty());
+  EXPECT_EQ(b.size(), 36);
+
+  std::vector<Point> points{Point(1, 2, 3)};
+  std::vector<std::vector<int>> polygons;
+  b.swap(points, polygons);
+  EXPECT_EQ(points.size(), 36u);
+  EXPECT_EQ(b.size(), 1);
+  EXPECT_EQ(b.size_polygon(), 0);
+  EXPECT_EQ(b.compress(), 0);  // no polygon uses the point
+  EXPECT_EQ(b.decompress(), 0);
+
+  quib::Stl c;
+  c.assign(std::vector<Eigen::Vector3d>{Eigen::Vector3d(0.1, 1e-50, -0.0)}, {});
+  EXPECT_EQ(c.point(0), Point(0.1f, 0.0f, -0.0f));
+  EXPECT_TRUE(std::signbit(c.point(0).z()));
+}
+
+// A 1,000,000-triangle mesh on an integer grid round-trips in both encodings (fewer triangles
+// under the sanitizers, which slow text formatting and parsing down many times).
+TEST_F(StlFiles, LargeMeshRoundTripsInBothEncodings) {
+#if defined(__SANITIZE_ADDRESS__)
+  const int side = 100;
+#else
+  const int side = 708;  // 2 x 707 x 707 = 999,698 triangles, plus a strip below
+#endif
+  std::vector<Point> grid;
+  for (int j = 0; j < side; ++j)
+    for (int i = 0; i < side; ++i)
+      grid.emplace_back(float(i), float(j), float((i * j) % 7));
+  std::vector<std::vector<int>> triangles;
+  for (int j = 0; j + 1 < side; ++j)
+    for (int i = 0; i + 1 < side; ++i) {
+      const int k = j * side + i;
+      triangles.push_back({k, k + 1, k + side});
+      triangles.push_back({k + 1, k + side + 1, k + side});
+    }
+  quib::Stl mesh;
+  mesh.assign(grid, triangles);
+  mesh.decompress();
+  const int count = mesh.size_polygon();
+  for (int precision : {0, 1}) {
+    SCOPED_TRACE(precision);
+    const auto file = path("large.stl");
+    ASSERT_EQ(mesh.save(file, precision), count);
+    quib::Stl flat(file, false);
+    EXPECT_EQ(flat.size_polygon(), count);
+    EXPECT_TRUE(flat.points() == mesh.points());
+    quib::Stl merged(file, true);
+    EXPECT_EQ(merged.size(), side * side);
+    ASSERT_EQ(merged.size_polygon(), count);
+    int wrong = 0;
+    for (int t = 0; t < count; ++t)
+      for (int c = 0; c < 3; ++c)
+        wrong += merged.point(merged.polygon(t)[std::size_t(c)]) != mesh.point(3 * t + c);
+    EXPECT_EQ(wrong, 0);
+  }
+}
+
+}  // namespace
