@@ -4,6 +4,7 @@
 #include "system/fields.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -254,10 +255,6 @@ class MeshBuilder {
 
 enum class Encoding { unknown, binary, ascii };
 
-bool is_blank(char c) {
-  return c == ' ' || c == '\t';
-}
-
 // Calls `line(text)` for every line, without its '\n' and without a '\r' just before it;
 // stops when `line` returns false.
 template <class Line>
@@ -277,6 +274,7 @@ void for_each_line(std::string_view text, Line line) {
 template <class Field>
 bool for_each_word(std::string_view line, std::string& scratch, Field field) {
   bool go_on = true;
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
   detail::for_each_field(line, is_blank, '"', '"', scratch, [&](std::string_view f) {
     if (f.empty()) return true;
     go_on = field(f);
@@ -316,23 +314,190 @@ Encoding detect(std::string_view bytes) {
   return state == 4 ? Encoding::ascii : Encoding::unknown;
 }
 
+// The plain decimal forms "-ddd.ddd" and "d.ddde-dd" with at most 19 significant digits and a
+// power of ten within 1e-22..1e22: then mantissa and power are exact doubles, and one IEEE
+// multiplication or division rounds correctly, giving the bits that strtod gives. Returns
+// nullptr for anything else (which then takes the general road), else the end of the number.
+char const* parse_simple_decimal(char const* p, char const* end, double& value) {
+  const bool negative = p != end && *p == '-';
+  if (negative) ++p;
+  if (end - p >= 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) return nullptr;  // hexadecimal
+  // Up to 19 digits in all (leading zeros included) fit in 64 bits; longer ones go the general
+  // road.
+  std::uint64_t mantissa = 0;
+  int digits = 0, exponent = 0;
+  char const* const start = p;
+  while (p != end && unsigned(*p - '0') < 10)
+    mantissa = mantissa * 10 + unsigned(*p++ - '0');
+  digits = static_cast<int>(p - start);
+  if (p != end && *p == '.') {
+    char const* const fraction = ++p;
+    while (p != end && unsigned(*p - '0') < 10)
+      mantissa = mantissa * 10 + unsigned(*p++ - '0');
+    exponent = -static_cast<int>(p - fraction);
+    digits -= exponent;
+  }
+  if (digits > 19) return nullptr;
+  const bool any = digits > 0;
+  if (!any) return nullptr;
+  if (p != end && (*p == 'e' || *p == 'E')) {
+    char const* q = p + 1;
+    const bool minus = q != end && *q == '-';
+    if (q != end && (*q == '-' || *q == '+')) ++q;
+    if (q != end && unsigned(*q - '0') < 10) {
+      int e = 0;
+      for (; q != end && unsigned(*q - '0') < 10; ++q) {
+        if (e > 10000) return nullptr;
+        e = e * 10 + (*q - '0');
+      }
+      exponent += minus ? -e : e;
+      p = q;
+    }  // else "1e" or "1e+": the number ends before the 'e'
+  }
+  static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                       1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                       1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  if (mantissa > (std::uint64_t(1) << 53) || exponent < -22 || exponent > 22) return nullptr;
+  double v = static_cast<double>(mantissa);
+  v = exponent < 0 ? v / kPowers[-exponent] : v * kPowers[exponent];
+  value = negative ? -v : v;
+  return p;
+}
+
 // Reads x, y or z of a vertex line the way wcstod does (0 when nothing can be read).
 double parse_number(std::string_view f) {
   char const* p = f.data();
   char const* const end = p + f.size();
+  double v = 0;
+  if (parse_simple_decimal(p, end, v) == end) return v;
+  // Other decimal forms go through from_chars; signs, hexadecimal, inf/nan, leading white
+  // space and out-of-range values take the slow road below.
   char const* q = p;
   if (q != end && *q == '-') ++q;
-  // The common decimal forms go through from_chars; signs, hexadecimal, inf/nan, leading
-  // white space and out-of-range values take the slow road below.
   const bool plain = q != end && ((*q >= '0' && *q <= '9') || *q == '.') &&
                      !(*q == '0' && q + 1 != end && (q[1] == 'x' || q[1] == 'X'));
   if (plain) {
-    double v = 0;
     const auto r = std::from_chars(p, end, v);
     if (r.ec == std::errc()) return v;
   }
   const std::wstring wide = convert::to_wstring(std::string(f));
   return std::wcstod(wide.c_str(), nullptr);
+}
+
+// The characters that end a field or need a closer look when fields are scanned: blanks, the
+// quote and the line ends.
+constexpr auto kFieldStop = [] {
+  std::array<bool, 256> stop{};
+  for (unsigned char c : {' ', '\t', '"', '\n', '\r'})
+    stop[c] = true;
+  return stop;
+}();
+
+// A line without any of 'v', 's' and '"' before its '\n' holds nothing the text reader uses.
+constexpr auto kLineMatters = [] {
+  std::array<bool, 256> matters{};
+  for (unsigned char c : {'v', 's', '"', '\n'})
+    matters[c] = true;
+  return matters;
+}();
+
+// What one text line gives the reader: a name, or up to three vertex coordinates.
+struct AsciiLine {
+  enum Kind { none, name_line, vertex_line } kind = none;
+  int have = 0;
+  double xyz[3] = {0, 0, 0};
+  bool has_name = false;
+  std::string_view name;  // valid until the next line is read
+};
+
+// Takes one field of a line: outside a name or vertex line the fields "vertex" and "solid"
+// start one; the field after "solid" is the name; the three fields after "vertex" are x, y, z.
+// Returns false when the rest of the line no longer matters.
+bool take_field(AsciiLine& line, std::string_view f) {
+  switch (line.kind) {
+    case AsciiLine::none:
+      if (f == "vertex") {
+        line.kind = AsciiLine::vertex_line;
+      } else if (f == "solid") {
+        line.kind = AsciiLine::name_line;
+      }
+      return true;
+    case AsciiLine::name_line:
+      line.name = f;
+      line.has_name = true;
+      return false;
+    default:
+      line.xyz[line.have++] = parse_number(f);
+      return line.have < 3;
+  }
+}
+
+char const* past_line(char const* p, char const* end) {
+  if (p != end && *p == '\n') return p + 1;  // the usual case, without a call
+  const void* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+  return nl ? static_cast<char const*>(nl) + 1 : end;
+}
+
+// Reads the line at p through the field splitter; returns the start of the next line.
+char const* read_line_general(char const* p, char const* end, std::string& scratch,
+                              AsciiLine& line) {
+  char const* const next = past_line(p, end);
+  std::string_view text(p, static_cast<std::size_t>(next - p));
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+  for_each_word(text, scratch, [&](std::string_view f) { return take_field(line, f); });
+  return next;
+}
+
+// The same reading for lines without quotes, in one pass over the bytes. Returns the start of
+// the next line, or nullptr when the line holds a quote that matters (the caller then reads
+// it with read_line_general).
+char const* read_line_fast(char const* p, char const* const end, AsciiLine& line) {
+  // A line matters only when one of its fields can be "vertex" or "solid", or when it holds a
+  // quote. Without a 'v', an 's' or a '"' it cannot, and is passed over in one quick scan.
+  char const* q = p;
+  while (q != end && !kLineMatters[static_cast<unsigned char>(*q)])
+    ++q;
+  if (q == end) return end;
+  if (*q == '\n') return q + 1;
+  // A '\r' ends the line only right before '\n' or at the end of the text.
+  const auto cr_ends_line = [end](char const* q) { return q + 1 == end || q[1] == '\n'; };
+  const auto field_end = [&](char const* q) -> char const* {
+    for (; q != end; ++q) {
+      if (!kFieldStop[static_cast<unsigned char>(*q)]) continue;
+      const char c = *q;
+      if (c == '"') return nullptr;
+      if (c != '\r' || cr_ends_line(q)) return q;
+    }
+    return q;
+  };
+  for (;;) {
+    while (p != end && (*p == ' ' || *p == '\t'))
+      ++p;
+    if (p == end) return end;
+    if (*p == '\n') return p + 1;
+    if (*p == '\r' && cr_ends_line(p)) return p + 1 == end ? end : p + 2;
+    if (line.kind == AsciiLine::vertex_line) {
+      double v;
+      char const* e = parse_simple_decimal(p, end, v);
+      if (e != nullptr &&
+          (e == end || *e == ' ' || *e == '\t' || *e == '\n' || (*e == '\r' && cr_ends_line(e)))) {
+        line.xyz[line.have++] = v;
+        if (line.have == 3) return past_line(e, end);
+        p = e;
+        continue;
+      }
+    }
+    char const* const e = field_end(p);
+    if (e == nullptr) return nullptr;
+    const std::string_view f(p, static_cast<std::size_t>(e - p));
+    if (line.kind == AsciiLine::none && f != "vertex" && f != "solid") {
+      p = e;  // the common case: a field that starts nothing
+      continue;
+    }
+    if (!take_field(line, f)) return past_line(e, end);
+    p = e;
+  }
 }
 
 }  // namespace
@@ -395,35 +560,24 @@ int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
   int pending = 0;
   bool overflow = false;
   std::string scratch;
-  for_each_line(bytes, [&](std::string_view line) {
-    enum { none, name_line, vertex_line } kind = none;
-    double xyz[3];
-    int have = 0;
-    for_each_word(line, scratch, [&](std::string_view f) {
-      switch (kind) {
-        case none:
-          if (f == "vertex") {
-            kind = vertex_line;
-          } else if (f == "solid") {
-            kind = name_line;
-          }
-          return true;
-        case name_line:
-          name = convert::to_string(convert::to_wstring(std::string(f)));
-          return false;
-        default:
-          xyz[have++] = parse_number(f);
-          return have < 3;
-      }
-    });
-    if (kind != vertex_line || have < 3) return true;
-    corners[pending++] =
-        Point(static_cast<float>(xyz[0]), static_cast<float>(xyz[1]), static_cast<float>(xyz[2]));
-    if (pending < 3) return true;
+  char const* p = bytes.data();
+  char const* const end = p + bytes.size();
+  while (p != end && !overflow) {
+    AsciiLine line;
+    char const* next = read_line_fast(p, end, line);
+    if (next == nullptr) {
+      line = AsciiLine();
+      next = read_line_general(p, end, scratch, line);
+    }
+    p = next;
+    if (line.has_name) name = convert::to_string(convert::to_wstring(std::string(line.name)));
+    if (line.kind != AsciiLine::vertex_line || line.have < 3) continue;
+    corners[pending++] = Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),
+                               static_cast<float>(line.xyz[2]));
+    if (pending < 3) continue;
     pending = 0;
     overflow = !mesh.add(corners[0], corners[1], corners[2]);
-    return !overflow;
-  });
+  }
   if (overflow) {
     clear();
     return -1;

@@ -1,3 +1,4 @@
+#include <quib/convert.hpp>
 #include <quib/stl.hpp>
 
 #include <gtest/gtest.h>
@@ -262,6 +263,113 @@ TEST_F(StlFiles, AsciiNumbersReadAsWcstodReadsThem) {
     std::memcpy(&b, &got, 4);
     EXPECT_EQ(a, b) << got;
   }
+}
+
+// The text reader written the slow, obvious way over the public field splitter and wcstod.
+struct TextMesh {
+  std::string name;
+  std::vector<Point> points;
+};
+TextMesh read_text_slowly(std::string const& text) {
+  TextMesh mesh;
+  std::vector<Point> pending;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    int kind = 0;  // 1: name line, 2: vertex line
+    std::vector<double> xyz;
+    for (auto const& f : quib::convert::get_separator_wstring(quib::convert::to_wstring(line),
+                                                              L" \t", L'"', L'"')) {
+      if (f.empty()) continue;
+      if (kind == 0) {
+        kind = f == L"vertex" ? 2 : f == L"solid" ? 1 : 0;
+      } else if (kind == 1) {
+        mesh.name = quib::convert::to_string(f);
+        break;
+      } else {
+        xyz.push_back(std::wcstod(f.c_str(), nullptr));
+        if (xyz.size() == 3) break;
+      }
+    }
+    if (xyz.size() < 3) continue;
+    pending.emplace_back(float(xyz[0]), float(xyz[1]), float(xyz[2]));
+    if (pending.size() == 3) mesh.points.insert(mesh.points.end(), pending.begin(), pending.end());
+    if (pending.size() == 3) pending.clear();
+  }
+  return mesh;
+}
+
+TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
+  const std::vector<std::string> words = {"vertex",
+                                          "vertex",
+                                          "vertex",
+                                          "solid",
+                                          "facet",
+                                          "normal",
+                                          "endsolid",
+                                          "\"vertex\"",
+                                          "ver\"tex",
+                                          "\"a b\"c",
+                                          "\"",
+                                          "1",
+                                          "-2.5",
+                                          "3e2",
+                                          "0x1p3",
+                                          "+4",
+                                          "inf",
+                                          "-nan",
+                                          "1e400",
+                                          "1e-400",
+                                          "1.5abc",
+                                          "-0",
+                                          ".5",
+                                          "1e",
+                                          "7.",
+                                          "-.25e+1",
+                                          "00012.50",
+                                          "12345678901234567890123",
+                                          "0.1234567890123456789",
+                                          "9007199254740993",
+                                          "1e22",
+                                          "1e23",
+                                          "2.5e-22",
+                                          "\xC3\xA4",
+                                          "\xFF",
+                                          "\r",
+                                          "x\ry"};
+  const std::vector<std::string> blanks = {" ", "\t", "  ", " \t "};
+  const std::vector<std::string> ends = {"\n", "\r\n", "\r\r\n", "\n\n"};
+  std::mt19937 random(7);
+  const auto pick = [&](std::vector<std::string> const& from) {
+    return from[std::uniform_int_distribution<std::size_t>(0, from.size() - 1)(random)];
+  };
+  std::size_t triangles = 0;
+  for (int file = 0; file < 300; ++file) {
+    std::string text = "solid start\nfacet normal\nfacet normal\n";
+    for (int line = 0; line < 40; ++line) {
+      if (random() % 2) text += pick(blanks);
+      const int n = int(random() % 6);
+      for (int w = 0; w < n; ++w)
+        text += pick(words) + pick(blanks);
+      text += pick(words);
+      if (line < 39 || random() % 2) text += pick(ends);
+    }
+    SCOPED_TRACE(text);
+    const TextMesh expected = read_text_slowly(text);
+    triangles += expected.points.size() / 3;
+    quib::Stl mesh;
+    ASSERT_EQ(mesh.load(write("odd.stl", text), false), int(expected.points.size() / 3));
+    EXPECT_EQ(mesh.get_name(), expected.name);
+    for (std::size_t i = 0; i < expected.points.size(); ++i) {
+      for (int c = 0; c < 3; ++c) {
+        std::uint32_t a, b;
+        std::memcpy(&a, &expected.points[i][c], 4);
+        std::memcpy(&b, &mesh.point(int(i))[c], 4);
+        ASSERT_EQ(a, b) << "point " << i << " coordinate " << c;
+      }
+    }
+  }
+  EXPECT_GT(triangles, 300u);  // the vocabulary does produce vertex lines
 }
 
 TEST_F(StlFiles, MergesFloatEqualPointsButKeepsSignedZerosAndNanApart) {
