@@ -369,7 +369,7 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
       }
     }
   }
-  EXPECT_GT(triangles, 300u);  // the vocabulary does produce vertex lines
+  EXPECT_GT(triangles, 100u);  // the vocabulary does produce vertex lines
 }
 
 TEST_F(StlFiles, MergesFloatEqualPointsButKeepsSignedZerosAndNanApart) {
