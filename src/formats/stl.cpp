@@ -16,6 +16,10 @@
 #include <string_view>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #if defined(__unix__) || defined(__APPLE__)
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -314,6 +318,38 @@ Encoding detect(std::string_view bytes) {
   return state == 4 ? Encoding::ascii : Encoding::unknown;
 }
 
+// Appends the decimal digits at p to `mantissa` (which may wrap when there are more than 19;
+// the caller then refuses the number) and returns the end of the digits. Eight bytes at a time
+// where they can be loaded, which spares a mispredicted branch per number.
+char const* read_digits(char const* p, char const* const end, std::uint64_t& mantissa) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  while (end - p >= 8) {
+    std::uint64_t chunk;
+    std::memcpy(&chunk, p, 8);  // first character in the lowest byte
+    // High bit of a byte set when it is not '0'..'9'. Digits neither borrow nor carry, so the
+    // lowest flagged byte is exactly the first non-digit.
+    const std::uint64_t flags =
+        ((chunk + 0x4646464646464646ull) | (chunk - 0x3030303030303030ull)) & 0x8080808080808080ull;
+    const int n = flags ? __builtin_ctzll(flags) / 8 : 8;
+    if (n == 0) return p;
+    // The n digits to the top bytes, zeros (leading digits) below, then the usual 8-digit SWAR.
+    std::uint64_t d = (chunk - 0x3030303030303030ull) << (8 * (8 - n));
+    d = (d * 10) + (d >> 8);
+    d = (((d & 0x000000FF000000FFull) * (100 + (1000000ull << 32))) +
+         (((d >> 16) & 0x000000FF000000FFull) * (1 + (10000ull << 32)))) >>
+        32;
+    static constexpr std::uint64_t kScale[] = {1,      10,      100,      1000,     10000,
+                                               100000, 1000000, 10000000, 100000000};
+    mantissa = mantissa * kScale[n] + d;
+    p += n;
+    if (n < 8) return p;
+  }
+#endif
+  while (p != end && unsigned(*p - '0') < 10)
+    mantissa = mantissa * 10 + unsigned(*p++ - '0');
+  return p;
+}
+
 // The plain decimal forms "-ddd.ddd" and "d.ddde-dd" with at most 19 significant digits and a
 // power of ten within 1e-22..1e22: then mantissa and power are exact doubles, and one IEEE
 // multiplication or division rounds correctly, giving the bits that strtod gives. Returns
@@ -327,13 +363,11 @@ char const* parse_simple_decimal(char const* p, char const* end, double& value) 
   std::uint64_t mantissa = 0;
   int digits = 0, exponent = 0;
   char const* const start = p;
-  while (p != end && unsigned(*p - '0') < 10)
-    mantissa = mantissa * 10 + unsigned(*p++ - '0');
+  p = read_digits(p, end, mantissa);
   digits = static_cast<int>(p - start);
   if (p != end && *p == '.') {
     char const* const fraction = ++p;
-    while (p != end && unsigned(*p - '0') < 10)
-      mantissa = mantissa * 10 + unsigned(*p++ - '0');
+    p = read_digits(p, end, mantissa);
     exponent = -static_cast<int>(p - fraction);
     digits -= exponent;
   }
@@ -401,6 +435,26 @@ constexpr auto kLineMatters = [] {
   return matters;
 }();
 
+// The first of 'v', 's', '"' and '\n' at or after p, or end; 16 bytes at a time where SSE2 is
+// there.
+char const* find_line_matter(char const* p, char const* const end) {
+#if defined(__SSE2__)
+  const __m128i v = _mm_set1_epi8('v'), s = _mm_set1_epi8('s');
+  const __m128i quote = _mm_set1_epi8('"'), nl = _mm_set1_epi8('\n');
+  for (; end - p >= 16; p += 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+    const __m128i hit =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, v), _mm_cmpeq_epi8(chunk, s)),
+                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl)));
+    const int mask = _mm_movemask_epi8(hit);
+    if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
+  }
+#endif
+  while (p != end && !kLineMatters[static_cast<unsigned char>(*p)])
+    ++p;
+  return p;
+}
+
 // What one text line gives the reader: a name, or up to three vertex coordinates.
 struct AsciiLine {
   enum Kind { none, name_line, vertex_line } kind = none;
@@ -455,9 +509,7 @@ char const* read_line_general(char const* p, char const* end, std::string& scrat
 char const* read_line_fast(char const* p, char const* const end, AsciiLine& line) {
   // A line matters only when one of its fields can be "vertex" or "solid", or when it holds a
   // quote. Without a 'v', an 's' or a '"' it cannot, and is passed over in one quick scan.
-  char const* q = p;
-  while (q != end && !kLineMatters[static_cast<unsigned char>(*q)])
-    ++q;
+  char const* const q = find_line_matter(p, end);
   if (q == end) return end;
   if (*q == '\n') return q + 1;
   // A '\r' ends the line only right before '\n' or at the end of the text.
