@@ -492,14 +492,39 @@ char const* past_line(char const* p, char const* end) {
   return nl ? static_cast<char const*>(nl) + 1 : end;
 }
 
-// Reads the line at p through the field splitter; returns the start of the next line.
-char const* read_line_general(char const* p, char const* end, std::string& scratch,
-                              AsciiLine& line) {
+// Reads the line at p as wide text through the field splitter, the way every line is defined
+// to be read; returns the start of the next line. `name` holds a name the line gives.
+char const* read_line_general(char const* p, char const* end, std::string& name, AsciiLine& line) {
   char const* const next = past_line(p, end);
   std::string_view text(p, static_cast<std::size_t>(next - p));
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
-  for_each_word(text, scratch, [&](std::string_view f) { return take_field(line, f); });
+  // Decoded first, then split: removing quotes must not join the bytes of two broken UTF-8
+  // sequences into one valid character.
+  const std::wstring wide = convert::to_wstring(std::string(text));
+  std::wstring scratch;
+  const auto is_blank = [](wchar_t c) { return c == L' ' || c == L'\t'; };
+  detail::for_each_field(
+      std::wstring_view(wide), is_blank, L'"', L'"', scratch, [&](std::wstring_view f) {
+        if (f.empty()) return true;
+        switch (line.kind) {
+          case AsciiLine::none:
+            if (f == L"vertex") {
+              line.kind = AsciiLine::vertex_line;
+            } else if (f == L"solid") {
+              line.kind = AsciiLine::name_line;
+            }
+            return true;
+          case AsciiLine::name_line:
+            name = convert::to_string(std::wstring(f));
+            line.name = name;
+            line.has_name = true;
+            return false;
+          default:
+            line.xyz[line.have++] = std::wcstod(std::wstring(f).c_str(), nullptr);
+            return line.have < 3;
+        }
+      });
   return next;
 }
 
@@ -611,7 +636,7 @@ int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
   Point corners[3];
   int pending = 0;
   bool overflow = false;
-  std::string scratch;
+  std::string general_name;
   char const* p = bytes.data();
   char const* const end = p + bytes.size();
   while (p != end && !overflow) {
@@ -619,7 +644,7 @@ int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
     char const* next = read_line_fast(p, end, line);
     if (next == nullptr) {
       line = AsciiLine();
-      next = read_line_general(p, end, scratch, line);
+      next = read_line_general(p, end, general_name, line);
     }
     p = next;
     if (line.has_name) name = convert::to_string(convert::to_wstring(std::string(line.name)));

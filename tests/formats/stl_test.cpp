@@ -265,6 +265,14 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
   EXPECT_GT(triangles, 100u);  // the vocabulary does produce vertex lines
 }
 
+// Found by the fuzzer: quotes inside a name join bytes that are not UTF-8 on their own.
+TEST_F(StlFiles, TextIsDecodedBeforeQuotesAreRemoved) {
+  quib::Stl mesh;
+  const std::string text = "solid \xDF\"\"\xB0 x\nfacet normal\nfacet normal\n";
+  ASSERT_EQ(mesh.load(write("quoted.stl", text), false), 0);
+  EXPECT_EQ(mesh.get_name(), "\xEF\xBF\xBD\xEF\xBF\xBD");  // two U+FFFD, not U+07F0
+}
+
 TEST_F(StlFiles, MergesFloatEqualPointsButKeepsSignedZerosAndNanApart) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const Point zero(0, 0, 0), negative(-0.0f, 0, 0), one(1, 1, 1), bad(nan, 0, 0);
