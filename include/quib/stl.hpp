@@ -48,6 +48,8 @@ class QUIB_API Stl {
   Stl(std::wstring const& path, bool merge);
   Stl(Stl const&);
   Stl& operator=(Stl const&);
+  Stl(Stl&&) noexcept;
+  Stl& operator=(Stl&&) noexcept;
   ~Stl();
 
   /// Reads an STL file and replaces name, points and polygons. Returns the number of polygons

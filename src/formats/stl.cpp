@@ -587,6 +587,8 @@ Stl::Stl(std::wstring const& path, bool merge) {
 }
 Stl::Stl(Stl const&) = default;
 Stl& Stl::operator=(Stl const&) = default;
+Stl::Stl(Stl&&) noexcept = default;
+Stl& Stl::operator=(Stl&&) noexcept = default;
 Stl::~Stl() = default;
 
 int Stl::load(std::wstring const& path, bool merge) {
