@@ -4,6 +4,7 @@
 #include <quib/calibration.hpp>
 #include <quib/clock.hpp>
 #include <quib/contour.hpp>
+#include <quib/convert.hpp>
 #include <quib/curve.hpp>
 #include <quib/dib.hpp>
 #include <quib/dicom.hpp>
@@ -22,3 +23,4 @@
 #include <quib/region.hpp>
 #include <quib/robust.hpp>
 #include <quib/slope.hpp>
+#include <quib/stl.hpp>
