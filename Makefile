@@ -24,7 +24,7 @@ test: build
 
 bench:
 	@scripts/bootstrap bench
-	$(call configure,build-bench,Release) -DQUIB_BUILD_TESTS=OFF >/dev/null
+	$(call configure,build-bench,Release) -DQUIB_BUILD_TESTS=OFF -DQUIB_BENCH_PEERS=ON >/dev/null
 	cmake --build build-bench -j $(JOBS)
 	scripts/run-benchmarks build-bench
 

@@ -31,7 +31,6 @@ template <class T>
 struct SIZE {
   T cx{};
   T cy{};
-  SIZE& operator=(SIZE const& other) = default;
 };
 
 /// A pixel position: `x` is the column, `y` the row.
@@ -74,6 +73,7 @@ struct extent {
   constexpr extent(T cx_, T cy_) : cx(cx_), cy(cy_) {}
   constexpr extent(tagSIZE const& s) : cx(s.cx), cy(s.cy) {}  // NOLINT: implicit on purpose
   constexpr extent(SIZE<T> const& s) : cx(s.cx), cy(s.cy) {}  // NOLINT: implicit on purpose
+  extent(extent const& other) = default;
 
   extent& operator=(extent const& other) = default;
   extent& operator=(SIZE<T> const& s) {

@@ -1,0 +1,230 @@
+// Fits against the same moments summed without compensation and against cv::fitLine;
+// RANSAC_Plane per iteration against one bare pass over the points (and against PCL in
+// numeric_pcl_bench.cpp when PCL is found); a degree-6 polynomial fit.
+#include <quib/curve.hpp>
+#include <quib/fit.hpp>
+#include <quib/ransac.hpp>
+
+#include <benchmark/benchmark.h>
+#include <opencv2/imgproc.hpp>
+
+#include "numeric_data.hpp"
+
+#include <cmath>
+#include <random>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using P2 = Eigen::Matrix<double, 2, 1>;
+using P3 = Eigen::Matrix<double, 3, 1>;
+
+std::size_t fit_size() {
+  return bench::smoke() ? 1000 : 10000000;
+}
+
+const std::vector<P2>& points2() {
+  static const std::vector<P2> pts = [] {
+    std::mt19937 gen(1);
+    std::normal_distribution<double> noise(0.0, 0.5);
+    std::vector<P2> p(fit_size());
+    for (std::size_t i = 0; i < p.size(); ++i) {
+      const double t = 6.283185307179586 * static_cast<double>(i) / static_cast<double>(p.size());
+      p[i] = P2(1000.0 + 300.0 * std::cos(t) + noise(gen), 500.0 + 300.0 * std::sin(t));
+    }
+    return p;
+  }();
+  return pts;
+}
+
+const std::vector<P3>& points3() {
+  static const std::vector<P3> pts = [] {
+    std::mt19937 gen(2);
+    std::normal_distribution<double> u(0.0, 1.0);
+    std::vector<P3> p(fit_size());
+    for (P3& q : p)
+      q = P3(u(gen), u(gen), u(gen)).normalized() * 40.0 + P3(100, 200, 300);
+    return p;
+  }();
+  return pts;
+}
+
+const std::vector<double>& weights() {
+  static const std::vector<double> w(fit_size(), 0.75);
+  return w;
+}
+
+void per_point(benchmark::State& state, std::size_t n) {
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+  state.counters["per_point"] = benchmark::Counter(
+      static_cast<double>(n) * 1e-9,
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+template <class Fit>
+void BM_Fit(benchmark::State& state) {
+  const typename Fit::points_type* source;
+  if constexpr (std::is_same_v<typename Fit::points_type, std::vector<P2>>) {
+    source = &points2();
+  } else {
+    source = &points3();
+  }
+  const auto& pts = *source;
+  Fit fit;
+  for (auto _ : state) {
+    if (state.range(0)) {
+      fit.calculate(pts, weights());
+    } else {
+      fit.calculate(pts);
+    }
+    benchmark::DoNotOptimize(fit);
+  }
+  per_point(state, pts.size());
+}
+
+// The limit: the same moments with plain sums (the terms are those of the fits).
+template <std::size_t K, class Points, class Terms>
+void plain_moments(benchmark::State& state, const Points& pts, Terms terms) {
+  const bool weighted = state.range(0) != 0;
+  const std::vector<double>& w = weights();
+  for (auto _ : state) {
+    double s[K] = {};
+    double t[K];
+    for (std::size_t i = 0; i < pts.size(); ++i) {
+      const auto& p = pts[i];
+      if (!p.allFinite()) continue;
+      terms(p, t);
+      if (weighted)
+        for (std::size_t k = 0; k < K; ++k)
+          t[k] *= w[i];
+      for (std::size_t k = 0; k < K; ++k)
+        s[k] += t[k];
+    }
+    benchmark::DoNotOptimize(s);
+  }
+  per_point(state, pts.size());
+}
+
+void BM_PlainSums_Line(benchmark::State& state) {
+  plain_moments<5>(state, points2(), [](const P2& p, double* t) {
+    t[0] = 1.0, t[1] = p[0], t[2] = p[1], t[3] = p[0] * p[0], t[4] = p[0] * p[1];
+  });
+}
+void BM_PlainSums_Circle(benchmark::State& state) {
+  plain_moments<9>(state, points2(), [](const P2& p, double* t) {
+    const double x = p[0], y = p[1], q = x * x + y * y;
+    t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = 1.0;
+    t[6] = x * q, t[7] = y * q, t[8] = q;
+  });
+}
+void BM_PlainSums_Plane(benchmark::State& state) {
+  plain_moments<9>(state, points3(), [](const P3& p, double* t) {
+    const double x = p[0], y = p[1], z = p[2];
+    t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = 1.0;
+    t[6] = x * z, t[7] = y * z, t[8] = z;
+  });
+}
+void BM_PlainSums_Sphere(benchmark::State& state) {
+  plain_moments<14>(state, points3(), [](const P3& p, double* t) {
+    const double x = p[0], y = p[1], z = p[2], q = x * x + y * y + z * z;
+    t[0] = x * x, t[1] = x * y, t[2] = x * z, t[3] = x, t[4] = y * y, t[5] = y * z, t[6] = y;
+    t[7] = z * z, t[8] = z, t[9] = 1.0, t[10] = x * q, t[11] = y * q, t[12] = z * q, t[13] = q;
+  });
+}
+
+void BM_CvFitLine(benchmark::State& state) {
+  std::vector<cv::Point2f> pts;
+  for (const P2& p : points2())
+    pts.emplace_back(static_cast<float>(p[0]), static_cast<float>(p[1]));
+  cv::Vec4f line;
+  for (auto _ : state) {
+    cv::fitLine(pts, line, cv::DIST_L2, 0, 0.01, 0.01);
+    benchmark::DoNotOptimize(line);
+  }
+  per_point(state, pts.size());
+}
+
+BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresLine)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainSums_Line)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CvFitLine)->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresCircle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainSums_Circle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresPlane)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainSums_Plane)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresSphere)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainSums_Sphere)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+void BM_Dimension6(benchmark::State& state) {
+  const std::size_t n = bench::smoke() ? 1000 : 1000000;
+  std::vector<P2> pts(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
+    pts[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
+  }
+  quib::LeastSquaresDimension poly;
+  for (auto _ : state) {
+    poly.calculate(6, pts);
+    benchmark::DoNotOptimize(poly);
+  }
+  per_point(state, n);
+}
+BENCHMARK(BM_Dimension6)->Unit(benchmark::kMillisecond);
+
+// ---- RANSAC -----------------------------------------------------------------------------
+
+std::size_t ransac_size() {
+  return bench::smoke() ? 2000 : 1000000;
+}
+
+template <class V, class S>
+struct CountingPlane : quib::RANSAC_Plane<V, S> {
+  std::int64_t measured = 0;
+  int measure(std::vector<int>& inliers, S& score, const std::vector<V>& points,
+              const std::vector<std::vector<V>>& models, double threshold) override {
+    ++measured;
+    return quib::RANSAC_Plane<V, S>::measure(inliers, score, points, models, threshold);
+  }
+};
+
+template <class V, class S>
+void BM_RansacPlane(benchmark::State& state) {
+  const std::vector<V> pts = bench::plane_cloud<V>(ransac_size(), 0.3);
+  CountingPlane<V, S> ransac;
+  bool found = false;
+  for (auto _ : state)
+    found = ransac.compute(pts, S(0.01), 0.99, 10000);
+  state.counters["iterations"] =
+      static_cast<double>(ransac.measured) / static_cast<double>(state.iterations());
+  state.counters["found"] = found;
+}
+
+// The limit of one iteration: a single pass computing every point's distance to a plane.
+template <class V, class S>
+void BM_BarePlanePass(benchmark::State& state) {
+  const std::vector<V> pts = bench::plane_cloud<V>(ransac_size(), 0.3);
+  const V p0 = pts[0];
+  const V n = (pts[1] - p0).cross(pts[2] - p0).normalized();
+  std::vector<int> inliers;
+  inliers.reserve(pts.size());
+  for (auto _ : state) {
+    inliers.clear();
+    S sum = 0;
+    for (std::size_t i = 0; i < pts.size(); ++i) {
+      const S t = (pts[i] - p0).dot(n);
+      if (std::abs(t) < S(0.01)) inliers.push_back(static_cast<int>(i));
+      sum += t;
+    }
+    benchmark::DoNotOptimize(sum);
+    benchmark::DoNotOptimize(inliers.data());
+  }
+}
+
+BENCHMARK(BM_RansacPlane<Eigen::Vector3f, float>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BarePlanePass<Eigen::Vector3f, float>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RansacPlane<Eigen::Vector3d, double>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BarePlanePass<Eigen::Vector3d, double>)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,195 @@
+// STL loading and saving against a plain read or write of the same bytes, and against the
+// readers of assimp and admesh when they were found at configure time.
+#include <quib/stl.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#if defined(QUIB_BENCH_ASSIMP)
+#include <assimp/cimport.h>
+#include <assimp/config.h>
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
+#endif
+#if defined(QUIB_BENCH_ADMESH)
+#include <admesh/stl.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+enum Kind { grid_binary, random_binary, grid_ascii, kind_count };
+char const* const kNames[kind_count] = {"grid.stl", "random.stl", "grid_ascii.stl"};
+
+// The test meshes, written once per process into a temporary directory that is removed at
+// exit: a flat plate on an integer grid (many equal low bits, the hard case for a hash) and the
+// same connectivity with random coordinates. 1,000,000 triangles, a few thousand when
+// QUIB_BENCH_SMOKE is set.
+class Files {
+ public:
+  static Files& get() {
+    static Files files;
+    return files;
+  }
+  std::string path(Kind k) const { return (dir_ / kNames[k]).string(); }
+  std::wstring wpath(Kind k) const { return (dir_ / kNames[k]).wstring(); }
+  std::uintmax_t bytes(Kind k) const { return fs::file_size(dir_ / kNames[k]); }
+  quib::Stl const& mesh(Kind k) const { return k == random_binary ? random_ : grid_; }
+
+ private:
+  Files() {
+    std::random_device rd;
+    dir_ = fs::temp_directory_path() / ("quib_stl_bench_" + std::to_string(rd()));
+    fs::create_directories(dir_);
+    const bool smoke = std::getenv("QUIB_BENCH_SMOKE") != nullptr;
+    const int side = smoke ? 40 : 708;  // 2 x 707 x 707 = 999,698 triangles
+    std::vector<Eigen::Vector3f> plate, scattered;
+    std::mt19937 random(42);
+    std::uniform_real_distribution<float> coordinate(-500.0f, 500.0f);
+    for (int j = 0; j < side; ++j)
+      for (int i = 0; i < side; ++i) {
+        plate.emplace_back(float(i), float(j), 0.0f);
+        scattered.emplace_back(coordinate(random), coordinate(random), coordinate(random));
+      }
+    std::vector<std::vector<int>> triangles;
+    for (int j = 0; j + 1 < side; ++j)
+      for (int i = 0; i + 1 < side; ++i) {
+        const int k = j * side + i;
+        triangles.push_back({k, k + 1, k + side});
+        triangles.push_back({k + 1, k + side + 1, k + side});
+      }
+    grid_.assign(plate, triangles);
+    grid_.set_name("grid");
+    random_.assign(scattered, triangles);
+    random_.set_name("random");
+    grid_.save(wpath(grid_binary), 0);
+    random_.save(wpath(random_binary), 0);
+    grid_.save(wpath(grid_ascii), 6);
+  }
+  ~Files() {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+
+  fs::path dir_;
+  quib::Stl grid_, random_;
+};
+
+void finish(benchmark::State& state, Kind k) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(Files::get().bytes(k)));
+}
+
+// The limit: the file's bytes read into a buffer, nothing parsed.
+void plain_read(benchmark::State& state, Kind k) {
+  const std::string path = Files::get().path(k);
+  std::vector<char> buffer(Files::get().bytes(k));
+  for (auto _ : state) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    benchmark::DoNotOptimize(std::fread(buffer.data(), 1, buffer.size(), f));
+    std::fclose(f);
+  }
+  finish(state, k);
+}
+
+void quib_load(benchmark::State& state, Kind k, bool merge) {
+  const std::wstring path = Files::get().wpath(k);
+  for (auto _ : state) {
+    quib::Stl mesh;
+    benchmark::DoNotOptimize(mesh.load(path, merge));
+  }
+  finish(state, k);
+}
+
+// The limit for saving: the same number of bytes written from memory.
+void plain_write(benchmark::State& state, Kind k) {
+  const std::string path = Files::get().path(k) + ".out";
+  std::vector<char> buffer(Files::get().bytes(k), 'x');
+  for (auto _ : state) {
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    benchmark::DoNotOptimize(std::fwrite(buffer.data(), 1, buffer.size(), f));
+    std::fclose(f);
+  }
+  finish(state, k);
+}
+
+void quib_save(benchmark::State& state, Kind k, int precision) {
+  const std::wstring path = Files::get().wpath(k) + L".out";
+  quib::Stl const& mesh = Files::get().mesh(k);
+  for (auto _ : state)
+    benchmark::DoNotOptimize(mesh.save(path, precision));
+  finish(state, k);
+}
+
+#if defined(QUIB_BENCH_ASSIMP)
+// assimp's importer; `join` removes the facet normals (which differ between the facets of a
+// vertex) and then joins identical vertices, its way of building a shared-vertex mesh.
+void assimp_import(benchmark::State& state, Kind k, bool join) {
+  const std::string path = Files::get().path(k);
+  aiPropertyStore* props = aiCreatePropertyStore();
+  aiSetImportPropertyInteger(props, AI_CONFIG_PP_RVC_FLAGS, aiComponent_NORMALS);
+  const unsigned flags = join ? aiProcess_RemoveComponent | aiProcess_JoinIdenticalVertices : 0;
+  for (auto _ : state) {
+    aiScene const* scene = aiImportFileExWithProperties(path.c_str(), flags, nullptr, props);
+    if (scene == nullptr) state.SkipWithError("assimp could not read the file");
+    aiReleaseImport(scene);
+  }
+  aiReleasePropertyStore(props);
+  finish(state, k);
+}
+#endif
+
+#if defined(QUIB_BENCH_ADMESH)
+// admesh's reader; `shared` also connects the facets (which the shared-vertex table needs)
+// and builds that table.
+void admesh_open(benchmark::State& state, Kind k, bool shared) {
+  std::string path = Files::get().path(k);
+  for (auto _ : state) {
+    stl_file stl{};
+    stl_open(&stl, path.data());
+    if (stl_get_error(&stl)) state.SkipWithError("admesh could not read the file");
+    if (shared) {
+      stl_check_facets_exact(&stl);
+      stl_generate_shared_vertices(&stl);
+    }
+    stl_close(&stl);
+  }
+  finish(state, k);
+}
+#endif
+
+}  // namespace
+
+#define QUIB_BENCH(...) BENCHMARK_CAPTURE(__VA_ARGS__)->Unit(benchmark::kMillisecond)
+
+QUIB_BENCH(plain_read, binary, grid_binary);
+QUIB_BENCH(quib_load, binary, grid_binary, false);
+QUIB_BENCH(quib_load, merged_grid, grid_binary, true);
+QUIB_BENCH(quib_load, merged_random, random_binary, true);
+QUIB_BENCH(plain_read, ascii, grid_ascii);
+QUIB_BENCH(quib_load, ascii, grid_ascii, false);
+QUIB_BENCH(plain_write, binary, grid_binary);
+QUIB_BENCH(quib_save, binary, grid_binary, 0);
+QUIB_BENCH(plain_write, ascii, grid_ascii);
+QUIB_BENCH(quib_save, ascii, grid_ascii, 6);
+#if defined(QUIB_BENCH_ASSIMP)
+QUIB_BENCH(assimp_import, binary, grid_binary, false);
+QUIB_BENCH(assimp_import, joined_grid, grid_binary, true);
+QUIB_BENCH(assimp_import, joined_random, random_binary, true);
+QUIB_BENCH(assimp_import, ascii, grid_ascii, false);
+#endif
+#if defined(QUIB_BENCH_ADMESH)
+QUIB_BENCH(admesh_open, binary, grid_binary, false);
+QUIB_BENCH(admesh_open, shared_grid, grid_binary, true);
+QUIB_BENCH(admesh_open, shared_random, random_binary, true);
+QUIB_BENCH(admesh_open, ascii, grid_ascii, false);
+#endif
+
+BENCHMARK_MAIN();

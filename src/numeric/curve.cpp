@@ -1,0 +1,342 @@
+#include <quib/curve.hpp>
+#include <quib/slope.hpp>
+
+#include "numeric/fit_core.hpp"
+
+#include <cmath>
+#include <cstdint>
+#include <utility>
+
+namespace quib {
+
+using detail::kNaN;
+using Point2 = Eigen::Matrix<double, 2, 1>;
+
+namespace {
+
+// Fits a polynomial of fixed degree into `out` (highest power first); NaN when there is none.
+template <std::size_t Size>
+void fit_fixed(double (&out)[Size], const std::vector<Point2>& points,
+               const std::vector<double>* weights) {
+  std::vector<double> coef;
+  if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, weights)) {
+    for (std::size_t i = 0; i < Size; ++i)
+      out[i] = coef[i];
+  } else {
+    for (double& v : out)
+      v = kNaN;
+  }
+}
+
+template <class Curve>
+bool residuals(const Curve& curve, std::vector<double>& d, const std::vector<Point2>& points) {
+  if (!curve.is()) return false;
+  d.resize(points.size());
+  for (std::size_t i = 0; i < points.size(); ++i)
+    d[i] = points[i][1] - curve.get_y(points[i][0]);
+  return true;
+}
+
+template <class Fit>
+Fit robust(const std::vector<Point2>& points, double k) {
+  Fit fit(points);
+  detail::reweight_once(fit, points, k,
+                        [&](const std::vector<double>& w) { fit.calculate(points, w); });
+  return fit;
+}
+
+}  // namespace
+
+// ---- quadratic --------------------------------------------------------------------------
+
+LeastSquaresCurve::LeastSquaresCurve() : a_(kNaN), b_(kNaN), c_(kNaN) {}
+LeastSquaresCurve::LeastSquaresCurve(const points_type& points) : LeastSquaresCurve() {
+  calculate(points);
+}
+void LeastSquaresCurve::swap(LeastSquaresCurve& other) noexcept {
+  std::swap(a_, other.a_);
+  std::swap(b_, other.b_);
+  std::swap(c_, other.c_);
+}
+void LeastSquaresCurve::clear() {
+  a_ = b_ = c_ = kNaN;
+}
+bool LeastSquaresCurve::is() const {
+  return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_);
+}
+bool LeastSquaresCurve::calculate(const points_type& points) {
+  double x[3];
+  fit_fixed(x, points, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCurve::calculate(const points_type& points, const std::vector<double>& weights) {
+  double x[3];
+  fit_fixed(x, points, &weights);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCurve::get_d(std::vector<double>& d, const points_type& points) const {
+  return residuals(*this, d, points);
+}
+LeastSquaresCurve LeastSquaresCurve::create(const points_type& points) {
+  return LeastSquaresCurve(points);
+}
+LeastSquaresCurve LeastSquaresCurve::create(const points_type& points, double k) {
+  return robust<LeastSquaresCurve>(points, k);
+}
+
+// ---- cubic ------------------------------------------------------------------------------
+
+LeastSquaresCurve3::LeastSquaresCurve3() : a_(kNaN), b_(kNaN), c_(kNaN), d_(kNaN) {}
+LeastSquaresCurve3::LeastSquaresCurve3(const points_type& points) : LeastSquaresCurve3() {
+  calculate(points);
+}
+void LeastSquaresCurve3::swap(LeastSquaresCurve3& other) noexcept {
+  std::swap(a_, other.a_);
+  std::swap(b_, other.b_);
+  std::swap(c_, other.c_);
+  std::swap(d_, other.d_);
+}
+void LeastSquaresCurve3::clear() {
+  a_ = b_ = c_ = d_ = kNaN;
+}
+bool LeastSquaresCurve3::is() const {
+  return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_) && std::isfinite(d_);
+}
+bool LeastSquaresCurve3::calculate(const points_type& points) {
+  double x[4];
+  fit_fixed(x, points, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresCurve3::calculate(const points_type& points, const std::vector<double>& weights) {
+  double x[4];
+  fit_fixed(x, points, &weights);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresCurve3::get_d(std::vector<double>& d, const points_type& points) const {
+  return residuals(*this, d, points);
+}
+LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points) {
+  return LeastSquaresCurve3(points);
+}
+LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double k) {
+  return robust<LeastSquaresCurve3>(points, k);
+}
+
+// ---- any degree -------------------------------------------------------------------------
+
+LeastSquaresDimension::LeastSquaresDimension() : scale(1.0) {}
+LeastSquaresDimension::LeastSquaresDimension(double s) : scale(s) {}
+LeastSquaresDimension::LeastSquaresDimension(double s, int degree, const points_type& points)
+    : scale(s) {
+  calculate(degree, points);
+}
+
+void LeastSquaresDimension::swap(LeastSquaresDimension& other) noexcept {
+  coef.swap(other.coef);
+}
+
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree,
+                                                    const points_type& points) {
+  return LeastSquaresDimension(s, degree, points);
+}
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, const points_type& points,
+                                                    double k) {
+  LeastSquaresDimension fit(s, degree, points);
+  detail::reweight_once(fit, points, k,
+                        [&](const std::vector<double>& w) { fit.calculate(degree, points, w); });
+  return fit;
+}
+
+bool LeastSquaresDimension::calculate(int degree, const points_type& points) {
+  return detail::fit_polynomial(coef, degree, scale, points, nullptr);
+}
+bool LeastSquaresDimension::calculate(int degree, const points_type& points,
+                                      const std::vector<double>& weights) {
+  return detail::fit_polynomial(coef, degree, scale, points, &weights);
+}
+
+bool LeastSquaresDimension::get_d(std::vector<double>& d, const points_type& points) const {
+  return residuals(*this, d, points);
+}
+
+double LeastSquaresDimension::get_y(double x) const {
+  detail::Sum sum;
+  double xp = 1.0;
+  for (std::size_t i = coef.size(); i-- > 0;) {  // lowest power first
+    sum.add(coef[i] * xp / scale);
+    xp *= x;
+  }
+  return sum.value();
+}
+
+double LeastSquaresDimension::get_slope(double x) const {
+  if (coef.size() < 2) return 0.0;
+  const std::size_t n = coef.size() - 1;
+  detail::Sum sum;
+  double xp = 1.0;  // x^(n-i-1)
+  for (std::size_t i = n; i-- > 0;) {
+    sum.add(static_cast<double>(n - i) * coef[i] * xp / scale);
+    xp *= x;
+  }
+  return sum.value();
+}
+
+double LeastSquaresDimension::get_area(double x0, double x1) const {
+  const auto primitive = [this](double x) {
+    const std::size_t n = coef.size() - 1;
+    detail::Sum sum;
+    double xp = x;  // x^(n-i+1)
+    for (std::size_t i = n + 1; i-- > 0;) {
+      sum.add(coef[i] * xp / static_cast<double>(n - i + 1) / scale);
+      xp *= x;
+    }
+    return sum.value();
+  };
+  if (coef.empty()) return 0.0;
+  return primitive(x1) - primitive(x0);
+}
+
+namespace {
+
+// The walks need a forward step that actually moves.
+bool walkable(double x0, double x1, double step) {
+  return std::isfinite(x0) && std::isfinite(x1) && std::isfinite(step) && step > 0.0 &&
+         x0 + step != x0;
+}
+
+}  // namespace
+
+double LeastSquaresDimension::get_length(double x0, double x1, double step) const {
+  if (!walkable(x0, x1, step) || !(x1 > x0 + step)) return 0.0;
+  detail::Sum length;
+  double xp = x0, yp = get_y(x0);
+  for (std::uint64_t k = 1;; ++k) {
+    const double x = x0 + static_cast<double>(k) * step;
+    if (!(x < x1)) break;
+    const double y = get_y(x);
+    length.add(std::hypot(x - xp, y - yp));
+    xp = x, yp = y;
+  }
+  return length.value();
+}
+
+double LeastSquaresDimension::get_x(double x0, double length, double step) const {
+  if (length == 0.0) return x0;
+  if (!std::isfinite(length) || !walkable(x0, x0, step)) return kNaN;
+  const double target = std::fabs(length);
+  const double dir = length > 0.0 ? step : -step;
+  detail::Sum walked;
+  double xp = x0, yp = get_y(x0);
+  for (std::uint64_t k = 1;; ++k) {
+    const double x = x0 + static_cast<double>(k) * dir;
+    const double y = get_y(x);
+    if (x == xp || !std::isfinite(x) || !std::isfinite(y)) return kNaN;  // cannot get further
+    walked.add(std::hypot(x - xp, y - yp));                              // no underflow to 0
+    if (walked.value() >= target) return x;
+    xp = x, yp = y;
+  }
+}
+
+int LeastSquaresDimension::get_solution(std::vector<double>& roots, double x0, double x1,
+                                        double step) const {
+  constexpr double kTiny = 2.220446049250313e-16;
+  const auto sign = [](double v) { return v > kTiny ? 1 : (v < -kTiny ? -1 : 0); };
+  std::vector<double> found;
+  if (walkable(x0, x1, step)) {
+    double vp = get_y(x0);
+    int s = sign(vp);
+    if (s == 0 && x0 < x1) found.push_back(x0);
+    double xp = x0;
+    for (std::uint64_t k = 1;; ++k) {
+      const double x = x0 + static_cast<double>(k) * step;
+      if (!(x < x1)) break;
+      const double v = get_y(x);
+      const int t = sign(v);
+      if (t == 0) {
+        found.push_back(x);
+      } else if (s != 0 && t != s) {
+        // One secant-like step from the previous sample with the mean of the end slopes.
+        found.push_back(xp - vp / (0.5 * (get_slope(xp) + get_slope(x))));
+      }
+      vp = v, s = t, xp = x;
+    }
+  }
+  roots.swap(found);
+  return static_cast<int>(roots.size());
+}
+
+double LeastSquaresDimension::get_area2(double x0, double x1, double step) const {
+  std::vector<double> roots;
+  get_solution(roots, x0, x1, step);
+  detail::Sum area;
+  double from = x0;
+  for (double r : roots) {
+    area.add(std::fabs(get_area(from, r)));
+    from = r;
+  }
+  area.add(std::fabs(get_area(from, x1)));
+  return area.value();
+}
+
+int LeastSquaresDimension::walk(bool local, std::vector<int>& kinds, points_type& points,
+                                std::vector<double>& strongest, double x0, double x1,
+                                double step) const {
+  kinds.clear();
+  points.clear();
+  const int degree = get_numeric();
+  if (degree > 1) {
+    kinds.reserve(static_cast<std::size_t>(degree - 1));
+    points.reserve(static_cast<std::size_t>(degree - 1));
+  }
+  if (!walkable(x0, x1, step)) return 0;
+  Slope slope;  // direction 0 until the curve first rises or falls
+  double m = 0.0;
+  for (std::uint64_t k = 0;; ++k) {
+    const double x = x0 + static_cast<double>(k) * step;
+    if (!(x < x1)) break;
+    const double s = get_slope(x);
+    const int d = slope.dir();
+    if (d == 0) {
+      if (s > 0.0) slope.dir(1);
+      if (s < 0.0) slope.dir(-1);
+      continue;
+    }
+    if (d > 0 ? s > m : s < m) m = s;
+    int kind = 0;
+    const bool event = local ? slope.is_local(kind, s) : slope.is_extreme(kind, s);
+    if (!event) continue;
+    points.push_back(Point2(x, get_y(x)));
+    kinds.push_back(kind);
+    strongest.push_back(m);
+    m = 0.0;
+    slope.dir(kind != 0 ? -d : d);
+  }
+  return static_cast<int>(kinds.size());
+}
+
+int LeastSquaresDimension::get_local(std::vector<int>& kinds, points_type& points, double x0,
+                                     double x1, double step) const {
+  std::vector<double> strongest;
+  return walk(true, kinds, points, strongest, x0, x1, step);
+}
+int LeastSquaresDimension::get_local(std::vector<int>& kinds, points_type& points,
+                                     std::vector<double> strongest, double x0, double x1,
+                                     double step) const {
+  return walk(true, kinds, points, strongest, x0, x1, step);
+}
+int LeastSquaresDimension::get_extreme(std::vector<int>& kinds, points_type& points, double x0,
+                                       double x1, double step) const {
+  std::vector<double> strongest;
+  return walk(false, kinds, points, strongest, x0, x1, step);
+}
+int LeastSquaresDimension::get_extreme(std::vector<int>& kinds, points_type& points,
+                                       std::vector<double> strongest, double x0, double x1,
+                                       double step) const {
+  return walk(false, kinds, points, strongest, x0, x1, step);
+}
+
+}  // namespace quib

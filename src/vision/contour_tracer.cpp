@@ -1,0 +1,369 @@
+#include <quib/contour.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+#error "the row scan reads eight pixels as a little-endian word"
+#endif
+
+namespace quib::ocv {
+
+namespace {
+
+// Steps of the eight directions, counter-clockwise on screen starting below left.
+constexpr int kDx[8] = {-1, 0, 1, 1, 1, 0, -1, -1};
+constexpr int kDy[8] = {1, 1, 1, 0, -1, -1, -1, 0};
+
+bool is_gray8(cv::Mat const& m) {
+  return m.dims == 2 && m.type() == CV_8UC1;
+}
+
+// The two matrices as plain pointers and sizes. Held in a local, the values stay in registers
+// while the mask is written (a write through unsigned char may alias anything reachable).
+struct Grid {
+  unsigned char const* base;
+  unsigned char* mask;
+  int cols;
+  int rows;
+};
+
+// Linear indices of (x, y) in base and in mask, through the caller's accessor.
+struct ViaAccessor {
+  cv::Mat const& base;
+  cv::Mat const& mask;
+  std::ptrdiff_t (*at)(cv::Mat const&, int, int);
+  std::ptrdiff_t in_base(int x, int y) const { return at(base, x, y); }
+  std::ptrdiff_t in_mask(int x, int y) const { return at(mask, x, y); }
+};
+
+// The same indices computed directly (what the default accessor computes).
+struct Direct {
+  std::ptrdiff_t base_step;
+  std::ptrdiff_t mask_step;
+  std::ptrdiff_t in_base(int x, int y) const { return y * base_step + x; }
+  std::ptrdiff_t in_mask(int x, int y) const { return y * mask_step + x; }
+};
+
+// Whether the neighbour (nx, ny), reached by the step (dx, dy), keeps one pixel of margin on
+// the side of the move.
+inline bool within_margin(Grid const& g, int dx, int dy, int nx, int ny) {
+  return !((dx < 0 && nx < 1) || (dx > 0 && nx > g.cols - 2) || (dy < 0 && ny < 1) ||
+           (dy > 0 && ny > g.rows - 2));
+}
+
+// One step of a trace: the body of trace_one, shared with trace so that it can be inlined.
+// The trace's start pixel, contour.front(), may always be re-entered: a start in the top row
+// or the left column could otherwise never be reached again, and the trace would not close.
+template <class Index>
+inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Point>& contour,
+                           cv::Point& c, int d, unsigned char blank) {
+  const int dx = kDx[d & 7];
+  const int dy = kDy[d & 7];
+  const int nx = c.x + dx;
+  const int ny = c.y + dy;
+  if (!within_margin(g, dx, dy, nx, ny)) {
+    const bool start = !contour.empty() && contour.front().x == nx && contour.front().y == ny;
+    if (!start || nx < 0 || ny < 0 || nx >= g.cols || ny >= g.rows) return -1;
+  }
+  const std::ptrdiff_t at = index.in_base(nx, ny);
+  if (g.base[at] == blank) return -1;
+  unsigned char& count = g.mask[index.in_mask(nx, ny)];
+  if (count == 255) return -1;  // worn out, or marked by the caller
+  if (count == 0) contour.emplace_back(nx, ny);
+  ++count;
+  c = cv::Point(nx, ny);
+  return at;
+}
+
+// A look at a neighbour without moving: (found, its index, or -1 when visited already).
+template <class Index>
+inline std::pair<bool, std::ptrdiff_t> look(Grid const& g, Index const& index, cv::Point const& c,
+                                            int d, unsigned char blank) {
+  const int dx = kDx[d & 7];
+  const int dy = kDy[d & 7];
+  const int nx = c.x + dx;
+  const int ny = c.y + dy;
+  if (!within_margin(g, dx, dy, nx, ny)) return {false, -1};
+  const std::ptrdiff_t at = index.in_base(nx, ny);
+  if (g.base[at] == blank) return {false, -1};
+  if (g.mask[index.in_mask(nx, ny)] != 0) return {true, -1};
+  return {true, at};
+}
+
+// The left edges among the eight pixels row[x .. x + 7], as the high bit of each byte of the
+// result: a pixel differing from blank whose left neighbour (none for x == 0) equals blank.
+inline std::uint64_t left_edges(unsigned char const* row, int x, std::uint64_t blank_word,
+                                unsigned char blank) {
+  std::uint64_t word;
+  std::memcpy(&word, row + x, sizeof word);
+  // High bit of each byte set where the pixel differs from blank (exact per byte: the low
+  // seven bits are summed without carry across bytes).
+  const std::uint64_t v = word ^ blank_word;
+  const std::uint64_t low = 0x7f7f7f7f7f7f7f7full;
+  const std::uint64_t differs = (((v & low) + low) | v) & ~low;
+  // Bytes are in memory order, so the left neighbour of byte k is byte k - 1 (little endian
+  // shift by 8); the neighbour of byte 0 is row[x - 1].
+  const std::uint64_t before = x > 0 && row[x - 1] != blank ? 0x80u : 0u;
+  const std::uint64_t left_differs = (differs << 8) | before;
+  return differs & ~left_differs;
+}
+
+// The index of the lowest byte whose high bit is set.
+inline unsigned lowest_byte(std::uint64_t bits) {
+  unsigned k = 0;
+  while ((bits & 0x80u) == 0) {
+    bits >>= 8;
+    ++k;
+  }
+  return k;
+}
+
+// The first start candidate at or after x in a row: a pixel that differs from blank and whose
+// left neighbour (none in column 0) equals blank. `cols` when there is none. Runs of pixels
+// without a candidate are skipped sixteen or eight at a time.
+inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned char blank) {
+#if defined(__SSE2__)
+  const __m128i blanks = _mm_set1_epi8(static_cast<char>(blank));
+  for (; x + 16 <= cols; x += 16) {
+    const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
+    const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
+    const unsigned differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
+    const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
+    unsigned edges = differs & ~((differs << 1) | before);
+    if (edges != 0) {
+      while ((edges & 1u) == 0) {
+        edges >>= 1;
+        ++x;
+      }
+      return x;
+    }
+  }
+#endif
+  const std::uint64_t blank_word = 0x0101010101010101ull * blank;
+  for (; x + 8 <= cols; x += 8) {
+    const std::uint64_t edges = left_edges(row, x, blank_word, blank);
+    if (edges != 0) return x + static_cast<int>(lowest_byte(edges));
+  }
+  for (; x < cols; ++x) {
+    if (row[x] != blank && (x == 0 || row[x - 1] == blank)) return x;
+  }
+  return cols;
+}
+
+}  // namespace
+
+ContourTracer::ContourTracer(cv::Mat& image) {
+  if (!is_gray8(image)) return;
+  base_ = image.clone();
+  mask_ = cv::Mat::zeros(image.rows, image.cols, CV_8UC1);
+}
+
+ContourTracer::ContourTracer(cv::Mat& image, cv::Mat& mask) {
+  if (!is_gray8(image) || !is_gray8(mask) || image.size() != mask.size()) return;
+  base_ = image.clone();
+  mask_ = mask;
+}
+
+void ContourTracer::swap(ContourTracer& other) noexcept {
+  std::swap(base_, other.base_);
+  std::swap(mask_, other.mask_);
+}
+
+bool ContourTracer::create(cv::Mat& image) {
+  ContourTracer made(image);
+  if (made.base_.total() == 0) return false;
+  swap(made);
+  return true;
+}
+
+bool ContourTracer::create(cv::Mat& image, cv::Mat& mask) {
+  ContourTracer made(image, mask);
+  if (made.base_.total() == 0) return false;
+  swap(made);
+  return true;
+}
+
+void ContourTracer::release() {
+  base_.release();
+  mask_.release();
+}
+
+bool ContourTracer::is_end(cv::Point const& p) const {
+  return p.x < 0 || p.y < 0 || p.x >= base_.cols || p.y >= base_.rows;
+}
+
+bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
+                           unsigned char blank) {
+  if (empty() || is_end(position)) return false;
+  const int rows = base_.rows;
+  const int cols = base_.cols;
+  int x = position.x;
+  for (int y = position.y; y < rows; ++y, x = 0) {
+    const unsigned char* row = base_.ptr<unsigned char>(y);
+    for (x = next_left_edge(row, x, cols, blank); x < cols;
+         x = next_left_edge(row, x + 1, cols, blank)) {
+      if (trace(contour, cv::Point(x, y), blank)) {
+        fill(mask_, contour, F_MASK, F_BLANK);
+        position = x + 1 < cols ? cv::Point(x + 1, y) : cv::Point(0, y + 1);
+        return true;
+      }
+    }
+  }
+  position = cv::Point(0, rows);
+  return false;
+}
+
+bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& start,
+                          unsigned char blank) {
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  const Direct index{static_cast<std::ptrdiff_t>(base_.step[0]),
+                     static_cast<std::ptrdiff_t>(mask_.step[0])};
+  unsigned char& first = g.mask[index.in_mask(start.x, start.y)];
+  if (first != 0) return false;  // part of a region found before
+  contour.clear();
+  first = 1;
+  contour.push_back(start);
+
+  // Neighbour offsets of the eight directions in base and in mask.
+  std::ptrdiff_t base_off[8];
+  std::ptrdiff_t mask_off[8];
+  for (int d = 0; d < 8; ++d) {
+    base_off[d] = kDy[d] * index.base_step + kDx[d];
+    mask_off[d] = kDy[d] * index.mask_step + kDx[d];
+  }
+
+  int s = 0;
+  cv::Point q = start;
+  for (;;) {
+    bool moved = false;
+    if (q.x >= 2 && q.y >= 2 && q.x <= g.cols - 3 && q.y <= g.rows - 3) {
+      // Two pixels from every border, each neighbour keeps the margin: the step of trace_one
+      // without the border tests.
+      const std::ptrdiff_t here_base = index.in_base(q.x, q.y);
+      const std::ptrdiff_t here_mask = index.in_mask(q.x, q.y);
+      for (int k = 0; k < 8; ++k) {
+        const int d = (s + k) & 7;
+        if (g.base[here_base + base_off[d]] == blank) continue;
+        unsigned char& count = g.mask[here_mask + mask_off[d]];
+        if (count == 255) continue;
+        q.x += kDx[d];
+        q.y += kDy[d];
+        if (count == 0) contour.push_back(q);
+        ++count;
+        s = (d + 6) & 7;  // two steps back from the direction of arrival
+        moved = true;
+        break;
+      }
+    } else {
+      for (int k = 0; k < 8; ++k) {
+        const int d = (s + k) & 7;
+        if (step(g, index, contour, q, d, blank) >= 0) {
+          s = (d + 6) & 7;
+          moved = true;
+          break;
+        }
+      }
+    }
+    if (!moved) break;  // isolated pixel, or every neighbour worn out
+    if (q != start) continue;
+    // Back at the start: go on only when the boundary passes through it again towards an
+    // unvisited neighbour.
+    bool again = false;
+    for (int k = 0; k < 8; ++k) {
+      const auto [found, at] = look(g, index, start, (s + k) & 7, blank);
+      if (found) {
+        again = at >= 0;
+        break;
+      }
+    }
+    if (!again) break;
+  }
+  return true;
+}
+
+std::ptrdiff_t ContourTracer::trace_one(std::vector<cv::Point>& contour, cv::Point& c, int d,
+                                        accessor at, unsigned char blank) {
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return step(g, ViaAccessor{base_, mask_, at}, contour, c, d, blank);
+}
+
+std::pair<bool, std::ptrdiff_t> ContourTracer::check_one(cv::Point const& c, int d, accessor at,
+                                                         unsigned char blank) const {
+  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return look(g, ViaAccessor{base_, mask_, at}, c, d, blank);
+}
+
+bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
+                         unsigned char value, unsigned char /*background*/) {
+  if (!is_gray8(target) || target.empty()) return false;
+  const cv::Rect bounds(0, 0, target.cols, target.rows);
+  int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
+  for (cv::Point const& p : contour) {
+    if (!bounds.contains(p)) continue;
+    x0 = std::min(x0, p.x);
+    y0 = std::min(y0, p.y);
+    x1 = std::max(x1, p.x);
+    y1 = std::max(y1, p.y);
+  }
+  if (x0 > x1) return false;  // no point inside the target
+
+  // A canvas over the bounding rectangle with one free pixel all round: 1 marks the outline,
+  // and a 4-connected flood from the free frame marks the outside with 2. A closed 8-connected
+  // chain of pixels cannot be crossed by a 4-connected flood, so what stays below 2 is the
+  // outline and the pixels it encloses.
+  const int w = x1 - x0 + 1;
+  const int h = y1 - y0 + 1;
+  const std::ptrdiff_t pitch = w + 2;
+  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * (h + 2), 0);
+  for (cv::Point const& p : contour) {
+    if (bounds.contains(p)) canvas[(p.y - y0 + 1) * pitch + (p.x - x0 + 1)] = 1;
+  }
+  // A span flood: fill the whole free run around a seed, then seed the free runs above and
+  // below it.
+  const int rows = h + 2;
+  unsigned char* const cells = canvas.data();
+  std::vector<cv::Point> pending{cv::Point(0, 0)};
+  while (!pending.empty()) {
+    const cv::Point seed = pending.back();
+    pending.pop_back();
+    unsigned char* row = cells + seed.y * pitch;
+    if (row[seed.x] != 0) continue;
+    int left = seed.x;
+    int right = seed.x;
+    while (left > 0 && row[left - 1] == 0)
+      --left;
+    while (right + 1 < pitch && row[right + 1] == 0)
+      ++right;
+    std::memset(row + left, 2, static_cast<std::size_t>(right - left + 1));
+    for (int ny : {seed.y - 1, seed.y + 1}) {
+      if (ny < 0 || ny >= rows) continue;
+      const unsigned char* next = cells + ny * pitch;
+      int x = left;
+      while (x <= right) {
+        if (next[x] != 0) {
+          ++x;
+          continue;
+        }
+        pending.emplace_back(x, ny);  // one seed per free run
+        while (x <= right && next[x] == 0)
+          ++x;
+      }
+    }
+  }
+  for (int y = 0; y < h; ++y) {
+    const unsigned char* in = canvas.data() + (y + 1) * pitch + 1;
+    unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
+    for (int x = 0; x < w; ++x)
+      out[x] = in[x] != 2 ? value : out[x];
+  }
+  return true;
+}
+
+}  // namespace quib::ocv

@@ -1,0 +1,277 @@
+#include <quib/feature.hpp>
+
+#include <opencv2/calib3d.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <tuple>
+
+namespace quib {
+
+namespace {
+
+// The engine converts 8-bit, 16-bit and float images of 1, 3 or 4 channels to grey; other
+// types make it throw, and so does an image of a single row or column.
+bool usable(cv::Mat const& image) {
+  if (image.empty() || image.dims != 2 || image.rows < 2 || image.cols < 2) return false;
+  const int depth = image.depth();
+  const int channels = image.channels();
+  return (depth == CV_8U || depth == CV_16U || depth == CV_32F) &&
+         (channels == 1 || channels == 3 || channels == 4);
+}
+
+// A header over the pixels of `image` when its layout maps onto a cv::Mat: whole bytes per
+// channel (8, 16 or 32 bits each) and rows long enough for the width. Otherwise an empty Mat.
+cv::Mat view(Image const& image) {
+  if (image.empty()) return cv::Mat();
+  const ImageCoordinator format = image.getCoordinator();
+  const int channels = format.getChannel();
+  const int bits = format.getBits();
+  if (channels <= 0 || bits % channels != 0) return cv::Mat();
+  const int per_channel = bits / channels;
+  if (per_channel != 8 && per_channel != 16 && per_channel != 32) return cv::Mat();
+  if (format.getDenominator() != 1 || format.getNumerator() * 8 != bits) return cv::Mat();
+  const std::int64_t row = static_cast<std::int64_t>(image.getWidth()) * (bits / 8);
+  if (image.getWidth() <= 0 || image.getHeight() <= 0 || image.getLineBytes() < row)
+    return cv::Mat();
+  return image.makeMat();
+}
+
+const char* matcher_name(Feature::match_t type) {
+  switch (type) {
+    case Feature::MATCH_FLANN_BASED:
+      return "FlannBased";
+    case Feature::MATCH_BRUTE_FORCE_SL2:
+      return "BruteForce-SL2";
+    case Feature::MATCH_BRUTE_FORCE_L1:
+      return "BruteForce-L1";
+    case Feature::MATCH_BRUTE_FORCE_HAMMING:
+      return "BruteForce-Hamming";
+    case Feature::MATCH_BRUTE_FORCE_HAMMING2:
+      return "BruteForce-Hamming(2)";
+    case Feature::MATCH_BRUTE_FORCE:
+    default:
+      return "BruteForce";
+  }
+}
+
+int homography_method(Feature::find_t method) {
+  switch (method) {
+    case Feature::FIND_RANSAC:
+      return cv::RANSAC;
+    case Feature::FIND_LMEDS:
+      return cv::LMEDS;
+    case Feature::FIND_ALL_POINTS:
+    default:
+      return 0;
+  }
+}
+
+bool in_range(int index, std::size_t size) {
+  return index >= 0 && static_cast<std::size_t>(index) < size;
+}
+
+}  // namespace
+
+Feature::Feature()
+    : engine(cv::AKAZE::create(cv::AKAZE::DESCRIPTOR_MLDB, 0, 3, 0.001f, 4, 4,
+                               cv::KAZE::DIFF_PM_G2)) {}
+
+bool Feature::detect(std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image) {
+  keypoints.clear();
+  if (!usable(image)) return false;
+  engine->detect(image, keypoints);
+  return !keypoints.empty();
+}
+
+bool Feature::detect(std::vector<cv::KeyPoint>& keypoints, Image const& image) {
+  return detect(keypoints, view(image));
+}
+
+bool Feature::compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints,
+                      cv::Mat const& image) {
+  descriptors.release();
+  if (keypoints.empty() || !usable(image)) return false;
+  engine->compute(image, keypoints, descriptors);
+  return !descriptors.empty();
+}
+
+bool Feature::compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints,
+                      Image const& image) {
+  return compute(descriptors, keypoints, view(image));
+}
+
+bool Feature::match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
+                    cv::Mat const& descriptors2, match_t type) const {
+  matches.clear();
+  if (descriptors1.empty() || descriptors2.empty()) return false;
+  cv::Ptr<cv::DescriptorMatcher> matcher = cv::DescriptorMatcher::create(matcher_name(type));
+  matcher->match(descriptors1, descriptors2, matches);
+  return !matches.empty();
+}
+
+region::vector3<float> Feature::get_hamming_distance(std::vector<cv::DMatch> const& matches) const {
+  if (matches.empty()) return {0.0f, 0.0f, 0.0f};
+  double low = matches.front().distance;
+  double high = low;
+  double sum = 0.0;
+  for (cv::DMatch const& m : matches) {
+    low = std::min(low, static_cast<double>(m.distance));
+    high = std::max(high, static_cast<double>(m.distance));
+    sum += m.distance;
+  }
+  const double mean = sum / static_cast<double>(matches.size());
+  return {static_cast<float>(low), static_cast<float>(high), static_cast<float>(mean)};
+}
+
+bool Feature::extract_hamming_distance(std::vector<cv::DMatch>& out,
+                                       std::vector<cv::DMatch> const& matches,
+                                       double threshold) const {
+  std::vector<cv::DMatch> kept;
+  for (cv::DMatch const& m : matches) {
+    if (m.distance <= threshold) kept.push_back(m);
+  }
+  out.swap(kept);
+  return !out.empty();
+}
+
+bool Feature::extract_vector_distance(std::vector<cv::DMatch>& out,
+                                      std::vector<cv::KeyPoint> const& keypoints1,
+                                      std::vector<cv::KeyPoint> const& keypoints2,
+                                      std::vector<cv::DMatch> const& matches, double limit) const {
+  std::vector<cv::DMatch> kept;
+  if (limit >= 0.0) {  // also false for NaN
+    const double limit2 = limit * limit;
+    for (cv::DMatch const& m : matches) {
+      if (!in_range(m.queryIdx, keypoints1.size()) || !in_range(m.trainIdx, keypoints2.size()))
+        continue;
+      const cv::Point2f a = keypoints1[static_cast<std::size_t>(m.queryIdx)].pt;
+      const cv::Point2f b = keypoints2[static_cast<std::size_t>(m.trainIdx)].pt;
+      const double dx = static_cast<double>(a.x) - b.x;
+      const double dy = static_cast<double>(a.y) - b.y;
+      if (dx * dx + dy * dy <= limit2) kept.push_back(m);
+    }
+  }
+  out.swap(kept);
+  return !out.empty();
+}
+
+bool Feature::find_perspective_matrix(cv::Mat& homography,
+                                      std::vector<cv::KeyPoint> const& keypoints1,
+                                      std::vector<cv::KeyPoint> const& keypoints2,
+                                      std::vector<cv::DMatch> const& matches, find_t method) const {
+  std::vector<cv::Point2f> from;
+  std::vector<cv::Point2f> to;
+  from.reserve(matches.size());
+  to.reserve(matches.size());
+  for (cv::DMatch const& m : matches) {
+    if (!in_range(m.queryIdx, keypoints1.size()) || !in_range(m.trainIdx, keypoints2.size()))
+      continue;
+    from.push_back(keypoints1[static_cast<std::size_t>(m.queryIdx)].pt);
+    to.push_back(keypoints2[static_cast<std::size_t>(m.trainIdx)].pt);
+  }
+  if (from.empty()) {
+    homography.release();
+    return false;
+  }
+  homography =
+      cv::findHomography(from, to, homography_method(method), 3.0, cv::noArray(), 2000, 0.995);
+  return !homography.empty();
+}
+
+bool Feature::find(cv::Mat& homography, cv::Mat const& image1, cv::Mat const& image2, double limit,
+                   double ratio, match_t type, find_t method) {
+  homography.release();
+  std::vector<cv::KeyPoint> keypoints1;
+  std::vector<cv::KeyPoint> keypoints2;
+  if (!detect(keypoints1, image1) || !detect(keypoints2, image2)) return false;
+
+  cv::Mat descriptors1;
+  cv::Mat descriptors2;
+  if (!compute(descriptors1, keypoints1, image1) || !compute(descriptors2, keypoints2, image2))
+    return false;
+
+  std::vector<cv::DMatch> matches;
+  if (!match(matches, descriptors1, descriptors2, type)) return false;
+  if (!extract_vector_distance(matches, keypoints1, keypoints2, matches, limit)) return false;
+
+  const region::vector3<float> spread = get_hamming_distance(matches);
+  double threshold = spread.z * ratio;
+  // Clamp into [minimum, maximum] so that at least the best match survives; NaN goes to the
+  // minimum as well.
+  if (!(threshold >= spread.x)) threshold = spread.x;
+  if (threshold > spread.y) threshold = spread.y;
+  if (!extract_hamming_distance(matches, matches, threshold)) return false;
+
+  return find_perspective_matrix(homography, keypoints1, keypoints2, matches, method);
+}
+
+bool Feature::find(cv::Mat& homography, Image const& image1, Image const& image2, double limit,
+                   double ratio, match_t type, find_t method) {
+  return find(homography, view(image1), view(image2), limit, ratio, type, method);
+}
+
+bool Feature::extract_cross_match(std::vector<cv::DMatch>& out,
+                                  std::vector<cv::DMatch> const& forward,
+                                  std::vector<cv::DMatch> const& backward) const {
+  // Backward pairs as (index in image 2, index in image 1), sorted for lookup.
+  std::vector<std::pair<int, int>> confirmed;
+  confirmed.reserve(backward.size());
+  for (cv::DMatch const& b : backward)
+    confirmed.emplace_back(b.queryIdx, b.trainIdx);
+  std::sort(confirmed.begin(), confirmed.end());
+
+  std::vector<cv::DMatch> kept;
+  for (cv::DMatch const& f : forward) {
+    if (std::binary_search(confirmed.begin(), confirmed.end(),
+                           std::make_pair(f.trainIdx, f.queryIdx)))
+      kept.push_back(f);
+  }
+  out.swap(kept);
+  return !out.empty();
+}
+
+bool Feature::extract_cross_point_match(std::vector<cv::DMatch>& out,
+                                        std::vector<cv::KeyPoint> const& keypoints1,
+                                        std::vector<cv::KeyPoint> const& keypoints2,
+                                        std::vector<cv::DMatch> const& forward,
+                                        std::vector<cv::DMatch> const& backward) const {
+  // A pair of positions (image 2, then image 1); only finite ones, so the ordering is strict.
+  using Key = std::array<float, 4>;
+  auto key = [](cv::Point2f const& p2, cv::Point2f const& p1, Key& k) {
+    if (!std::isfinite(p2.x) || !std::isfinite(p2.y) || !std::isfinite(p1.x) ||
+        !std::isfinite(p1.y))
+      return false;
+    // + 0.0f turns -0 into +0, so that equal positions compare equal in the ordering.
+    k = {p2.x + 0.0f, p2.y + 0.0f, p1.x + 0.0f, p1.y + 0.0f};
+    return true;
+  };
+
+  std::vector<Key> confirmed;
+  confirmed.reserve(backward.size());
+  for (cv::DMatch const& b : backward) {
+    Key k;
+    if (in_range(b.queryIdx, keypoints2.size()) && in_range(b.trainIdx, keypoints1.size()) &&
+        key(keypoints2[static_cast<std::size_t>(b.queryIdx)].pt,
+            keypoints1[static_cast<std::size_t>(b.trainIdx)].pt, k))
+      confirmed.push_back(k);
+  }
+  std::sort(confirmed.begin(), confirmed.end());
+
+  std::vector<cv::DMatch> kept;
+  for (cv::DMatch const& f : forward) {
+    Key k;
+    if (in_range(f.trainIdx, keypoints2.size()) && in_range(f.queryIdx, keypoints1.size()) &&
+        key(keypoints2[static_cast<std::size_t>(f.trainIdx)].pt,
+            keypoints1[static_cast<std::size_t>(f.queryIdx)].pt, k) &&
+        std::binary_search(confirmed.begin(), confirmed.end(), k))
+      kept.push_back(f);
+  }
+  out.swap(kept);
+  return !out.empty();
+}
+
+}  // namespace quib
