@@ -5,6 +5,7 @@
 #include <quib/fit.hpp>
 #include <quib/ransac.hpp>
 
+#include <Eigen/Geometry>
 #include <benchmark/benchmark.h>
 #include <opencv2/imgproc.hpp>
 
