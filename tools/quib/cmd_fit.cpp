@@ -34,8 +34,8 @@ char const* const fitHelp =
     "\n"
     "Options:\n"
     "  --robust K          refit once with Tukey weights, cutting at median + K * MAD/0.6745\n"
-    "  --ransac THRESHOLD  plane only: find the plane with the most points closer than\n"
-    "                      THRESHOLD by random sampling, then fit it to those points\n"
+    "  --ransac THRESHOLD  plane only: search a plane by random sampling, keep the points\n"
+    "                      closer to it than THRESHOLD, then fit the plane to those\n"
     "  --probability P     wanted RANSAC success probability (default 0.99)\n"
     "  --json              print one JSON object\n";
 
