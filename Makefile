@@ -17,7 +17,7 @@ build:
 	cmake --build build -j $(JOBS)
 
 demo: build
-	./build/examples/image_demo
+	./build/tools/quib demo
 
 test: build
 	ctest --test-dir build --output-on-failure -j $(JOBS)

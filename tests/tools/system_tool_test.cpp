@@ -1,0 +1,86 @@
+// quib hash and quib name.
+#include "tool_runner.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using quib::test::failsWith;
+using quib::test::runTool;
+
+class HashTool : public quib::test::ToolFiles {};
+
+TEST_F(HashTool, PrintsKnownDigestsOfFileContents) {
+  const std::string abc = writeFile("abc.txt", "abc");
+  const std::string empty = writeFile("empty", "");
+  const std::string one = writeFile("one", std::string(1, '\x01'));
+
+  const auto sha = runTool({"hash", "--sha256", abc, empty});
+  ASSERT_EQ(sha.code, 0) << sha.err;
+  EXPECT_EQ(sha.out, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  " + abc +
+                         "\n" +
+                         "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855  " +
+                         empty + "\n");
+
+  // The 64-bit hash of the single byte 1 is 0x9e3779ba, written as eight big-endian bytes.
+  const auto h = runTool({"hash", one, empty});
+  ASSERT_EQ(h.code, 0) << h.err;
+  EXPECT_EQ(h.out, "000000009e3779ba  " + one + "\n0000000000000000  " + empty + "\n");
+
+  const auto stdinRun = runTool({"hash", "--json", "-"});  // standard input is /dev/null
+  ASSERT_EQ(stdinRun.code, 0);
+  EXPECT_NE(stdinRun.out.find("\"digest\": \"0000000000000000\""), std::string::npos)
+      << stdinRun.out;
+  EXPECT_NE(stdinRun.out.find("\"algorithm\": \"hash64\""), std::string::npos);
+}
+
+TEST_F(HashTool, GoesOnAfterAFileThatCannotBeRead) {
+  const std::string abc = writeFile("abc.txt", "abc");
+  const auto r = runTool({"hash", "--sha256", file("gone"), abc, dir.string()});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.out.find("ba7816bf"), 0u) << r.out;
+  EXPECT_NE(r.err.find(file("gone") + ": no such file or directory\n"), std::string::npos);
+  EXPECT_NE(r.err.find(dir.string() + ": is a directory\n"), std::string::npos);
+
+  EXPECT_TRUE(failsWith(runTool({"hash"}), 2, "no FILES"));
+  EXPECT_TRUE(failsWith(runTool({"hash", "--md5", abc}), 2, "'--md5'"));
+}
+
+TEST(NameTool, NumbersASeries) {
+  const auto next = runTool({"name", "next", "scan#3.png", "scan.png", "SCAN#9.PNG", "dir.v2/scan",
+                             "shot_7.jpg", "a/.hidden", "x#"});
+  ASSERT_EQ(next.code, 0) << next.err;
+  EXPECT_EQ(
+      next.out,
+      "scan#4.png\nscan#1.png\nSCAN#10.PNG\ndir.v2/scan#1\nshot_7#1.jpg\na/.hidden#1\nx##1\n");
+
+  const auto strip = runTool({"name", "strip", "scan#12.png", "frame_12.png", "plain.png"});
+  ASSERT_EQ(strip.code, 0) << strip.err;
+  EXPECT_EQ(strip.out, "scan.png\nframe.png\nplain.png\n");
+
+  const auto number = runTool({"name", "number", "--json", "scan#12.png", "frame_0012.tif"});
+  ASSERT_EQ(number.code, 0) << number.err;
+  EXPECT_NE(number.out.find("\"number\": 12,\n    \"suffix\": \"12\""), std::string::npos)
+      << number.out;
+  EXPECT_NE(number.out.find("\"number\": null,\n    \"suffix\": \"0012\""), std::string::npos);
+
+  // A given extension is matched without regard to case and keeps its spelling.
+  const auto ext = runTool({"name", "next", "--ext", ".PNG", "a#1.png", "b#1.Png.bak"});
+  EXPECT_EQ(ext.out, "a#2.png\nb#1.Png.bak#1.PNG\n");
+}
+
+TEST(NameTool, RefusesNumbersPastTheRangeAndBadUsage) {
+  const auto big = runTool({"name", "next", "s#99999999999999999999.png", "t#1.png"});
+  EXPECT_EQ(big.code, 1);
+  EXPECT_EQ(big.out, "t#2.png\n");
+  EXPECT_TRUE(failsWith(big, 1, "s#99999999999999999999.png: the number"));
+  EXPECT_TRUE(failsWith(runTool({"name", "next", "s#9223372036854775807"}), 1, "grow"));
+
+  EXPECT_TRUE(failsWith(runTool({"name"}), 2, "missing action"));
+  EXPECT_TRUE(failsWith(runTool({"name", "rename", "a"}), 2, "unknown action 'rename'"));
+  EXPECT_TRUE(failsWith(runTool({"name", "next"}), 2, "no PATHS"));
+}
+
+}  // namespace
