@@ -5,8 +5,8 @@
 #include <quib/fit.hpp>
 #include <quib/ransac.hpp>
 
-#include <Eigen/Geometry>
 #include <benchmark/benchmark.h>
+#include <Eigen/Geometry>
 #include <opencv2/imgproc.hpp>
 
 #include "numeric_data.hpp"

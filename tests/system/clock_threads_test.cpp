@@ -14,7 +14,8 @@ TEST(ClockThreads, TickSourcesAreSafeAndMonotonicOnEveryThread) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&] {
-      while (!go.load()) std::this_thread::yield();
+      while (!go.load())
+        std::this_thread::yield();
       quib::Fps fps(60);  // the threads race to create the shared frame time source
       std::int64_t ms = quib::Clock::get_ms(), now = fps.getNow();
       for (int i = 0; i < 20000; ++i) {
@@ -26,6 +27,7 @@ TEST(ClockThreads, TickSourcesAreSafeAndMonotonicOnEveryThread) {
     });
   }
   go = true;
-  for (auto& thread : threads) thread.join();
+  for (auto& thread : threads)
+    thread.join();
   EXPECT_EQ(backwards.load(), 0);
 }
