@@ -70,6 +70,12 @@ bool read_text(std::string const& path, std::string& text) {
 // no column-0 line that starts a sequence or a flow collection. The mapping then runs to the
 // end of the text, and the reader never goes looking for another document.
 bool safe_for_reader(std::string const& text) {
+  // A camera file is plain text; OpenCV's XML reader dereferences null on embedded NUL and
+  // other control bytes, so they never reach it.
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
+  }
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) return false;
   if (text[first] == '<' || text[first] == '{') return true;  // XML or JSON

@@ -159,6 +159,19 @@ TEST(Projection, RefusesTextAfterTheMappingWithoutHanging) {
   }
 }
 
+// Found by the fuzzer: an XML declaration followed by NUL bytes crashed OpenCV's XML reader.
+TEST(Projection, RefusesControlBytesBeforeTheReaderSeesThem) {
+  TempDir dir;
+  const std::string text(
+      "\x3c\x3f\x78\x6d\x6c\x20\x76\x65\x72\x73\x69\x6f\x6e\x3d\x00\x00\x00\x00\x00\x00\x00\x00\xff"
+      "\xff\x3f\x73\x3c\x6f\x70\x6d\x65\x72",
+      32);
+  std::ofstream(dir.file("nul.xml"), std::ios::binary) << text;
+  quib::Projection p = awkward_camera();
+  EXPECT_FALSE(p.load_setup(dir.file("nul.xml")));
+  expect_identical(p, quib::Projection());
+}
+
 TEST(Projection, UndistortsPointsToNormalisedCoordinates) {
   const quib::Projection plain({640, 480}, 2.0, 1.5);  // fx = fy = 320, centre (320, 240)
   std::vector<cv::Point2f> out;
