@@ -108,6 +108,22 @@ void quib_load(benchmark::State& state, Kind k, bool merge) {
   finish(state, k);
 }
 
+// The floor that the mesh's data model sets for any reader: one std::vector<int> per triangle,
+// made and released, as a load without merging makes them. Nothing is read or parsed.
+void polygon_lists(benchmark::State& state, Kind k) {
+  const std::size_t count = Files::get().mesh(k).polygons().size();
+  for (auto _ : state) {
+    std::vector<std::vector<int>> polygons;
+    polygons.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const int n = static_cast<int>(3 * i);
+      polygons.push_back(std::vector<int>{n, n + 1, n + 2});
+    }
+    benchmark::DoNotOptimize(polygons.data());
+  }
+  finish(state, k);
+}
+
 // The limit for saving: the same number of bytes written from memory.
 void plain_write(benchmark::State& state, Kind k) {
   const std::string path = Files::get().path(k) + ".out";
@@ -170,6 +186,7 @@ void admesh_open(benchmark::State& state, Kind k, bool shared) {
 #define QUIB_BENCH(...) BENCHMARK_CAPTURE(__VA_ARGS__)->Unit(benchmark::kMillisecond)
 
 QUIB_BENCH(plain_read, binary, grid_binary);
+QUIB_BENCH(polygon_lists, binary, grid_binary);
 QUIB_BENCH(quib_load, binary, grid_binary, false);
 QUIB_BENCH(quib_load, merged_grid, grid_binary, true);
 QUIB_BENCH(quib_load, merged_random, random_binary, true);

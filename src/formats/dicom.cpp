@@ -2,6 +2,7 @@
 #include <quib/dicom.hpp>
 
 #include "formats/dicom_dictionary.hpp"
+#include "system/memory.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -132,6 +133,21 @@ std::uint32_t load32(const unsigned char* p, bool little) {
          (std::uint32_t{p[0]} << 24);
 }
 
+// The buffered bytes of any stream buffer. The get area's pointers are protected members of
+// std::streambuf; naming them through a derived class gives member pointers that apply to
+// every stream buffer.
+struct GetArea : std::streambuf {
+  static std::size_t left(std::streambuf* buf) {
+    return std::size_t((buf->*&GetArea::egptr)() - (buf->*&GetArea::gptr)());
+  }
+  // Copies n <= left(buf) bytes (n within int) out and moves past them.
+  static void take(std::streambuf* buf, void* target, std::size_t n) {
+    if (n == 0) return;
+    std::memcpy(target, (buf->*&GetArea::gptr)(), n);
+    (buf->*&GetArea::gbump)(int(n));
+  }
+};
+
 // Reads up to n bytes straight from the stream buffer; a short read sets eofbit and failbit,
 // as std::istream::read would.
 std::size_t pull(std::istream& in, void* target, std::size_t n) {
@@ -139,8 +155,17 @@ std::size_t pull(std::istream& in, void* target, std::size_t n) {
     in.setstate(std::ios_base::failbit);
     return 0;
   }
-  std::streamsize got = in.rdbuf()->sgetn(static_cast<char*>(target), std::streamsize(n));
-  if (got < 0) got = 0;
+  std::streambuf* buf = in.rdbuf();
+  std::streamsize got;
+  if (n <= 4096 && GetArea::left(buf) >= n) {
+    // Headers and short values usually sit in the stream's buffer already: copy them out
+    // directly instead of through the virtual bulk read, which costs more than the copy.
+    GetArea::take(buf, target, n);
+    got = std::streamsize(n);
+  } else {
+    got = buf->sgetn(static_cast<char*>(target), std::streamsize(n));
+    if (got < 0) got = 0;
+  }
   if (std::size_t(got) < n) in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
   return std::size_t(got);
 }
@@ -236,6 +261,10 @@ constexpr std::uint16_t kItemGroup = 0xFFFE;
 constexpr std::size_t kSmall = std::size_t{1} << 12;
 // Larger ones from such a stream are copied through a block of this size.
 constexpr std::size_t kBlock = std::size_t{1} << 17;
+// Values up to this size are staged on the stack.
+constexpr std::size_t kStaged = 256;
+// At most this many entries are reserved ahead of reading.
+constexpr std::streamoff kReserveElements = std::streamoff{1} << 17;
 
 }  // namespace
 
@@ -265,6 +294,22 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_header(std::istream& in) {
   return {true, 132};
 }
 
+namespace {
+
+// Puts a new header into `data`, reusing the object when `data` is its only owner. Built in
+// place field by field: a header assembled aside and copied over would be read back before
+// its stores have landed.
+template <class... Args>
+void store(std::shared_ptr<Dicom::Data>& data, Args... args) {
+  if (data && data.use_count() == 1) {
+    *data = Dicom::Data(args...);
+  } else {
+    data = std::make_shared<Dicom::Data>(args...);
+  }
+}
+
+}  // namespace
+
 Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
                                                      std::shared_ptr<Data>& data) {
   // Every header form starts with 8 bytes: tag, then a 32-bit length or VR and more.
@@ -287,19 +332,18 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
     return {false, 8};
   }
 
-  Data header;
   std::uint32_t count = 8;
   if (!meta && (implicit || group == kItemGroup)) {
     // Implicit VR, and items and delimiters in any encoding: tag and 32-bit length.
     std::uint32_t size = load32(head + 4, little);
     if (!implicit) {
-      header = Data(group, number, 0, size);
+      store(data, group, number, std::uint16_t{0}, size);
     } else if (const dicom::data_set_t* row = dicom::find_set(group, number)) {
-      header = Data(row, size);
+      store(data, row, size);
     } else if (const dicom::data_map_t* family = dicom::find_map(group, number)) {
-      header = Data(family, size);  // a repeating-group member takes the family's tag
+      store(data, family, size);  // a repeating-group member takes the family's tag
     } else {
-      header = Data(group, number, 0, size);
+      store(data, group, number, std::uint16_t{0}, size);
     }
   } else {
     // The VR characters are bytes in file order, whatever the byte order of the numbers.
@@ -310,20 +354,14 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
         rewind(in, 8 + got);
         return {false, 12};
       }
-      header = Data(group, number, type, load32(head + 8, little));
+      store(data, group, number, type, load32(head + 8, little));
       count = 12;
     } else if (meta && !is_short_form(type)) {
       rewind(in, 8);
       return {false, 8};
     } else {
-      header = Data(group, number, type, load16(head + 6, little));
+      store(data, group, number, type, load16(head + 6, little));
     }
-  }
-
-  if (data && data.use_count() == 1) {
-    *data = header;
-  } else {
-    data = std::make_shared<Data>(header);
   }
   return {true, count};
 }
@@ -360,7 +398,15 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
       got += part;
       if (part < step) break;
     }
+  } else if (want <= kStaged) {
+    // Small values pass through the stack: the vector is allocated at its size and filled
+    // once, instead of being zeroed and then overwritten.
+    unsigned char staged[kStaged];
+    got = pull(in, staged, want);
+    if (got == want) value.assign(staged, staged + got);
   } else {
+    value.reserve(want);
+    detail::advise_huge_pages(value.data(), want);
     value.resize(want);
     got = pull(in, value.data(), want);
   }
@@ -462,6 +508,10 @@ int Dicom::load(std::istream& in) {
   // Values are collected in file order and hashed once at the end, so that the table is
   // sized once instead of rehashing as it grows.
   std::vector<std::pair<std::uint32_t, std::vector<unsigned char>>> read;
+  // An element takes at least 8 bytes; the guess is bounded so that a large file of few
+  // elements (a volume) does not reserve much.
+  const std::streamoff left = bytes_left(in);
+  if (left > 0) read.reserve(std::size_t(std::min<std::streamoff>(left / 16, kReserveElements)));
   std::shared_ptr<Data> data;
   std::vector<unsigned char> value;
   for (;;) {

@@ -2,6 +2,7 @@
 #include <quib/stl.hpp>
 
 #include "system/fields.hpp"
+#include "system/memory.hpp"
 
 #include <algorithm>
 #include <array>
@@ -38,8 +39,19 @@ using Polygon = Stl::Polygon;
 constexpr std::size_t kHeaderBytes = 80;
 constexpr std::size_t kRecordBytes = 50;
 constexpr std::size_t kFirstRecord = kHeaderBytes + 4;
-constexpr std::size_t kAsciiFacetBytes = 225;  // assumed size of one facet in text
-constexpr std::size_t kMaxPoints = INT_MAX;    // indices are int
+// Bytes of one facet in compact text (six digits, no indentation), for the reservation: a
+// guess on the low side reserves untouched address space, one on the high side copies the
+// whole mesh when the lists outgrow it.
+constexpr std::size_t kAsciiFacetBytes = 128;
+constexpr std::size_t kMaxPoints = INT_MAX;  // indices are int
+
+// The number parser sits in the text reader's innermost loop; a call per number costs more
+// than half of the work it does.
+#if defined(__GNUC__)
+#define QUIB_STL_INLINE [[gnu::always_inline]] inline
+#else
+#define QUIB_STL_INLINE inline
+#endif
 
 // ---- little-endian fields ----
 
@@ -159,6 +171,8 @@ class PointTable {
     std::size_t capacity = 16;
     while (capacity < expected)
       capacity <<= 1;
+    slots_.reserve(capacity);
+    detail::advise_huge_pages(slots_.data(), capacity * sizeof(Slot));
     slots_.assign(capacity, Slot{0, 0, 0, -1});
   }
 
@@ -227,6 +241,8 @@ class MeshBuilder {
       : table_(merge ? expected_triangles : 0), merge_(merge) {
     points.reserve(expected_triangles * 3);
     polygons.reserve(expected_triangles);
+    detail::advise_huge_pages(points.data(), points.capacity() * sizeof(Point));
+    detail::advise_huge_pages(polygons.data(), polygons.capacity() * sizeof(Polygon));
   }
 
   // Appends one triangle; false when the mesh would need more points than an int indexes.
@@ -321,7 +337,8 @@ Encoding detect(std::string_view bytes) {
 // Appends the decimal digits at p to `mantissa` (which may wrap when there are more than 19;
 // the caller then refuses the number) and returns the end of the digits. Eight bytes at a time
 // where they can be loaded, which spares a mispredicted branch per number.
-char const* read_digits(char const* p, char const* const end, std::uint64_t& mantissa) {
+QUIB_STL_INLINE char const* read_digits(char const* p, char const* const end,
+                                        std::uint64_t& mantissa) {
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
   while (end - p >= 8) {
     std::uint64_t chunk;
@@ -354,7 +371,7 @@ char const* read_digits(char const* p, char const* const end, std::uint64_t& man
 // power of ten within 1e-22..1e22: then mantissa and power are exact doubles, and one IEEE
 // multiplication or division rounds correctly, giving the bits that strtod gives. Returns
 // nullptr for anything else (which then takes the general road), else the end of the number.
-char const* parse_simple_decimal(char const* p, char const* end, double& value) {
+QUIB_STL_INLINE char const* parse_simple_decimal(char const* p, char const* end, double& value) {
   const bool negative = p != end && *p == '-';
   if (negative) ++p;
   if (end - p >= 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) return nullptr;  // hexadecimal

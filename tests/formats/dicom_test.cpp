@@ -142,14 +142,15 @@ TEST(Dicom, ReadsFilesLargerThanTheirReadBuffer) {
   b.meta(kExplicit);
   for (unsigned i = 0; i < 30000; ++i)
     b.put(0x0F00 + 2 * (i / 4096), 0x10 + i % 4096, "LO", std::to_string(1000000 + i) + "x");
-  b.put(0x7FE0, 0x0010, "OW", std::string(200000, 'p'));
+  const std::string pixels(std::size_t{9} << 20, 'p');  // large enough for huge pages
+  b.put(0x7FE0, 0x0010, "OW", pixels);
   const std::string path = dir.write("big.dcm", b.bytes);
   Dicom d(std::wstring(path.begin(), path.end()));
   ASSERT_EQ(d->size(), 30003u);
   for (unsigned i = 0; i < 30000; i += 997)
     EXPECT_EQ(value_of(d, 0x0F00 + 2 * (i / 4096), 0x10 + i % 4096),
               bytes_of(std::to_string(1000000 + i) + "x"));
-  EXPECT_EQ(value_of(d, 0x7FE0, 0x0010), bytes_of(std::string(200000, 'p')));
+  EXPECT_EQ(value_of(d, 0x7FE0, 0x0010), bytes_of(pixels));
 }
 
 TEST(Dicom, ReadsEveryEncodingKeepingFileByteOrder) {
