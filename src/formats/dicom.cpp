@@ -3,6 +3,7 @@
 
 #include "formats/dicom_dictionary.hpp"
 #include "system/memory.hpp"
+#include "system/utf8.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -448,33 +449,12 @@ namespace {
 bool to_utf8(const std::wstring& wide, std::string& out) {
   out.clear();
   out.reserve(wide.size());
-  for (std::size_t i = 0; i < wide.size(); ++i) {
-    std::uint32_t c = static_cast<std::uint32_t>(wide[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      if (c >= 0xD800 && c < 0xDC00 && i + 1 < wide.size()) {
-        std::uint32_t low = static_cast<std::uint32_t>(wide[i + 1]);
-        if (low >= 0xDC00 && low < 0xE000) {
-          c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-          ++i;
-        }
-      }
-    }
-    if ((c >= 0xD800 && c < 0xE000) || c > 0x10FFFF) return false;
-    if (c < 0x80) {
-      out += char(c);
-    } else if (c < 0x800) {
-      out += char(0xC0 | (c >> 6));
-      out += char(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += char(0xE0 | (c >> 12));
-      out += char(0x80 | ((c >> 6) & 0x3F));
-      out += char(0x80 | (c & 0x3F));
-    } else {
-      out += char(0xF0 | (c >> 18));
-      out += char(0x80 | ((c >> 12) & 0x3F));
-      out += char(0x80 | ((c >> 6) & 0x3F));
-      out += char(0x80 | (c & 0x3F));
-    }
+  const std::wstring_view view(wide);
+  for (std::size_t i = 0; i < view.size(); ++i) {
+    const char32_t c =
+        sizeof(wchar_t) == 2 ? detail::join_surrogates(view, i) : static_cast<char32_t>(view[i]);
+    if (!detail::is_scalar_value(c)) return false;
+    detail::append_utf8(out, c);
   }
   return true;
 }

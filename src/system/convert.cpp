@@ -1,6 +1,7 @@
 #include <quib/convert.hpp>
 
 #include "system/fields.hpp"
+#include "system/utf8.hpp"
 
 #include <cstdint>
 #include <string_view>
@@ -9,30 +10,8 @@ namespace quib::convert {
 
 namespace {
 
-constexpr char32_t kReplacement = 0xFFFD;
-
-bool isScalarValue(char32_t c) {
-  return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF);
-}
-
-void appendUtf8(std::string& out, char32_t c) {
-  if (!isScalarValue(c)) c = kReplacement;
-  if (c < 0x80) {
-    out.push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
+constexpr char32_t kReplacement = detail::kReplacementCharacter;
+using detail::is_scalar_value;
 
 void appendWide(std::wstring& out, char32_t c) {
   if constexpr (sizeof(wchar_t) == 2) {
@@ -80,7 +59,7 @@ char32_t decodeUtf8(std::string_view text, std::size_t& i) {
     }
     c = (c << 6) | (b & 0x3F);
   }
-  if (c < minimum || !isScalarValue(c)) {
+  if (c < minimum || !is_scalar_value(c)) {
     ++i;
     return kReplacement;
   }
@@ -93,20 +72,13 @@ char32_t decodeUtf8(std::string_view text, std::size_t& i) {
 std::string to_string(std::wstring const& text) {
   std::string out;
   out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char32_t c = static_cast<char32_t>(text[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      // Join a high and a low surrogate; a lone one falls through to U+FFFD.
-      c &= 0xFFFF;
-      if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) {
-        const char32_t low = static_cast<char32_t>(text[i + 1]) & 0xFFFF;
-        if (low >= 0xDC00 && low <= 0xDFFF) {
-          c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-          ++i;
-        }
-      }
-    }
-    appendUtf8(out, c);
+  const std::wstring_view view(text);
+  for (std::size_t i = 0; i < view.size(); ++i) {
+    // Where wchar_t has 16 bits a surrogate pair is one character; a lone surrogate, like
+    // anything else that is no character, becomes U+FFFD.
+    const char32_t c =
+        sizeof(wchar_t) == 2 ? detail::join_surrogates(view, i) : static_cast<char32_t>(view[i]);
+    detail::append_utf8(out, c);
   }
   return out;
 }

@@ -1,6 +1,8 @@
 // The 64-bit hash and SHA-256 through OpenSSL's EVP interface.
 #include <quib/hash.hpp>
 
+#include "system/utf8.hpp"
+
 #include <openssl/evp.h>
 
 #include <cstdint>
@@ -20,13 +22,6 @@ std::uint64_t mix(std::uint64_t h, std::uint64_t e) {
 std::uint32_t code_point(wchar_t c) {
   auto const value = static_cast<std::uint32_t>(c);
   return value > 0x10FFFF ? kReplacement : value;
-}
-
-bool is_high_surrogate(std::uint32_t c) {
-  return c >= 0xD800 && c <= 0xDBFF;
-}
-bool is_low_surrogate(std::uint32_t c) {
-  return c >= 0xDC00 && c <= 0xDFFF;
 }
 
 template <class Char>
@@ -99,31 +94,13 @@ bool run_sha256(DigestEngine& engine, std::vector<unsigned char>& out, unsigned 
 }
 
 std::string to_utf8(std::wstring const& in) {
+  // Surrogate pairs are joined whatever the width of wchar_t; lone surrogates and values
+  // beyond U+10FFFF become U+FFFD.
   std::string out;
   out.reserve(in.size());
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    std::uint32_t c = code_point(in[i]);
-    if (is_high_surrogate(c) && i + 1 < in.size() && is_low_surrogate(code_point(in[i + 1]))) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (code_point(in[++i]) - 0xDC00);
-    } else if (is_high_surrogate(c) || is_low_surrogate(c)) {
-      c = kReplacement;
-    }
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
+  const std::wstring_view view(in);
+  for (std::size_t i = 0; i < view.size(); ++i)
+    append_utf8(out, join_surrogates(view, i));
   return out;
 }
 

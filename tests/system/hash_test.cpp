@@ -68,6 +68,11 @@ TEST(Sha256, MatchesKnownDigests) {
             widen(quib::sha256::compute("\xc3\xa9\xf0\x9f\x98\x80"s)));
   EXPECT_EQ(quib::detail::to_utf8({L'x', static_cast<wchar_t>(0xDE00), L'\u07ff', L'\u0800'}),
             "x\xef\xbf\xbd\xdf\xbf\xe0\xa0\x80");
+  // A surrogate pair is one character even where wchar_t has 32 bits; a high surrogate at the
+  // end stands alone.
+  EXPECT_EQ(quib::detail::to_utf8({static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00),
+                                   static_cast<wchar_t>(0xD83D)}),
+            "\xf0\x9f\x98\x80\xef\xbf\xbd");
 }
 
 TEST(Sha256, AgreesWithSha256sumOnAFile) {
