@@ -1,14 +1,14 @@
 // Feeds arbitrary bytes to the STL reader, with and without merging. Every mesh it accepts must
 // be a valid indexed face set that compress and decompress keep valid, and every text file must
 // read exactly as a plain line-by-line reading over the public field splitter and wcstod.
-#include <quib/convert.hpp>
 #include <quib/stl.hpp>
+
+#include "stl_text_reference.hpp"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -23,40 +23,14 @@ void check(quib::Stl const& mesh, int polygons) {
   }
 }
 
-// The text reading, the slow and obvious way.
+// Text files read exactly as the slow line-by-line reading does.
 void compare_with_plain_reading(quib::Stl const& mesh, std::string const& text) {
-  std::string name;
-  std::vector<float> coordinates, pending;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t stop = text.find('\n', start);
-    if (stop == std::string::npos) stop = text.size();
-    std::string line = text.substr(start, stop - start);
-    start = stop + 1;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    int kind = 0, have = 0;
-    for (auto const& f : quib::convert::get_separator_wstring(quib::convert::to_wstring(line),
-                                                              L" \t", L'"', L'"')) {
-      if (f.empty()) continue;
-      if (kind == 0) {
-        kind = f == L"vertex" ? 2 : f == L"solid" ? 1 : 0;
-      } else if (kind == 1) {
-        name = quib::convert::to_string(f);
-        break;
-      } else {
-        pending.push_back(static_cast<float>(std::wcstod(f.c_str(), nullptr)));
-        if (++have == 3) break;
-      }
-    }
-    if (kind == 2 && have < 3) pending.resize(pending.size() - static_cast<std::size_t>(have));
-    if (pending.size() == 9) {
-      coordinates.insert(coordinates.end(), pending.begin(), pending.end());
-      pending.clear();
-    }
-  }
-  if (name != mesh.get_name() || coordinates.size() != 3 * std::size_t(mesh.size())) std::abort();
+  const auto expected = quib::reference::read_text_slowly(text);
+  if (expected.name != mesh.get_name() || expected.points.size() != std::size_t(mesh.size()))
+    std::abort();
   for (int i = 0; i < mesh.size(); ++i)
-    if (std::memcmp(&coordinates[3 * std::size_t(i)], mesh.point(i).data(), 12) != 0) std::abort();
+    if (std::memcmp(expected.points[std::size_t(i)].data(), mesh.point(i).data(), 12) != 0)
+      std::abort();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-#include <quib/convert.hpp>
 #include <quib/stl.hpp>
+
+#include "stl_text_reference.hpp"
 
 #include <gtest/gtest.h>
 
@@ -184,40 +185,6 @@ TEST_F(StlFiles, NamelessAsciiNeedsTwoFacetsToBeRecognised) {
   }
 }
 
-// The text reader written the slow, obvious way over the public field splitter and wcstod.
-struct TextMesh {
-  std::string name;
-  std::vector<Point> points;
-};
-TextMesh read_text_slowly(std::string const& text) {
-  TextMesh mesh;
-  std::vector<Point> pending;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    int kind = 0;  // 1: name line, 2: vertex line
-    std::vector<double> xyz;
-    for (auto const& f : quib::convert::get_separator_wstring(quib::convert::to_wstring(line),
-                                                              L" \t", L'"', L'"')) {
-      if (f.empty()) continue;
-      if (kind == 0) {
-        kind = f == L"vertex" ? 2 : f == L"solid" ? 1 : 0;
-      } else if (kind == 1) {
-        mesh.name = quib::convert::to_string(f);
-        break;
-      } else {
-        xyz.push_back(std::wcstod(f.c_str(), nullptr));
-        if (xyz.size() == 3) break;
-      }
-    }
-    if (xyz.size() < 3) continue;
-    pending.emplace_back(float(xyz[0]), float(xyz[1]), float(xyz[2]));
-    if (pending.size() == 3) mesh.points.insert(mesh.points.end(), pending.begin(), pending.end());
-    if (pending.size() == 3) pending.clear();
-  }
-  return mesh;
-}
-
 TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
   // The words lines are made of, '|'-separated: keywords, quoted and broken keywords, numbers
   // in every form wcstod knows (and some it half knows), odd bytes.
@@ -248,7 +215,7 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
       if (line < 39 || random() % 2) text += pick(ends);
     }
     SCOPED_TRACE(text);
-    const TextMesh expected = read_text_slowly(text);
+    const auto expected = quib::reference::read_text_slowly(text);
     triangles += expected.points.size() / 3;
     quib::Stl mesh;
     ASSERT_EQ(mesh.load(write("odd.stl", text), false), int(expected.points.size() / 3));
