@@ -574,6 +574,15 @@ char const* read_line_fast(char const* p, char const* const end, AsciiLine& line
   char const* const q = find_line_matter(p, end);
   if (q == end) return end;
   if (*q == '\n') return q + 1;
+  // The usual vertex line: "vertex" is the first field that can matter. Nothing before q on
+  // this line can start a name or vertex line or hold a quote, so the fields there are passed
+  // over and the numbers read at once.
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
+  if (*q == 'v' && end - q > 6 && (q == p || is_blank(q[-1])) && std::memcmp(q, "vertex", 6) == 0 &&
+      is_blank(q[6])) {
+    line.kind = AsciiLine::vertex_line;
+    p = q + 6;
+  }
   // A '\r' ends the line only right before '\n' or at the end of the text.
   const auto cr_ends_line = [end](char const* q) { return q + 1 == end || q[1] == '\n'; };
   const auto field_end = [&](char const* q) -> char const* {
