@@ -14,19 +14,13 @@
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
-#endif
-
-#if defined(__unix__) || defined(__APPLE__)
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#define QUIB_STL_MMAP 1
 #endif
 
 namespace quib {
@@ -90,71 +84,115 @@ std::filesystem::path native_path(std::wstring const& path) {
 #endif
 }
 
-// The bytes of a whole regular file, mapped where the platform allows, read otherwise.
-class FileBytes {
+// Where a mesh's bytes come from. A source hands its bytes out front to back in spans that end
+// on a unit boundary: after a whole number of `unit`-byte records, or after a line end when
+// `unit` is 0. The last span holds whatever is left (a partial record, a last line without its
+// line end); after it, spans are empty. A span stays valid until the next call.
+
+// The bytes of a whole file already in memory, handed out in one span.
+class MemorySource {
  public:
-  FileBytes() = default;
-  FileBytes(FileBytes const&) = delete;
-  FileBytes& operator=(FileBytes const&) = delete;
-  ~FileBytes() {
-#if defined(QUIB_STL_MMAP)
-    if (map_ != nullptr) ::munmap(map_, size_);
-#endif
-  }
+  explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
 
-  bool open(std::filesystem::path const& path) {
-#if defined(QUIB_STL_MMAP)
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st;
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 0;
-    if (ok && st.st_size > 0) {
-      size_ = static_cast<std::size_t>(st.st_size);
-      int flags = MAP_PRIVATE;
-#if defined(MAP_POPULATE)
-      flags |= MAP_POPULATE;
-#endif
-      void* p = ::mmap(nullptr, size_, PROT_READ, flags, fd, 0);
-      if (p == MAP_FAILED) {
-        ok = false;
-        size_ = 0;
-      } else {
-        map_ = p;
-        data_ = static_cast<char const*>(p);
-      }
-    }
-    ::close(fd);
-    return ok;
-#else
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(path, ec)) return false;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    in.seekg(0, std::ios::end);
-    const std::streamoff length = in.tellg();
-    if (length < 0) return false;
-    in.seekg(0, std::ios::beg);
-    buffer_.resize(static_cast<std::size_t>(length));
-    in.read(buffer_.data(), length);
-    buffer_.resize(static_cast<std::size_t>(in.gcount()));
-    data_ = buffer_.data();
-    size_ = buffer_.size();
+  std::uint64_t size() const { return bytes_.size(); }
+  // The first `n` bytes, or fewer when the file is shorter.
+  std::string_view head(std::size_t n) { return bytes_.substr(0, n); }
+  // Hands the bytes out again, from `offset` on.
+  bool restart(std::size_t offset) {
+    rest_ = bytes_.substr(std::min(offset, bytes_.size()));
     return true;
-#endif
   }
-
-  std::string_view view() const {
-    return {data_, size_};
+  std::string_view next(std::size_t /*unit*/) {
+    std::string_view span = rest_;
+    rest_ = {};
+    return span;
   }
 
  private:
-  char const* data_ = nullptr;
-  std::size_t size_ = 0;
-#if defined(QUIB_STL_MMAP)
-  void* map_ = nullptr;
-#else
-  std::string buffer_;
-#endif
+  std::string_view bytes_;
+  std::string_view rest_;
+};
+
+// A regular file read block by block through one buffer, which grows only when a single line
+// is longer than it. Read rather than mapped: a mapped file that another process truncates
+// during the load would end the program with SIGBUS. A file that changes while it is read gives
+// whatever its reads return.
+class FileSource {
+ public:
+  bool open(std::filesystem::path const& path) {
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) return false;
+    in_.rdbuf()->pubsetbuf(nullptr, 0);  // blocks go straight into our buffer
+    in_.open(path, std::ios::binary);
+    if (!in_) return false;
+    in_.seekg(0, std::ios::end);
+    const std::streamoff length = in_.tellg();
+    if (length < 0) return false;
+    size_ = static_cast<std::uint64_t>(length);
+    return restart(0);
+  }
+
+  std::uint64_t size() const { return size_; }
+
+  std::string_view head(std::size_t n) {
+    head_.resize(n);
+    if (!restart(0)) return {};
+    head_.resize(read_some(head_.data(), n));
+    return head_;
+  }
+
+  bool restart(std::size_t offset) {
+    in_.clear();
+    in_.seekg(static_cast<std::streamoff>(offset), std::ios::beg);
+    begin_ = end_ = 0;
+    at_end_ = false;
+    return static_cast<bool>(in_);
+  }
+
+  std::string_view next(std::size_t unit) {
+    for (;;) {
+      const std::string_view held(block_.data() + begin_, end_ - begin_);
+      std::size_t cut = held.size();
+      if (!at_end_) {
+        if (unit > 0) {
+          cut -= cut % unit;
+        } else {
+          const std::size_t nl = held.rfind('\n');
+          cut = nl == std::string_view::npos ? 0 : nl + 1;
+        }
+      }
+      if (cut > 0 || at_end_) {
+        begin_ += cut;
+        return held.substr(0, cut);
+      }
+      // Not one whole unit held: keep the partial one at the front and read more after it.
+      if (begin_ > 0) {
+        std::memmove(block_.data(), block_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+      }
+      if (end_ == block_.size()) block_.resize(std::max(kBlockBytes, 2 * block_.size()));
+      const std::size_t got = read_some(block_.data() + end_, block_.size() - end_);
+      end_ += got;
+      at_end_ = got == 0;
+    }
+  }
+
+ private:
+  static constexpr std::size_t kBlockBytes = std::size_t{1} << 18;
+
+  std::size_t read_some(char* into, std::size_t n) {
+    if (!in_) return 0;
+    in_.read(into, static_cast<std::streamsize>(n));
+    return static_cast<std::size_t>(in_.gcount());
+  }
+
+  std::ifstream in_;
+  std::uint64_t size_ = 0;
+  std::string head_;
+  std::vector<char> block_;
+  std::size_t begin_ = 0, end_ = 0;  // unread bytes in block_
+  bool at_end_ = false;
 };
 
 // ---- point merging ----
@@ -323,35 +361,54 @@ bool for_each_word(std::string_view line, std::string& scratch, Field field) {
   return go_on;
 }
 
-Encoding detect(std::string_view bytes) {
-  if (bytes.size() >= kFirstRecord) {
-    const std::uint64_t count =
-        load_u32(reinterpret_cast<unsigned char const*>(bytes.data()) + kHeaderBytes);
-    if (bytes.size() == count * kRecordBytes + kFirstRecord) return Encoding::binary;
-  }
-  // "solid", a name, "facet", "normal": in that order, over the fields of all lines.
-  int state = 0;
-  std::string scratch;
-  for_each_line(bytes, [&](std::string_view line) {
-    return for_each_word(line, scratch, [&](std::string_view f) {
-      switch (state) {
-        case 0:
-          if (f == "solid") state = 1;
-          break;
-        case 1:
-          state = 2;
-          break;
-        case 2:
-          if (f == "facet") state = 3;
-          break;
-        default:
-          if (f == "normal") state = 4;
-          break;
-      }
-      return state != 4;
+// The text test: "solid", a name, "facet" and "normal" in that order over the fields of all
+// lines, the state carrying over from line to line and from span to span.
+class TextDetector {
+ public:
+  bool decided() const { return state_ == 4; }
+  void feed(std::string_view lines) {
+    for_each_line(lines, [&](std::string_view line) {
+      return for_each_word(line, scratch_, [&](std::string_view f) {
+        switch (state_) {
+          case 0:
+            if (f == "solid") state_ = 1;
+            break;
+          case 1:
+            state_ = 2;
+            break;
+          case 2:
+            if (f == "facet") state_ = 3;
+            break;
+          default:
+            if (f == "normal") state_ = 4;
+            break;
+        }
+        return state_ != 4;
+      });
     });
-  });
-  return state == 4 ? Encoding::ascii : Encoding::unknown;
+  }
+
+ private:
+  int state_ = 0;
+  std::string scratch_;
+};
+
+// The size test first: a file of exactly 84 + 50 x the count at byte 80 is binary, whatever
+// its header says. Otherwise the text test, over the source from its start.
+template <class Source>
+Encoding detect(Source& source) {
+  const std::string_view head = source.head(kFirstRecord);
+  if (head.size() == kFirstRecord) {
+    const std::uint64_t count =
+        load_u32(reinterpret_cast<unsigned char const*>(head.data()) + kHeaderBytes);
+    if (source.size() == count * kRecordBytes + kFirstRecord) return Encoding::binary;
+  }
+  if (!source.restart(0)) return Encoding::unknown;
+  TextDetector text;
+  for (std::string_view lines = source.next(0); !lines.empty() && !text.decided();
+       lines = source.next(0))
+    text.feed(lines);
+  return text.decided() ? Encoding::ascii : Encoding::unknown;
 }
 
 // Appends the decimal digits at p to `mantissa` (which may wrap when there are more than 19;
@@ -623,6 +680,108 @@ char const* read_line_fast(char const* p, char const* const end, AsciiLine& line
   }
 }
 
+// Forms triangles from the vertex lines of a text, three at a time, carrying the pending
+// corners and the name from span to span.
+class TextReader {
+ public:
+  TextReader(bool merge, std::size_t expected_triangles) : mesh(merge, expected_triangles) {}
+
+  // Reads the whole lines of `lines`; false when the mesh outgrows int indices.
+  bool feed(std::string_view lines) {
+    char const* p = lines.data();
+    char const* const end = p + lines.size();
+    while (p != end) {
+      AsciiLine line;
+      char const* next = read_line_fast(p, end, line);
+      if (next == nullptr) {
+        line = AsciiLine();
+        next = read_line_general(p, end, general_name_, line);
+      }
+      p = next;
+      if (line.has_name) name = convert::to_string(convert::to_wstring(std::string(line.name)));
+      if (line.kind != AsciiLine::vertex_line || line.have < 3) continue;
+      corners_[pending_++] = Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),
+                                   static_cast<float>(line.xyz[2]));
+      if (pending_ < 3) continue;
+      pending_ = 0;
+      if (!mesh.add(corners_[0], corners_[1], corners_[2])) return false;
+    }
+    return true;
+  }
+
+  MeshBuilder mesh;
+  std::string name;  // empty unless a name line occurs
+
+ private:
+  Point corners_[3];
+  int pending_ = 0;
+  std::string general_name_;
+};
+
+// Reads name, points and polygons from `source`; returns the number of polygons, or -1 (the
+// outputs are then unspecified).
+template <class Source>
+int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>& points,
+              std::vector<Polygon>& polygons) {
+  const Encoding encoding = detect(source);
+  if (encoding == Encoding::unknown) return -1;
+
+  if (encoding == Encoding::binary) {
+    const std::string_view header = source.head(kHeaderBytes);
+    std::size_t n = 0;
+    while (n < header.size() && static_cast<signed char>(header[n]) > 32)
+      ++n;
+    name.assign(header.data(), n);
+    // The size test has tied the count to the file's length; records are read to the end.
+    MeshBuilder mesh(merge, (source.size() - kFirstRecord) / kRecordBytes);
+    if (!source.restart(kFirstRecord)) return -1;
+    // Merging looks up records a few ahead, so that their table slots arrive from memory
+    // while the records before them are handled.
+    constexpr std::size_t kAhead = 8;
+    for (std::string_view span = source.next(kRecordBytes); !span.empty();
+         span = source.next(kRecordBytes)) {
+      auto const* p = reinterpret_cast<unsigned char const*>(span.data());
+      const std::size_t count = span.size() / kRecordBytes;  // a partial last record is dropped
+      for (std::size_t k = 0; k < count; ++k) {
+        unsigned char const* r = p + k * kRecordBytes + 12;  // past the normal
+        if (k + kAhead < count) mesh.prefetch(r + kAhead * kRecordBytes);
+        const Point a(load_f32(r), load_f32(r + 4), load_f32(r + 8));
+        const Point b(load_f32(r + 12), load_f32(r + 16), load_f32(r + 20));
+        const Point c(load_f32(r + 24), load_f32(r + 28), load_f32(r + 32));
+        if (!mesh.add(a, b, c)) return -1;
+      }
+    }
+    points.swap(mesh.points);
+    polygons.swap(mesh.polygons);
+    return static_cast<int>(polygons.size());
+  }
+
+  TextReader text(merge, static_cast<std::size_t>(source.size() / kAsciiFacetBytes));
+  if (!source.restart(0)) return -1;
+  for (std::string_view lines = source.next(0); !lines.empty(); lines = source.next(0))
+    if (!text.feed(lines)) return -1;
+  name.swap(text.name);
+  points.swap(text.mesh.points);
+  polygons.swap(text.mesh.polygons);
+  return static_cast<int>(polygons.size());
+}
+
+// Reads the mesh `source` holds into `mesh` (see Stl::load).
+template <class Source>
+int load_from(Source& source, bool merge, Stl& mesh) {
+  std::string name;
+  std::vector<Point> points;
+  std::vector<Polygon> polygons;
+  const int result = read_mesh(source, merge, name, points, polygons);
+  if (result < 0) {
+    mesh.clear();
+    return -1;
+  }
+  mesh.set_name(name);
+  mesh.swap(points, polygons);
+  return result;
+}
+
 }  // namespace
 
 // ---- Stl ----
@@ -638,83 +797,17 @@ Stl& Stl::operator=(Stl&&) noexcept = default;
 Stl::~Stl() = default;
 
 int Stl::load(std::wstring const& path, bool merge) {
-  FileBytes file;
+  FileSource file;
   if (!file.open(native_path(path))) {
     clear();
     return -1;
   }
-  const std::string_view bytes = file.view();
-  return load_buffer(bytes.data(), bytes.size(), merge);
+  return load_from(file, merge, *this);
 }
 
 int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
-  const std::string_view bytes(static_cast<char const*>(data), data ? size : 0);
-  const Encoding encoding = detect(bytes);
-  if (encoding == Encoding::unknown) {
-    clear();
-    return -1;
-  }
-  std::string name;
-  if (encoding == Encoding::binary) {
-    auto const* p = reinterpret_cast<unsigned char const*>(bytes.data());
-    std::size_t n = 0;
-    while (n<kHeaderBytes&& static_cast<signed char>(p[n])> 32)
-      ++n;
-    name.assign(bytes.data(), n);
-    // The length test has already tied the count to the file's size.
-    const std::size_t count = (bytes.size() - kFirstRecord) / kRecordBytes;
-    MeshBuilder mesh(merge, count);
-    // Merging looks up records a few ahead, so that their table slots arrive from memory
-    // while the records before them are handled.
-    constexpr std::size_t kAhead = 8;
-    for (std::size_t k = 0; k < count; ++k) {
-      unsigned char const* r = p + kFirstRecord + k * kRecordBytes + 12;  // past the normal
-      if (k + kAhead < count) mesh.prefetch(r + kAhead * kRecordBytes);
-      const Point a(load_f32(r), load_f32(r + 4), load_f32(r + 8));
-      const Point b(load_f32(r + 12), load_f32(r + 16), load_f32(r + 20));
-      const Point c(load_f32(r + 24), load_f32(r + 28), load_f32(r + 32));
-      if (!mesh.add(a, b, c)) {
-        clear();
-        return -1;
-      }
-    }
-    name_.swap(name);
-    points_.swap(mesh.points);
-    polygons_.swap(mesh.polygons);
-    return size_polygon();
-  }
-
-  MeshBuilder mesh(merge, bytes.size() / kAsciiFacetBytes);
-  Point corners[3];
-  int pending = 0;
-  bool overflow = false;
-  std::string general_name;
-  char const* p = bytes.data();
-  char const* const end = p + bytes.size();
-  while (p != end && !overflow) {
-    AsciiLine line;
-    char const* next = read_line_fast(p, end, line);
-    if (next == nullptr) {
-      line = AsciiLine();
-      next = read_line_general(p, end, general_name, line);
-    }
-    p = next;
-    if (line.has_name) name = convert::to_string(convert::to_wstring(std::string(line.name)));
-    if (line.kind != AsciiLine::vertex_line || line.have < 3) continue;
-    corners[pending++] = Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),
-                               static_cast<float>(line.xyz[2]));
-    if (pending < 3) continue;
-    pending = 0;
-    overflow = !mesh.add(corners[0], corners[1], corners[2]);
-  }
-  if (overflow) {
-    clear();
-    return -1;
-  }
-  name_.swap(name);
-  points_.swap(mesh.points);
-  polygons_.swap(mesh.polygons);
-  return size_polygon();
+  MemorySource bytes(std::string_view(static_cast<char const*>(data), data ? size : 0));
+  return load_from(bytes, merge, *this);
 }
 
 int Stl::save(std::wstring const& path, int precision) const {

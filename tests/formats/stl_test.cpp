@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -308,6 +309,30 @@ TEST_F(StlFiles, PlatesRoundTripInBothEncodingsAndMergeToTheirGrid) {
       EXPECT_EQ(merged.decompress(), 3 * count);
       EXPECT_TRUE(merged.points() == mesh.points());
       EXPECT_EQ(merged.compress(), shared);
+    }
+  }
+}
+
+TEST_F(StlFiles, FilesReadInBlocksGiveWhatTheirBytesInMemoryGive) {
+  // Files are read a block at a time: records straddle blocks, and a line longer than a block
+  // (a name of 3 MB here) must still be read whole.
+  std::string text = "solid " + std::string(3u << 20, 'n') + "\r\n";
+  std::vector<Corners> triangles;
+  for (int i = 0; i < 30000; ++i) {
+    const float f = static_cast<float>(i);
+    triangles.push_back({Point(f, 0.5f, -f), Point(f + 1, 0.25f, f), Point(0, f, 1e-3f * f)});
+    text += ascii_facet(triangles.back());
+  }
+  text += "endsolid";  // no line end after the last line
+  const std::string binary = binary_file("block", 30000, triangles);
+  for (std::string const* bytes : {&std::as_const(text), &binary}) {
+    for (bool merge : {false, true}) {
+      quib::Stl from_file, from_memory;
+      ASSERT_EQ(from_file.load(write("blocks.stl", *bytes), merge), 30000);
+      ASSERT_EQ(from_memory.load_buffer(bytes->data(), bytes->size(), merge), 30000);
+      EXPECT_EQ(from_file.get_name(), from_memory.get_name());
+      EXPECT_TRUE(from_file.points() == from_memory.points());
+      EXPECT_TRUE(from_file.polygons() == from_memory.polygons());
     }
   }
 }
