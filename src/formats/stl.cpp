@@ -622,60 +622,6 @@ char const* read_line_general(char const* p, char const* end, std::string& name,
   return next;
 }
 
-// The three numbers of an ordinary vertex line, p being just past its "vertex". One pass of
-// compares over the next 64 bytes finds where the fields begin and end, so the three numbers
-// are read independently of each other instead of each waiting for the end of the one before.
-// Returns the start of the next line with x, y and z in `line`, or nullptr with `line`
-// untouched when the line is not ordinary: no line end within the 64 bytes, a quote or a
-// carriage return not followed by the line end, fewer than three fields, or a field that is no
-// plain decimal. The caller then reads the line field by field.
-char const* read_vertex_numbers(char const* p, char const* const end, AsciiLine& line) {
-#if defined(__SSE2__)
-  constexpr int kWindow = 64;
-  if (end - p < kWindow) return nullptr;
-  std::uint64_t blank = 0, stop = 0;
-  for (int i = 0; i < kWindow / 16; ++i) {
-    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 16 * i));
-    const __m128i b = _mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8(' ')),
-                                   _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\t')));
-    const __m128i s = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('\n')),
-                                                _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\r'))),
-                                   _mm_cmpeq_epi8(chunk, _mm_set1_epi8('"')));
-    blank |= std::uint64_t(static_cast<unsigned>(_mm_movemask_epi8(b))) << (16 * i);
-    stop |= std::uint64_t(static_cast<unsigned>(_mm_movemask_epi8(s))) << (16 * i);
-  }
-  if (stop == 0) return nullptr;
-  const int length = __builtin_ctzll(stop);  // the line's characters before its end
-  char const* next;
-  if (p[length] == '\n') {
-    next = p + length + 1;
-  } else if (p[length] == '\r' && length + 1 < kWindow && p[length + 1] == '\n') {
-    next = p + length + 2;
-  } else {
-    return nullptr;
-  }
-  const std::uint64_t in_line = (std::uint64_t(1) << length) - 1;
-  const std::uint64_t word = ~blank & in_line;
-  std::uint64_t starts = word & ~(word << 1);
-  std::uint64_t lasts = word & ~(word >> 1);
-  double xyz[3];
-  for (double& v : xyz) {
-    if (starts == 0) return nullptr;
-    char const* const first = p + __builtin_ctzll(starts);
-    char const* const stop_at = p + __builtin_ctzll(lasts) + 1;
-    starts &= starts - 1;
-    lasts &= lasts - 1;
-    if (parse_simple_decimal(first, end, v) != stop_at) return nullptr;
-  }
-  line.have = 3;
-  std::copy(xyz, xyz + 3, line.xyz);
-  return next;
-#else
-  (void)p, (void)end, (void)line;
-  return nullptr;
-#endif
-}
-
 // The same reading for lines without quotes, in one pass over the bytes. Returns the start of
 // the next line, or nullptr when the line holds a quote that matters (the caller then reads
 // it with read_line_general).
@@ -693,7 +639,6 @@ char const* read_line_fast(char const* p, char const* const end, AsciiLine& line
       is_blank(q[6])) {
     line.kind = AsciiLine::vertex_line;
     p = q + 6;
-    if (char const* next = read_vertex_numbers(p, end, line)) return next;
   }
   // A '\r' ends the line only right before '\n' or at the end of the text.
   const auto cr_ends_line = [end](char const* q) { return q + 1 == end || q[1] == '\n'; };
