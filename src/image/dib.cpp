@@ -1,6 +1,8 @@
 #include <quib/dib.hpp>
 
 #include "system/bytes.hpp"
+#include "system/native_path.hpp"
+#include "system/utf8.hpp"
 
 #include <algorithm>
 #include <climits>
@@ -23,7 +25,7 @@ constexpr int kHeaderBytes = kFileHeaderBytes + kInfoHeaderBytes;
 constexpr std::uint16_t kMagic = 0x4D42;  // "BM" read as a little-endian 16-bit number
 
 // True when the path names something that exists and is not a directory.
-bool isExistingFile(std::string const& path) {
+bool isExistingFile(std::filesystem::path const& path) {
   std::error_code ec;
   const auto status = std::filesystem::status(path, ec);
   return !ec && std::filesystem::exists(status) && !std::filesystem::is_directory(status);
@@ -45,6 +47,11 @@ int mod(int value, int divisor) {
   return ((value % divisor) + divisor) % divisor;
 }
 
+// The path as the Dib shows it: the UTF-8 text of a wide path.
+std::string shownPath(std::wstring const& path) {
+  return *detail::utf8_from_wide(path, detail::on_invalid::replace);
+}
+
 }  // namespace
 
 Dib::Dib()
@@ -64,6 +71,37 @@ Dib::Dib()
 
 Dib::Dib(std::string const& path) : Dib() {
   filePath = path;
+  open(std::filesystem::path(path));
+}
+
+Dib::Dib(std::wstring const& path) : Dib() {
+  filePath = shownPath(path);
+  if (auto const native = detail::native_path(path)) {
+    open(*native);
+  } else {
+    refuse();
+  }
+}
+
+Dib::Dib(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, int align, int cc,
+         Palette const& pal)
+    : Dib() {
+  filePath = path;
+  open(std::filesystem::path(path), w, h, xdpi, ydpi, bits, align, cc, pal);
+}
+
+Dib::Dib(std::wstring const& path, int w, int h, int xdpi, int ydpi, int bits, int align, int cc,
+         Palette const& pal)
+    : Dib() {
+  filePath = shownPath(path);
+  if (auto const native = detail::native_path(path)) {
+    open(*native, w, h, xdpi, ydpi, bits, align, cc, pal);
+  } else {
+    refuse();
+  }
+}
+
+void Dib::open(std::filesystem::path const& path) {
   stream = std::make_shared<std::fstream>(path, std::ios::in | std::ios::out | std::ios::binary);
   if (!stream->is_open() || stream->fail() || !readHeaders(false)) {
     refuse();
@@ -72,10 +110,8 @@ Dib::Dib(std::string const& path) : Dib() {
   mode = 1;
 }
 
-Dib::Dib(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, int align, int cc,
-         Palette const& pal)
-    : Dib() {
-  filePath = path;
+void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int ydpi, int bits,
+               int align, int cc, Palette const& pal) {
   auto openMode = std::ios::in | std::ios::out | std::ios::binary;
   if (!isExistingFile(path)) openMode |= std::ios::trunc;
   stream = std::make_shared<std::fstream>(path, openMode);
@@ -234,7 +270,22 @@ bool Dib::create(std::string const& path) {
   return stream && stream->good();
 }
 
+bool Dib::create(std::wstring const& path) {
+  auto const native = detail::native_path(path);
+  if (!native || !isExistingFile(*native)) return false;
+  Dib opened(path);
+  swap(opened);
+  return stream && stream->good();
+}
+
 bool Dib::create(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, int align,
+                 int cc, Palette const& pal) {
+  Dib created(path, w, h, xdpi, ydpi, bits, align, cc, pal);
+  swap(created);
+  return stream && stream->good();
+}
+
+bool Dib::create(std::wstring const& path, int w, int h, int xdpi, int ydpi, int bits, int align,
                  int cc, Palette const& pal) {
   Dib created(path, w, h, xdpi, ydpi, bits, align, cc, pal);
   swap(created);
