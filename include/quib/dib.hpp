@@ -84,6 +84,10 @@ enum class palette_t : std::int32_t {
 ///     while (int n = in.read(band.data(), int(band.size()))) { /* n / getLineBytes() rows */ }
 class QUIB_API Dib {
  public:
+  /// How the file was opened: nothing open (or failed), an existing file opened for reading and
+  /// updating, or a new file created for writing. The numbers are those of the file API's mode.
+  enum class mode_t : std::int32_t { none = 0, opened = 1, created = 2 };
+
   /// Nothing open.
   Dib();
   /// Opens an existing bitmap file for reading and updating. A narrow path is the file
@@ -103,7 +107,7 @@ class QUIB_API Dib {
   ~Dib() = default;
 
   /// Opens an existing file; false at once when the path is not an existing regular file.
-  bool create(std::string const& path);
+  [[nodiscard]] bool create(std::string const& path);
   /// Reads a whole bitmap file into a new image in picture order: rows top-down whatever the
   /// file's row order, one 8-bit sample per channel, rows padded to 4 bytes. By depth:
   /// - 1, 2, 4 and 8 bits: as `palette` says (see palette_t); an index past the end of the
@@ -119,16 +123,18 @@ class QUIB_API Dib {
   ///     quib::Image picture = quib::Dib::read_image(L"scan.bmp");
   ///     if (picture.empty()) { /* not a bitmap this reader understands */ }
   ///     cv::Mat view = picture.makeMat();  // CV_8UC1, CV_8UC3 or CV_8UC4
-  static Image read_image(std::wstring const& path, palette_t palette = palette_t::grey_or_bgr);
-  static Image read_image(std::string const& path, palette_t palette = palette_t::grey_or_bgr);
+  [[nodiscard]] static Image read_image(std::wstring const& path,
+                                        palette_t palette = palette_t::grey_or_bgr);
+  [[nodiscard]] static Image read_image(std::string const& path,
+                                        palette_t palette = palette_t::grey_or_bgr);
 
   /// Creates or reopens a file for writing; true when the stream is good.
-  bool create(std::string const& path, int width, int height, int xDpi, int yDpi, int bits,
-              int align, int colorCount, Palette const& palette);
+  [[nodiscard]] bool create(std::string const& path, int width, int height, int xDpi, int yDpi,
+                            int bits, int align, int colorCount, Palette const& palette);
   /// The same for wide paths; path() then holds the path in UTF-8.
-  bool create(std::wstring const& path);
-  bool create(std::wstring const& path, int width, int height, int xDpi, int yDpi, int bits,
-              int align, int colorCount, Palette const& palette);
+  [[nodiscard]] bool create(std::wstring const& path);
+  [[nodiscard]] bool create(std::wstring const& path, int width, int height, int xDpi, int yDpi,
+                            int bits, int align, int colorCount, Palette const& palette);
   void swap(Dib& other) noexcept;
   /// Releases this handle (the file closes when no copy shares it).
   void close();
@@ -162,6 +168,7 @@ class QUIB_API Dib {
   int getBitCount() const { return bitCount; }
   int getDataOffset() const { return dataOffset; }
 
+  mode_t getMode() const { return mode; }
   /// The stream's read position after opening, its write position after creating, else 0.
   std::int64_t tell() const;
   /// Row cursor number index mod 4.
@@ -170,12 +177,12 @@ class QUIB_API Dib {
   void seek(int index, int row);
 
   /// Moves bytes / lineBytes whole rows at cursor 0; returns the bytes moved (0 on failure).
-  int read(unsigned char* buffer, int bytes);
-  int write(unsigned char const* buffer, int bytes);
+  [[nodiscard]] int read(unsigned char* buffer, int bytes);
+  [[nodiscard]] int write(unsigned char const* buffer, int bytes);
   /// Moves sample plane `index` mod colorCount at cursor index mod 4, in units of the
   /// one-sample row length; never touches more than `bytes` bytes of the caller's memory.
-  int read(int index, unsigned char* buffer, int bytes);
-  int write(int index, unsigned char const* buffer, int bytes);
+  [[nodiscard]] int read(int index, unsigned char* buffer, int bytes);
+  [[nodiscard]] int write(int index, unsigned char const* buffer, int bytes);
 
  private:
   void open(std::filesystem::path const& native);
@@ -203,7 +210,7 @@ class QUIB_API Dib {
   bool topDown;
   Palette palette;
   ImageCoordinator coordinator;
-  int mode;
+  mode_t mode;
   int bitCount;
 };
 

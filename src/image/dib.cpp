@@ -67,7 +67,7 @@ Dib::Dib()
       dataOffset(0),
       topDown(false),
       coordinator(8, 1, 1, 1, color_type::undetermined),
-      mode(0),
+      mode(mode_t::none),
       bitCount(0) {}
 
 Dib::Dib(std::string const& path) : Dib() {
@@ -108,7 +108,7 @@ void Dib::open(std::filesystem::path const& path) {
     refuse();
     return;
   }
-  mode = 1;
+  mode = mode_t::opened;
 }
 
 void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int ydpi, int bits,
@@ -141,7 +141,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
       refuse();
       return;
     }
-    mode = 1;
+    mode = mode_t::opened;
     return;
   }
 
@@ -175,7 +175,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
   stream->flush();
   stream->seekp(offBits);
   dataOffset = offBits;
-  mode = 2;
+  mode = mode_t::created;
 }
 
 bool Dib::readHeaders(bool keepGeometry) {
@@ -335,8 +335,8 @@ std::uint64_t Dib::getImageSize() const {
 
 std::int64_t Dib::tell() const {
   if (!stream) return 0;
-  if (mode == 1) return static_cast<std::int64_t>(stream->tellg());
-  if (mode == 2) return static_cast<std::int64_t>(stream->tellp());
+  if (mode == mode_t::opened) return static_cast<std::int64_t>(stream->tellg());
+  if (mode == mode_t::created) return static_cast<std::int64_t>(stream->tellp());
   return 0;
 }
 
