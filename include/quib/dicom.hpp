@@ -104,6 +104,15 @@ QUIB_API element_t find_keyword(std::string_view keyword);
 /// Retired_GGGGEEEE.
 QUIB_API std::string_view get_keyword(element_t element);
 
+/// Decodes text written in the character set named by a Specific Character Set value (for
+/// example "ISO_IR 100" or "ISO_IR 192"; several values separated by backslashes) to UTF-8.
+/// Handles the default repertoire, ISO_IR 192 (UTF-8), the single-byte ISO_IR sets (Latin
+/// alphabets 1-5 and 9, Cyrillic, Arabic, Greek, Hebrew, Thai, Katakana) with or without their
+/// ISO 2022 escapes, GB18030 and GBK. The default repertoire and a character set that is not
+/// known read bytes above 0x7F as Latin-1; bytes that are not text in a known set become
+/// U+FFFD. Never fails.
+QUIB_API std::string decode_text(std::string_view charset, std::string_view bytes);
+
 /// True when data in the given byte order (little-endian when `little`) must be byte-swapped
 /// to be read on this host.
 constexpr bool is_swap_endian(bool little) {
@@ -351,6 +360,24 @@ class QUIB_API Dicom {
     bool valid = true;
   };
 
+  /// A person's name (PN) split into its components. The alphabetic group is split into
+  /// family, given, middle, prefix and suffix; the ideographic and phonetic groups are kept as
+  /// written (components joined by '^'). Text is UTF-8.
+  struct Name {
+    std::string family, given, middle, prefix, suffix;
+    std::string ideographic, phonetic;
+  };
+
+  /// A date (DA), a time (TM) or both (DT). Fields the value does not give are -1; `microsecond`
+  /// counts the fraction of the second; `offset` is the UTC offset in minutes when
+  /// `has_offset`.
+  struct DateTime {
+    int year = -1, month = -1, day = -1;
+    int hour = -1, minute = -1, second = -1, microsecond = -1;
+    int offset = 0;
+    bool has_offset = false;
+  };
+
   Dicom() = default;
   /// Calls load(path).
   explicit Dicom(const std::wstring& path);
@@ -387,6 +414,46 @@ class QUIB_API Dicom {
   std::uint16_t get_type(Tag tag) const;
   /// The value of an element, or null when the table has none (or the tag names nothing).
   const std::vector<unsigned char>* find(Tag tag) const;
+
+  // Typed values. Each reads one element as its VR (get_type) says, in the byte order it was
+  // read in, and returns the number of values, or -1 when the table has no such element, the
+  // VR does not fit the call, or a value does not parse; the vector is empty after -1. Bytes
+  // after the last whole binary value are ignored. Text is decoded to UTF-8 under the Specific
+  // Character Set (0008,0005) in force (see dicom::decode_text).
+
+  /// Numbers: US SS UL SL UV SV FL FD, DS and IS written as text, and OB OW OL OV OF OD.
+  int get_numbers(Tag tag, std::vector<double>& values) const;
+  /// Whole numbers: US SS UL SL UV SV and IS (-1 for an UV above the int64 range).
+  int get_integers(Tag tag, std::vector<std::int64_t>& values) const;
+  /// Tags (AT), as table keys.
+  int get_tags(Tag tag, std::vector<std::uint32_t>& values) const;
+  /// Text VRs, split at backslashes (LT ST UT UR are one value) and trimmed of the padding and
+  /// blanks the VR allows (LT ST UT keep their leading blanks).
+  int get_strings(Tag tag, std::vector<std::string>& values) const;
+  /// The whole text of a text element, decoded, without trailing padding; -1 as above.
+  int get_text(Tag tag, std::string& text) const;
+  /// Person names (PN).
+  int get_names(Tag tag, std::vector<Name>& values) const;
+  /// Dates, times and date-times (DA TM DT); the older forms "YYYY.MM.DD" and "HH:MM:SS" are
+  /// read too.
+  int get_dates(Tag tag, std::vector<DateTime>& values) const;
+
+  // Sequences.
+
+  /// Reads the items of a sequence (SQ, a UN element holding items, or an element of unknown
+  /// VR whose value starts with an item) into their own tables, each read like this one's data
+  /// set (a UN value in implicit VR little-endian), with this object's character set unless an
+  /// item names its own. Returns the number of items, or -1 when there is no such element, its
+  /// value holds no items, or the items would lie deeper than kMaxDepth. Damage inside the
+  /// value ends reading: the items before it stay, and the last item is not `is_complete()`
+  /// (an item cut before its header is appended empty). Each item's Info::depth is one more
+  /// than this object's.
+  int read_items(Tag tag, std::vector<Dicom>& items) const;
+  /// The items of an encapsulated value (Pixel Data of undefined length): the offset and size
+  /// of each item's bytes within the value, the Basic Offset Table first. Returns the number
+  /// of items, or -1 when there is no such element or its value is not a list of items; a cut
+  /// item ends the list.
+  int get_fragments(Tag tag, std::vector<std::pair<std::size_t, std::size_t>>& fragments) const;
 
   table_t& elements() { return table; }
   const table_t& elements() const { return table; }

@@ -127,4 +127,9 @@ bool read_standard(std::istream& in, DicomParts& parts);
 // the bytes. `parts.info` gives the encoding and depth and receives completeness.
 void read_data_set(const unsigned char* data, std::size_t size, DicomParts& parts);
 
+// For an undefined-length item whose content starts at `data`: the size of the content before
+// its Item Delimitation Item, walking nested sequences; false when the item does not end.
+bool find_item_end(const unsigned char* data, std::size_t size, bool implicit, bool little,
+                   std::size_t& content);
+
 }  // namespace quib::detail

@@ -78,7 +78,8 @@ class Walk {
   }
 
   // The value of an undefined-length element whose header has just been read: the bytes up to
-  // its own Sequence Delimitation Item, which is read but not kept. Nested undefined-length
+  // its own Sequence Delimitation Item (or, for an item, its Item Delimitation Item), which is
+  // read but not kept. Nested undefined-length
   // sequences and items are walked with a stack of levels (never recursion), so that depth
   // costs one byte per level. False on damage or a cut.
   bool undefined_value(std::uint8_t encoding, std::vector<unsigned char>& value) {
@@ -103,6 +104,10 @@ class Walk {
         }
         if (number == kItemEnd && (level & kInItem) != 0) {
           levels.pop_back();
+          if (levels.empty()) {
+            value.resize(at);  // the item's own delimiter is not part of its content
+            return true;
+          }
           continue;
         }
         if (number != kItem || (level & kInItem) != 0) return false;
@@ -314,6 +319,18 @@ bool read_standard(std::istream& in, DicomParts& parts) {
     walk.data_set(parts, uid == "1.2.840.10008.1.2" || uid.empty(), uid != "1.2.840.10008.1.2.2");
   }
   detail::order_entries(parts.entries, false);
+  return true;
+}
+
+bool find_item_end(const unsigned char* data, std::size_t size, bool implicit, bool little,
+                   std::size_t& content) {
+  MemoryBuf buf(data, size);
+  std::istream in(&buf);
+  Walk walk(in, 0);
+  std::vector<unsigned char> value;
+  const std::uint8_t encoding = kInItem | (implicit ? kImplicit : 0) | (little ? kLittle : 0);
+  if (!walk.undefined_value(encoding, value)) return false;
+  content = value.size();
   return true;
 }
 
