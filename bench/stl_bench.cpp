@@ -4,8 +4,10 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -144,6 +146,70 @@ void quib_save(benchmark::State& state, Kind k, int precision) {
   finish(state, k);
 }
 
+// Merging the corners of an unmerged mesh. The copy that compress consumes is made outside the
+// timing.
+void quib_compress(benchmark::State& state, Kind k) {
+  quib::Stl unmerged = Files::get().mesh(k);
+  unmerged.decompress();
+  for (auto _ : state) {
+    state.PauseTiming();
+    quib::Stl mesh = unmerged;
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(mesh.compress());
+  }
+}
+
+// The limit for merging: one plain open-addressing table (linear probing, a strong 64-bit mix
+// of the coordinate bits) over the same corners, writing one index per corner into a flat
+// array and the distinct points into a list. No polygon lists are made.
+void plain_table(benchmark::State& state, Kind k) {
+  quib::Stl unmerged = Files::get().mesh(k);
+  unmerged.decompress();
+  std::vector<quib::Stl::Point> const& corners = unmerged.points();
+  struct Slot {
+    std::uint32_t x, y, z;
+    std::int32_t index;
+  };
+  const auto bits = [](float v) {
+    std::uint32_t b;
+    std::memcpy(&b, &v, 4);
+    return b;
+  };
+  const auto mix = [](std::uint64_t h) {
+    h ^= h >> 33;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 33;
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 33;
+    return h;
+  };
+  for (auto _ : state) {
+    std::size_t capacity = 16;
+    while (capacity < corners.size())
+      capacity <<= 1;
+    std::vector<Slot> slots(capacity, Slot{0, 0, 0, -1});
+    std::vector<quib::Stl::Point> points;
+    std::vector<int> indices(corners.size());
+    const std::size_t mask = capacity - 1;
+    for (std::size_t c = 0; c < corners.size(); ++c) {
+      const std::uint32_t x = bits(corners[c].x()), y = bits(corners[c].y()),
+                          z = bits(corners[c].z());
+      std::size_t i = mix((std::uint64_t(y) << 32 | x) ^ mix(z + 0x9E3779B97F4A7C15ull)) & mask;
+      for (;; i = (i + 1) & mask) {
+        if (slots[i].index < 0) {
+          slots[i] = Slot{x, y, z, static_cast<int>(points.size())};
+          points.push_back(corners[c]);
+          break;
+        }
+        if (slots[i].x == x && slots[i].y == y && slots[i].z == z) break;
+      }
+      indices[c] = slots[i].index;
+    }
+    benchmark::DoNotOptimize(indices.data());
+    benchmark::DoNotOptimize(points.data());
+  }
+}
+
 #if defined(QUIB_BENCH_ASSIMP)
 // assimp's importer; `join` removes the facet normals (which differ between the facets of a
 // vertex) and then joins identical vertices, its way of building a shared-vertex mesh.
@@ -192,6 +258,10 @@ QUIB_BENCH(quib_load, merged_grid, grid_binary, true);
 QUIB_BENCH(quib_load, merged_random, random_binary, true);
 QUIB_BENCH(plain_read, ascii, grid_ascii);
 QUIB_BENCH(quib_load, ascii, grid_ascii, false);
+QUIB_BENCH(plain_table, grid, grid_binary);
+QUIB_BENCH(quib_compress, grid, grid_binary);
+QUIB_BENCH(plain_table, random, random_binary);
+QUIB_BENCH(quib_compress, random, random_binary);
 QUIB_BENCH(plain_write, binary, grid_binary);
 QUIB_BENCH(quib_save, binary, grid_binary, 0);
 QUIB_BENCH(plain_write, ascii, grid_ascii);
