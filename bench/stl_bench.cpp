@@ -1,8 +1,10 @@
 // STL loading and saving against a plain read or write of the same bytes, and against the
 // readers of assimp and admesh when they were found at configure time.
+#include <quib/mesh_measures.hpp>
 #include <quib/stl.hpp>
 
 #include <benchmark/benchmark.h>
+#include <Eigen/Geometry>
 
 #include <cstdint>
 #include <cstdio>
@@ -210,6 +212,56 @@ void plain_table(benchmark::State& state, Kind k) {
   }
 }
 
+// Mesh measures on the merged mesh in memory.
+void quib_measures(benchmark::State& state, Kind k) {
+  const quib::Stl mesh(Files::get().wpath(k), true);
+  for (auto _ : state) {
+    const quib::MeshMeasures m(mesh);
+    benchmark::DoNotOptimize(m.volume);
+  }
+}
+
+// The limit for measuring: one plain pass over the same triangles summing area and signed
+// volume, no topology.
+void plain_pass(benchmark::State& state, Kind k) {
+  const quib::Stl mesh(Files::get().wpath(k), true);
+  auto const& points = mesh.points();
+  for (auto _ : state) {
+    double area = 0, volume = 0;
+    for (auto const& p : mesh.polygons()) {
+      const Eigen::Vector3d a = points[std::size_t(p[0])].cast<double>(),
+                            b = points[std::size_t(p[1])].cast<double>(),
+                            c = points[std::size_t(p[2])].cast<double>();
+      area += (b - a).cross(c - a).norm();
+      volume += a.dot(b.cross(c));
+    }
+    benchmark::DoNotOptimize(area);
+    benchmark::DoNotOptimize(volume);
+  }
+}
+
+// numpy-stl (python3-stl) through the system's python3: volume, centre of gravity, inertia,
+// areas and its closedness test, timed inside python after the file is read.
+void numpy_stl_measures(benchmark::State& state, Kind k) {
+  const std::string command =
+      "/usr/bin/python3 -W ignore -c \"import sys, time; from stl import mesh; "
+      "m = mesh.Mesh.from_file(sys.argv[1]); t = time.perf_counter(); "
+      "v, cog, inertia = m.get_mass_properties(); a = m.areas.sum(); c = m.is_closed(); "
+      "print(time.perf_counter() - t)\" " +
+      Files::get().path(k) + " 2>/dev/null";
+  for (auto _ : state) {
+    std::FILE* pipe = ::popen(command.c_str(), "r");
+    double seconds = -1;
+    if (pipe == nullptr || std::fscanf(pipe, "%lf", &seconds) != 1) seconds = -1;
+    if (pipe != nullptr) ::pclose(pipe);
+    if (seconds < 0) {
+      state.SkipWithError("python3 with numpy-stl is not available");
+      break;
+    }
+    state.SetIterationTime(seconds);
+  }
+}
+
 #if defined(QUIB_BENCH_ASSIMP)
 // assimp's importer; `join` removes the facet normals (which differ between the facets of a
 // vertex) and then joins identical vertices, its way of building a shared-vertex mesh.
@@ -245,6 +297,26 @@ void admesh_open(benchmark::State& state, Kind k, bool shared) {
   }
   finish(state, k);
 }
+
+// admesh's statistics on a file it has read: the facets connected by exact matching (its
+// edge check), the volume and the statistics it keeps while reading. The reading is not timed.
+void admesh_measures(benchmark::State& state, Kind k) {
+  std::string path = Files::get().path(k);
+  for (auto _ : state) {
+    state.PauseTiming();
+    stl_file stl{};
+    stl_open(&stl, path.data());
+    if (stl_get_error(&stl)) state.SkipWithError("admesh could not read the file");
+    state.ResumeTiming();
+    stl_check_facets_exact(&stl);
+    stl_calculate_volume(&stl);
+    benchmark::DoNotOptimize(stl.stats.volume);
+    benchmark::DoNotOptimize(stl.stats.connected_facets_3_edge);
+    state.PauseTiming();
+    stl_close(&stl);
+    state.ResumeTiming();
+  }
+}
 #endif
 
 }  // namespace
@@ -262,6 +334,12 @@ QUIB_BENCH(plain_table, grid, grid_binary);
 QUIB_BENCH(quib_compress, grid, grid_binary);
 QUIB_BENCH(plain_table, random, random_binary);
 QUIB_BENCH(quib_compress, random, random_binary);
+QUIB_BENCH(plain_pass, random, random_binary);
+QUIB_BENCH(quib_measures, random, random_binary);
+BENCHMARK_CAPTURE(numpy_stl_measures, random, random_binary)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(3);
 QUIB_BENCH(plain_write, binary, grid_binary);
 QUIB_BENCH(quib_save, binary, grid_binary, 0);
 QUIB_BENCH(plain_write, ascii, grid_ascii);
@@ -277,6 +355,7 @@ QUIB_BENCH(admesh_open, binary, grid_binary, false);
 QUIB_BENCH(admesh_open, shared_grid, grid_binary, true);
 QUIB_BENCH(admesh_open, shared_random, random_binary, true);
 QUIB_BENCH(admesh_open, ascii, grid_ascii, false);
+QUIB_BENCH(admesh_measures, random, random_binary);
 #endif
 
 BENCHMARK_MAIN();

@@ -18,86 +18,67 @@ namespace {
 
 using Vector = MeshMeasures::Vector;
 
-// The edges of a mesh, counted by direction: an open-addressing table (linear probing, a
-// strong mix of the key) keyed on the sorted index pair, which grows at three quarters full.
-class EdgeTable {
+// The edges of a mesh, counted by direction. Every run of an edge from one point to another is
+// filed under the lower of the two indices (a counting sort: the lower index is a perfect hash
+// into its bucket), as the higher index times two plus 1 when the run goes upwards. Merged
+// meshes number their points in order of first appearance, so the buckets that neighbouring
+// triangles touch lie close together in memory, where a hash table's slots would be scattered.
+// A bucket holds the edges of one point, a handful in a usual mesh, all of a fan's hub.
+class EdgeBuckets {
  public:
-  explicit EdgeTable(std::size_t expected) {
-    std::size_t capacity = 16;
-    while (capacity * 3 < expected * 4)
-      capacity <<= 1;
-    slots_.reserve(capacity);
-    detail::advise_huge_pages(slots_.data(), capacity * sizeof(Slot));
-    slots_.resize(capacity);
+  explicit EdgeBuckets(std::size_t points) : start_(points + 1, 0) {}
+
+  // First pass: notes one run between two different points.
+  void count(std::uint32_t from, std::uint32_t to) { ++start_[std::min(from, to) + 1]; }
+
+  // Between the passes.
+  void allocate() {
+    for (std::size_t i = 1; i < start_.size(); ++i)
+      start_[i] += start_[i - 1];
+    runs_.resize(start_.back());
+    fill_.assign(start_.begin(), start_.end() - 1);
   }
 
-  void prefetch(std::uint32_t from, std::uint32_t to) const {
-#if defined(__GNUC__)
-    __builtin_prefetch(&slots_[hash(key(from, to)) & (slots_.size() - 1)]);
-#else
-    (void)from, (void)to;
-#endif
+  // Second pass: files the same runs.
+  void file(std::uint32_t from, std::uint32_t to) {
+    const bool up = from < to;
+    const std::uint32_t low = up ? from : to, high = up ? to : from;
+    runs_[fill_[low]++] = high * 2 + (up ? 1 : 0);
   }
 
-  // Counts the edge run from `from` to `to` (two different points).
-  void add(std::uint32_t from, std::uint32_t to) {
-    const std::uint64_t k = key(from, to);
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t i = hash(k) & mask;
-    for (; slots_[i].key != 0 && slots_[i].key != k; i = (i + 1) & mask) {
-    }
-    Slot& s = slots_[i];
-    if (s.key == 0) {
-      s.key = k;
-      if (++used_ * 4 > slots_.size() * 3) {
-        grow();
-        return add(from, to);  // once more, into the larger table (s moved)
-      }
-    }
-    // Saturating: a count past 2 only has to stay past 2.
-    std::uint32_t& n = from < to ? s.forward : s.backward;
-    if (n < 3) ++n;
-  }
-
+  // Calls visit(upward runs, downward runs) once for each distinct edge. The runs of one edge
+  // are brought together through two arrays over the higher index: the bucket that last saw
+  // it, and its group there. No sorting, one look at each run.
   template <class Visit>
-  void for_each(Visit visit) const {
-    for (Slot const& s : slots_)
-      if (s.key != 0) visit(s.forward, s.backward);
+  void for_each(Visit visit) {
+    const std::size_t points = start_.size() - 1;
+    std::vector<std::uint32_t> seen_in(points, std::numeric_limits<std::uint32_t>::max());
+    std::vector<std::uint32_t> group_of(points);
+    std::size_t longest = 0;
+    for (std::size_t p = 0; p < points; ++p)
+      longest = std::max(longest, start_[p + 1] - start_[p]);
+    std::vector<std::uint32_t> up(longest), down(longest);
+    for (std::size_t p = 0; p < points; ++p) {
+      std::uint32_t groups = 0;
+      for (std::size_t r = start_[p]; r < start_[p + 1]; ++r) {
+        const std::uint32_t high = runs_[r] >> 1;
+        if (seen_in[high] != p) {
+          seen_in[high] = static_cast<std::uint32_t>(p);
+          group_of[high] = groups;
+          up[groups] = down[groups] = 0;
+          ++groups;
+        }
+        ++(runs_[r] & 1 ? up : down)[group_of[high]];
+      }
+      for (std::uint32_t g = 0; g < groups; ++g)
+        visit(up[g], down[g]);
+    }
   }
 
  private:
-  struct Slot {
-    std::uint64_t key = 0;                    // 0: empty; else (lower index << 32 | higher index)
-    std::uint32_t forward = 0, backward = 0;  // runs from the lower index up, and down
-  };
-
-  static std::uint64_t key(std::uint32_t a, std::uint32_t b) {
-    return a < b ? std::uint64_t(a) << 32 | b : std::uint64_t(b) << 32 | a;
-  }
-  static std::size_t hash(std::uint64_t h) {
-    h ^= h >> 33;
-    h *= 0xFF51AFD7ED558CCDull;
-    h ^= h >> 33;
-    h *= 0xC4CEB9FE1A85EC53ull;
-    h ^= h >> 33;
-    return static_cast<std::size_t>(h);
-  }
-
-  void grow() {
-    std::vector<Slot> old(slots_.size() * 2);
-    old.swap(slots_);
-    const std::size_t mask = slots_.size() - 1;
-    for (Slot const& s : old) {
-      if (s.key == 0) continue;
-      std::size_t i = hash(s.key) & mask;
-      while (slots_[i].key != 0)
-        i = (i + 1) & mask;
-      slots_[i] = s;
-    }
-  }
-
-  std::vector<Slot> slots_;
-  std::size_t used_ = 0;
+  std::vector<std::size_t> start_;  // bucket p is runs_[start_[p], start_[p + 1])
+  std::vector<std::size_t> fill_;
+  std::vector<std::uint32_t> runs_;
 };
 
 // Union-find over point indices, with path halving; -1 marks a point no triangle uses.
@@ -152,8 +133,10 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
            static_cast<std::size_t>(p[1]) < point_count &&
            static_cast<std::size_t>(p[2]) < point_count;
   };
-  EdgeTable edges_seen(polygons_in.size() * 3 / 2);
+  EdgeBuckets edge_runs(point_count);
   PointGroups groups(point_count);
+  std::vector<std::uint32_t> corners;  // of the measured triangles, for the second pass
+  corners.reserve(3 * polygons_in.size());
 
   // Sums about a reference corner r, in double: 6 x volume, 24 x the first moment, 120 x the
   // second moments (the tetrahedra from r over every triangle, signed by its orientation).
@@ -165,17 +148,8 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   Vector low = Vector::Constant(std::numeric_limits<double>::infinity());
   Vector high = -low;
 
-  // Fetches the edge slots of polygons a few ahead, so that they arrive from memory while the
-  // polygons before them are handled.
-  constexpr std::size_t kAhead = 8;
   const std::size_t count = polygons_in.size();
   for (std::size_t t = 0; t < count; ++t) {
-    if (t + kAhead < count && valid(polygons_in[t + kAhead])) {
-      Stl::Polygon const& q = polygons_in[t + kAhead];
-      edges_seen.prefetch(std::uint32_t(q[0]), std::uint32_t(q[1]));
-      edges_seen.prefetch(std::uint32_t(q[1]), std::uint32_t(q[2]));
-      edges_seen.prefetch(std::uint32_t(q[2]), std::uint32_t(q[0]));
-    }
     Stl::Polygon const& p = polygons_in[t];
     if (p.size() != 3) ++other_polygons;
     if (!valid(p)) {
@@ -186,8 +160,9 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
     const std::int32_t i[3] = {p[0], p[1], p[2]};
     for (int k = 0; k < 3; ++k) {
       const std::int32_t from = i[k], to = i[(k + 1) % 3];
-      if (from != to) edges_seen.add(std::uint32_t(from), std::uint32_t(to));
+      if (from != to) edge_runs.count(std::uint32_t(from), std::uint32_t(to));
     }
+    corners.insert(corners.end(), {std::uint32_t(i[0]), std::uint32_t(i[1]), std::uint32_t(i[2])});
     groups.join(i[0], i[1]);
     groups.join(i[0], i[2]);
 
@@ -220,7 +195,13 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
     xy += second(0, 1), xz += second(0, 2), yz += second(1, 2);
   }
 
-  edges_seen.for_each([&](std::uint32_t forward, std::uint32_t backward) {
+  edge_runs.allocate();
+  for (std::size_t c = 0; c < corners.size(); c += 3)
+    for (std::size_t k = 0; k < 3; ++k) {
+      const std::uint32_t from = corners[c + k], to = corners[c + (k + 1) % 3];
+      if (from != to) edge_runs.file(from, to);
+    }
+  edge_runs.for_each([&](std::uint32_t forward, std::uint32_t backward) {
     ++edges;
     const std::uint32_t runs = forward + backward;
     if (runs == 1) ++boundary_edges;
