@@ -32,6 +32,21 @@ void for_each_line(std::string_view text, Line line) {
   }
 }
 
+// Appends `text` with every byte that starts no well-formed UTF-8 sequence replaced by U+FFFD:
+// the text that decoding it to wide text and encoding it again would give.
+void append_valid_utf8(std::string& out, std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t start = i;
+    bool well_formed = true;
+    const char32_t c = decode_utf8(text, i, well_formed);
+    if (well_formed) {
+      out.append(text.data() + start, i - start);
+    } else {
+      append_utf8(out, c);
+    }
+  }
+}
+
 constexpr bool is_blank(char c) {
   return c == ' ' || c == '\t';
 }
