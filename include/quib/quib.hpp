@@ -15,6 +15,7 @@
 #include <quib/hash.hpp>
 #include <quib/image.hpp>
 #include <quib/math.hpp>
+#include <quib/mesh_measures.hpp>
 #include <quib/ocv.hpp>
 #include <quib/path.hpp>
 #include <quib/projection.hpp>
