@@ -1,0 +1,132 @@
+// DICOM pixels: the image pixel module of a loaded file, its frames as images, display values,
+// and series of slices as 3-D volumes.
+#pragma once
+
+#include <quib/dicom.hpp>
+#include <quib/export.hpp>
+#include <quib/image.hpp>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quib {
+
+/// The image pixel module of a DICOM file read with the standard reading
+/// (Dicom::READ_STANDARD): the attributes that describe its pixels, and the decoding of any one
+/// frame without touching the others. Native data in either byte order with 1, 8, 16 or 32 bits
+/// allocated (planar data made interleaved, uncompressed YBR_FULL_422 expanded to three
+/// samples per pixel), and encapsulated RLE Lossless, JPEG (baseline, extended 12-bit,
+/// lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
+/// Table, one fragment per frame, or the codec's end marker.
+///
+/// Decoded samples are as stored, not rescaled: one sample per Bits Allocated container
+/// (1-bit data as one byte 0 or 1), unsigned or two's complement by Pixel Representation, the
+/// bits above Bits Stored cleared or sign-filled, interleaved by pixel, rows top-down.
+/// Colour comes as the codec gives it; get_frame_photometric() says what that is ("RGB" for a
+/// YBR_FULL_422 JPEG frame, "YBR_FULL" for expanded native YBR_FULL_422).
+///
+/// Memory: the object refers to the Pixel Data value inside the Dicom it was loaded from,
+/// which must outlive it unchanged; it copies nothing. Frames are decoded into a new owned
+/// image or into caller memory. Failure: load and decode return false and keep a one-line
+/// reason (get_error); a failed load leaves the object empty. No buffer is sized before the
+/// codec's own header agrees with the attributes, and no frame larger than the frame limit
+/// (FRAME_LIMIT bytes unless given) is accepted. Only allocation failure throws.
+/// Threads: one object belongs to one thread at a time (decode records its error).
+///
+///     quib::Dicom file;
+///     file.load(L"ct.dcm", quib::Dicom::READ_STANDARD);
+///     quib::DicomPixels pixels(file);
+///     quib::Image frame;
+///     if (!pixels.decode(0, frame)) std::puts(pixels.get_error().c_str());
+class QUIB_API DicomPixels {
+ public:
+  /// The default largest decoded frame, in bytes (1 GiB).
+  static constexpr std::uint64_t FRAME_LIMIT = std::uint64_t{1} << 30;
+
+  DicomPixels() = default;
+  /// Calls load(file).
+  explicit DicomPixels(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+  /// A loaded object; empty (with its error) when the file has no usable pixel module.
+  static DicomPixels create(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+
+  /// Reads the pixel module and locates every frame. False, with a reason and the object
+  /// emptied, when an attribute is missing or out of range, Pixel Data is absent, a frame
+  /// would exceed `frame_limit` bytes, native data is shorter than its frames, or the
+  /// fragments and offset tables do not locate every frame inside the data.
+  bool load(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+
+  bool is() const { return value != nullptr; }
+  bool empty() const { return value == nullptr; }
+  /// Back to the state of DicomPixels() (the error is kept).
+  void clear();
+  void swap(DicomPixels& other) noexcept;
+
+  int get_rows() const { return rows; }
+  int get_columns() const { return columns; }
+  int get_samples() const { return samples; }
+  int get_bits_allocated() const { return bits_allocated; }
+  int get_bits_stored() const { return bits_stored; }
+  int get_high_bit() const { return high_bit; }
+  /// 0 unsigned, 1 two's complement.
+  int get_pixel_representation() const { return pixel_representation; }
+  int get_planar_configuration() const { return planar_configuration; }
+  int get_frames() const { return frames; }
+  /// The Photometric Interpretation the file gives ("MONOCHROME2", "YBR_FULL_422", ...).
+  const std::string& get_photometric() const { return photometric; }
+  /// The photometric interpretation of decoded frames.
+  const std::string& get_frame_photometric() const { return frame_photometric; }
+  const std::string& get_transfer_syntax() const { return transfer_syntax; }
+  /// True when Pixel Data is encapsulated (compressed).
+  bool is_encapsulated() const { return !fragments.empty(); }
+
+  /// Pixel Spacing: distance between rows, then between columns (mm); NaN when absent.
+  std::array<double, 2> get_pixel_spacing() const { return pixel_spacing; }
+  /// Image Position (Patient) of the first frame; NaN when absent.
+  std::array<double, 3> get_position() const { return position; }
+  /// Image Orientation (Patient): the row direction, then the column direction; NaN when absent.
+  std::array<double, 6> get_orientation() const { return orientation; }
+  /// Slice Thickness (mm); NaN when absent.
+  double get_slice_thickness() const { return slice_thickness; }
+
+  /// Bytes of one decoded frame: rows * columns * samples * container bytes (1 for 1-bit data).
+  std::uint64_t get_frame_bytes() const;
+  /// The bytes per decoded sample: 1, 2 or 4.
+  int get_sample_bytes() const { return bits_allocated <= 8 ? 1 : bits_allocated / 8; }
+
+  /// Decodes frame `frame` (0-based) into a new owned image (8, 16 or 32 bits per sample,
+  /// grey for one sample, rgb for RGB, ycc for YBR). False with a reason when the frame does
+  /// not exist or cannot be decoded; `out` is then unchanged.
+  bool decode(int frame, Image& out) const;
+  /// The same into caller memory of `size` bytes, which must hold get_frame_bytes(). After a
+  /// failure the memory may hold part of the frame.
+  bool decode(int frame, void* out, std::uint64_t size) const;
+
+  /// The reason of the last failed load or decode; empty when none failed yet.
+  const std::string& get_error() const { return error; }
+
+ private:
+  bool fail(const std::string& reason) const;
+
+  const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom
+  int rows = 0, columns = 0, samples = 0, bits_allocated = 0, bits_stored = 0, high_bit = 0;
+  int pixel_representation = 0, planar_configuration = 0, frames = 0;
+  bool little = true;
+  std::string photometric, frame_photometric, transfer_syntax;
+  std::array<double, 2> pixel_spacing{};
+  std::array<double, 3> position{};
+  std::array<double, 6> orientation{};
+  double slice_thickness = 0;
+  // Encapsulated data: fragments as (offset in the value, size); frame k is the run of
+  // fragments from frame_first[k] to frame_first[k + 1].
+  std::vector<std::array<std::uint64_t, 2>> fragments;
+  std::vector<std::uint32_t> frame_first;
+  mutable std::string error;
+};
+
+inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
+  a.swap(b);
+}
+
+}  // namespace quib
