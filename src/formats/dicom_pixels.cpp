@@ -343,12 +343,17 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
   if (next.photometric.empty()) next.photometric = next.samples == 1 ? "MONOCHROME2" : "RGB";
   const bool ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
 
-  const auto frame_count = numbers(file, 0x0028, 0x0008);
-  double count = 1;
-  if (!frame_count.empty()) count = frame_count.size() == 1 ? frame_count[0] : kNaN;
-  if (!(count >= 1 && count <= double(std::numeric_limits<std::int32_t>::max())) ||
-      count != std::floor(count))
-    return refuse("Number of Frames is " + text(file, 0x0028, 0x0008));
+  // Number of Frames is an IS: digits with an optional sign, nothing else.
+  const std::string frame_text = text(file, 0x0028, 0x0008);
+  long long count = 1;
+  if (!frame_text.empty()) {
+    const char* first = frame_text.data() + (frame_text[0] == '+' ? 1 : 0);
+    const char* last = frame_text.data() + frame_text.size();
+    auto [p, ec] = std::from_chars(first, last, count);
+    if (ec != std::errc() || p != last) count = 0;
+  }
+  if (count < 1 || count > std::numeric_limits<std::int32_t>::max())
+    return refuse("Number of Frames is " + frame_text);
   next.frames = int(count);
 
   const std::uint64_t frame_bytes = next.get_frame_bytes();

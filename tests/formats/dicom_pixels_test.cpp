@@ -31,7 +31,8 @@ struct Native {
   int rows = 48, columns = 64, samples = 1, bits_allocated = 16, bits_stored = 16;
   int pixel_representation = 0, planar = 0, frames = 1;
   std::string photometric = "MONOCHROME2", syntax = kExplicit;
-  Bytes pixels;                                // as stored in the file
+  Bytes pixels;  // as stored in the file; the items of encapsulated data when `encapsulated`
+  bool encapsulated = false;
   std::map<std::uint32_t, std::string> extra;  // (group << 16 | number) -> "VR" + value
 
   // Stored samples of frame f (values in the low bits_allocated bits), before any padding.
@@ -67,7 +68,8 @@ struct Native {
     e[0x00280101] = us(bits_stored);
     e[0x00280102] = us(bits_stored - 1);
     e[0x00280103] = us(pixel_representation);
-    e[0x7FE00010] = (bits_allocated > 8 ? "OW" : "OB") + std::string(pixels.begin(), pixels.end());
+    e[0x7FE00010] = (bits_allocated > 8 && !encapsulated ? "OW" : "OB") +
+                    std::string(pixels.begin(), pixels.end());
     std::string out = std::string(128, '\0') + "DICM", meta;
     auto element = [](std::string& to, std::uint32_t tag, const std::string& vr_value, bool le,
                       bool implicit) {
@@ -81,6 +83,12 @@ struct Native {
       };
       const std::string vr = vr_value.substr(0, 2), value = vr_value.substr(2);
       u16(tag >> 16), u16(tag & 0xFFFF);
+      if (tag == 0x7FE00010 && vr == "OB" && le && !implicit && value.size() >= 4 &&
+          value.compare(0, 4, "\xFE\xFF\x00\xE0") == 0) {  // encapsulated: undefined length
+        to += vr, u16(0), u32(0xFFFFFFFFu), to += value;
+        u16(0xFFFE), u16(0xE0DD), u32(0);
+        return;
+      }
       if (implicit) {
         u32(std::uint32_t(value.size()));
       } else if (vr == "OB" || vr == "OW" || vr == "SQ" || vr == "UT" || vr == "OV") {
@@ -105,6 +113,44 @@ struct Native {
     return out;
   }
 };
+
+// The items of encapsulated pixel data: the Basic Offset Table, then the fragments.
+Bytes items(const std::vector<std::uint32_t>& table, const std::vector<Bytes>& fragments) {
+  Bytes out;
+  auto u32 = [&](std::uint32_t v) {
+    for (int b = 0; b < 4; ++b)
+      out.push_back((v >> (8 * b)) & 0xFF);
+  };
+  auto item = [&](std::uint32_t length) {
+    out.insert(out.end(), {0xFE, 0xFF, 0x00, 0xE0}), u32(length);
+  };
+  item(std::uint32_t(4 * table.size()));
+  for (std::uint32_t v : table)
+    u32(v);
+  for (const Bytes& f : fragments)
+    item(std::uint32_t(f.size())), out.insert(out.end(), f.begin(), f.end());
+  return out;
+}
+
+// An RLE frame of 8-bit samples: one segment per sample, written as literal runs.
+Bytes rle_frame(const Bytes& interleaved, int samples) {
+  Bytes out(64, 0);
+  out[0] = std::uint8_t(samples);
+  const std::size_t pixels = interleaved.size() / samples;
+  for (int s = 0; s < samples; ++s) {
+    const std::uint32_t at = std::uint32_t(out.size());
+    for (int b = 0; b < 4; ++b)
+      out[4 + 4 * s + b] = (at >> (8 * b)) & 0xFF;
+    for (std::size_t p = 0; p < pixels; p += 128) {
+      const std::size_t n = std::min<std::size_t>(128, pixels - p);
+      out.push_back(std::uint8_t(n - 1));
+      for (std::size_t i = 0; i < n; ++i)
+        out.push_back(interleaved[(p + i) * samples + s]);
+    }
+  }
+  if (out.size() % 2) out.push_back(0);
+  return out;
+}
 
 // A fresh directory under the system's temporary directory, removed with the object.
 struct TempDir {
@@ -386,6 +432,109 @@ TEST(DicomPixels, CompressedFramesMatchTheToolsOwnDecompression) {
         EXPECT_EQ(photometric, "RGB");
       }
     }
+  }
+}
+
+// Hostile and damaged files: each is refused with a reason, never read past its end, and no
+// buffer is sized from a claim the data cannot back.
+TEST(DicomPixels, RefusesFilesThatLie) {
+  TempDir dir;
+  auto refused = [&](const Native& n, const std::string& why) {
+    Dicom file;
+    EXPECT_TRUE(load(file, dir.write("bad.dcm", n.bytes())));
+    DicomPixels pixels;
+    EXPECT_FALSE(pixels.load(file)) << why;
+    EXPECT_TRUE(pixels.empty());
+    EXPECT_NE(pixels.get_error().find(why), std::string::npos) << pixels.get_error();
+  };
+  Native n = picture(16, 16, 1, 2);
+  n.frames = 3;
+  refused(n, "too few for 3 frames");
+  n = picture(8, 8, 1, 1);
+  n.rows = n.columns = 65535, n.samples = 3, n.bits_allocated = n.bits_stored = 16;
+  refused(n, "exceeds the limit");
+  for (int bits : {0, 7, 64}) {
+    n = picture(8, 8, 1, 1);
+    n.bits_allocated = bits;
+    refused(n, "Bits Allocated of " + std::to_string(bits));
+  }
+  for (const std::string frames : {"-1", "1e9", "two", "0"}) {
+    n = picture(8, 8, 1, 1);
+    n.extra[0x00280008] = "IS" + frames + (frames.size() % 2 ? " " : "");
+    refused(n, "Number of Frames is " + frames);
+  }
+  n = picture(8, 8, 1, 1);
+  n.rows = 0;
+  refused(n, "Rows or Columns");
+
+  // Encapsulated: fragments that lie, offset tables that point anywhere, too few fragments.
+  const Native plain = picture(8, 8, 1, 2);
+  const std::size_t frame_bytes = plain.pixels.size() / 2;
+  const Bytes f0(plain.pixels.begin(), plain.pixels.begin() + frame_bytes);
+  const Bytes f1(plain.pixels.begin() + frame_bytes, plain.pixels.end());
+  Native rle = plain;
+  rle.syntax = kRle, rle.encapsulated = true;
+  const Bytes r0 = rle_frame(f0, 1), r1 = rle_frame(f1, 1);
+  rle.pixels = items({0, std::uint32_t(8 + r0.size())}, {r0, r1});
+  EXPECT_EQ(frames_of(dir.write("rle.dcm", rle.bytes())), (std::vector<Bytes>{f0, f1}));
+  Native bad = rle;
+  bad.pixels = items({0, 12345}, {r0, r1});
+  refused(bad, "points to no fragment");
+  bad.pixels = items({0}, {r0, r1});
+  refused(bad, "Basic Offset Table lists 1 frames");
+  bad.pixels = items({}, {r0});
+  refused(bad, "1 fragments for 2 frames");
+  bad.pixels = items({}, {r0, r1, r1});
+  refused(bad, "no offset table");
+  bad.pixels = items({}, {r0, r1});
+  bad.pixels[bad.pixels.size() - r1.size() - 4] = 0x7F;  // the last fragment claims far more
+  refused(bad, "claims more bytes");
+  bad.pixels = items({}, {r0, r1});
+  bad.pixels[0] = 0x00;  // no item at all
+  refused(bad, "other than an item");
+
+  // Streams that disagree with the attributes or end early load, but their frames fail.
+  auto undecodable = [&](const Native& file, const std::string& why) {
+    Dicom d;
+    ASSERT_TRUE(load(d, dir.write("frame.dcm", file.bytes())));
+    DicomPixels pixels(d);
+    ASSERT_TRUE(pixels.is()) << pixels.get_error();
+    Bytes out(pixels.get_frame_bytes());
+    EXPECT_FALSE(pixels.decode(0, out.data(), out.size())) << why;
+    EXPECT_NE(pixels.get_error().find(why), std::string::npos) << pixels.get_error();
+    quib::Image image;
+    EXPECT_FALSE(pixels.decode(0, image));
+    EXPECT_TRUE(image.empty());
+  };
+  bad = rle;
+  Bytes cut(r0.begin(), r0.begin() + r0.size() / 2);
+  bad.pixels = items({}, {cut, r1});
+  undecodable(bad, "fewer bytes than the frame");
+  Bytes segments = r0;
+  segments[0] = 3;
+  bad.pixels = items({}, {segments, r1});
+  undecodable(bad, "3 segments");
+  Bytes outside = r0;
+  outside[5] = 0x7F;
+  bad.pixels = items({}, {outside, r1});
+  undecodable(bad, "outside the frame");
+  for (const std::string syntax :
+       {"1.2.840.10008.1.2.4.50", "1.2.840.10008.1.2.4.80", "1.2.840.10008.1.2.4.90"}) {
+    SCOPED_TRACE(syntax);
+    bad.syntax = syntax;
+    bad.pixels = items({}, {Bytes{0xFF, 0xD8, 0xFF, 0xD9}, r1});
+    undecodable(bad, "");
+  }
+  {
+    DicomPixels none;
+    Bytes out(16);
+    EXPECT_FALSE(none.decode(0, out.data(), out.size()));
+    Dicom d;
+    ASSERT_TRUE(load(d, dir.write("ok.dcm", plain.bytes())));
+    DicomPixels pixels(d);
+    EXPECT_FALSE(pixels.decode(2, out.data(), out.size()));
+    EXPECT_FALSE(pixels.decode(0, out.data(), out.size()));  // smaller than a frame
+    EXPECT_EQ(pixels.get_error(), "the buffer is smaller than a frame");
   }
 }
 
