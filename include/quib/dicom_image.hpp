@@ -103,6 +103,30 @@ class QUIB_API DicomPixels {
   /// failure the memory may hold part of the frame.
   bool decode(int frame, void* out, std::uint64_t size) const;
 
+  // Values for people.
+
+  /// Rescale Slope and Intercept (1 and 0 when absent): real value = stored * slope + intercept
+  /// (Hounsfield units for CT).
+  double get_rescale_slope() const { return rescale_slope; }
+  double get_rescale_intercept() const { return rescale_intercept; }
+  /// The Window Center / Width pairs the file offers, in its order (VOI LUT Function in
+  /// get_voi_function: "LINEAR" unless the file says "LINEAR_EXACT" or "SIGMOID").
+  const std::vector<std::array<double, 2>>& get_windows() const { return windows; }
+  const std::string& get_voi_function() const { return voi_function; }
+
+  /// Decodes a frame and rescales it to real values: one channel of 32-bit floats. False for
+  /// colour data, and as decode.
+  bool decode_values(int frame, Image& out) const;
+  /// The same rounded to 16-bit two's complement; false when a value falls outside
+  /// [-32768, 32767].
+  bool decode_values16(int frame, Image& out) const;
+  /// Decodes a frame for display, 8 bits per sample: grey data is rescaled, then windowed with
+  /// window `window` of get_windows() (or, when the file has none or `window` is -1, the
+  /// frame's own minimum and maximum), MONOCHROME1 inverted; colour data comes out as RGB
+  /// (YBR_FULL converted, PALETTE COLOR through its tables, 16-bit colour scaled to 8 bits).
+  /// False as decode, or when a palette is shorter than its descriptor says.
+  bool decode_display(int frame, Image& out, int window = 0) const;
+
   /// The reason of the last failed load or decode; empty when none failed yet.
   const std::string& get_error() const { return error; }
 
@@ -118,6 +142,13 @@ class QUIB_API DicomPixels {
   std::array<double, 3> position{};
   std::array<double, 6> orientation{};
   double slice_thickness = 0;
+  double rescale_slope = 1, rescale_intercept = 0;
+  std::vector<std::array<double, 2>> windows;
+  std::string voi_function;
+  // PALETTE COLOR: red, green and blue tables; each descriptor is entries, first mapped
+  // value, bits per entry (kept to report a table shorter than it claims).
+  std::array<std::array<int, 3>, 3> palette_descriptor{};
+  std::array<std::vector<std::uint16_t>, 3> palette;
   // Encapsulated data: fragments as (offset in the value, size); frame k is the run of
   // fragments from frame_first[k] to frame_first[k + 1].
   std::vector<std::array<std::uint64_t, 2>> fragments;

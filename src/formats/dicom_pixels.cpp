@@ -283,6 +283,12 @@ void DicomPixels::swap(DicomPixels& other) noexcept {
   std::swap(position, other.position);
   std::swap(orientation, other.orientation);
   std::swap(slice_thickness, other.slice_thickness);
+  std::swap(rescale_slope, other.rescale_slope);
+  std::swap(rescale_intercept, other.rescale_intercept);
+  windows.swap(other.windows);
+  voi_function.swap(other.voi_function);
+  std::swap(palette_descriptor, other.palette_descriptor);
+  palette.swap(other.palette);
   fragments.swap(other.fragments);
   frame_first.swap(other.frame_first);
   error.swap(other.error);
@@ -417,6 +423,28 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
   next.orientation = fixed<6>(file, 0x0020, 0x0037);
   const auto thickness = numbers(file, 0x0018, 0x0050);
   next.slice_thickness = thickness.size() == 1 ? thickness[0] : kNaN;
+
+  const auto slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
+  if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope = slope[0];
+  if (intercept.size() == 1 && std::isfinite(intercept[0])) next.rescale_intercept = intercept[0];
+  const auto centers = numbers(file, 0x0028, 0x1050), widths = numbers(file, 0x0028, 0x1051);
+  for (std::size_t i = 0; i < centers.size() && i < widths.size(); ++i)
+    if (std::isfinite(centers[i]) && std::isfinite(widths[i]) && widths[i] >= 1)
+      next.windows.push_back({centers[i], widths[i]});
+  next.voi_function = text(file, 0x0028, 0x1056);
+  if (next.voi_function != "LINEAR_EXACT" && next.voi_function != "SIGMOID")
+    next.voi_function = "LINEAR";
+  for (int c = 0; c < 3; ++c) {
+    const auto* descriptor = find(file, 0x0028, std::uint16_t(0x1101 + c));
+    const auto* data = find(file, 0x0028, std::uint16_t(0x1201 + c));
+    if (!descriptor || descriptor->size() != 6) continue;
+    for (int i = 0; i < 3; ++i)
+      next.palette_descriptor[c][i] =
+          detail::load<std::uint16_t>(descriptor->data() + 2 * i, next.little);
+    if (data)
+      for (std::size_t i = 0; i + 1 < data->size(); i += 2)
+        next.palette[c].push_back(detail::load<std::uint16_t>(data->data() + i, next.little));
+  }
   next.value = pixel_data;
   swap(next);
   return true;

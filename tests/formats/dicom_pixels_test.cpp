@@ -538,4 +538,97 @@ TEST(DicomPixels, RefusesFilesThatLie) {
   }
 }
 
+// Display values against dcmtk's dcmj2pnm on the same files: rescale, windows, MONOCHROME1,
+// YBR_FULL and PALETTE COLOR.
+Bytes pnm_samples(const std::string& path) {
+  std::istringstream in(slurp(path));
+  std::string magic;
+  int width = 0, height = 0, top = 0;
+  in >> magic >> width >> height >> top;
+  in.get();
+  const std::size_t n = std::size_t(width) * height * (magic == "P6" ? 3 : 1);
+  Bytes out(n);
+  in.read(reinterpret_cast<char*>(out.data()), std::streamsize(n));
+  return out;
+}
+
+TEST(DicomPixels, DisplayValuesMatchDcmj2pnm) {
+  const bool dcmtk = have("dcmj2pnm");
+  TempDir dir;
+  // dcmtk converts YBR with integer arithmetic: its RGB may differ from ours by 2.
+  auto display = [&](const Native& n, int window, const std::string& options, const char* name,
+                     int tolerance = 1) {
+    SCOPED_TRACE(name);
+    const std::string path = dir.write(std::string(name) + ".dcm", n.bytes());
+    Dicom file;
+    ASSERT_TRUE(load(file, path));
+    DicomPixels pixels(file);
+    ASSERT_TRUE(pixels.is()) << pixels.get_error();
+    quib::Image ours;
+    ASSERT_TRUE(pixels.decode_display(0, ours, window)) << pixels.get_error();
+    if (!dcmtk) return;
+    ASSERT_EQ(run("dcmj2pnm " + options + " +op " + path + " " + path + ".pnm").rfind("failed", 0),
+              std::string::npos);
+    const Bytes theirs = pnm_samples(path + ".pnm");
+    const Bytes mine(ours.getBuffer(), ours.getBuffer() + ours.getBufferSize());
+    EXPECT_LE(largest_difference(mine, theirs, 1), tolerance);
+  };
+
+  // CT: signed stored values, Hounsfield units through slope and intercept, two windows.
+  Native ct = picture(16, 12, 1, 1, true);
+  ct.extra[0x00281050] = "DS40\\300";
+  ct.extra[0x00281051] = "DS400\\1500";
+  ct.extra[0x00281052] = "DS-1024 ";
+  ct.extra[0x00281053] = "DS2 ";
+  display(ct, 0, "+Wi 1", "ct_soft");
+  display(ct, 1, "+Wi 2", "ct_bone");
+  {
+    Dicom file;
+    ASSERT_TRUE(load(file, dir.write("ct.dcm", ct.bytes())));
+    DicomPixels pixels(file);
+    EXPECT_EQ(pixels.get_windows().size(), 2u);
+    quib::Image values, values16, raw;
+    ASSERT_TRUE(pixels.decode_values(0, values));
+    ASSERT_TRUE(pixels.decode_values16(0, values16));
+    ASSERT_TRUE(pixels.decode(0, raw));
+    for (int i : {0, 77, 1000}) {
+      std::int16_t stored, hu16;
+      float hu;
+      std::memcpy(&stored, raw.getBuffer() + 2 * i, 2);
+      std::memcpy(&hu16, values16.getBuffer() + 2 * i, 2);
+      std::memcpy(&hu, values.getBuffer() + 4 * i, 4);
+      EXPECT_EQ(hu, float(2 * stored - 1024));
+      EXPECT_EQ(hu16, 2 * stored - 1024);
+    }
+  }
+  Native inverted = ct;
+  inverted.photometric = "MONOCHROME1";
+  display(inverted, 0, "+Wi 1", "mono1");
+
+  Native ybr = picture(8, 8, 3, 1);
+  ybr.photometric = "YBR_FULL";
+  display(ybr, 0, "", "ybr_full", 2);
+
+  Native palette = picture(8, 8, 1, 1);
+  palette.photometric = "PALETTE COLOR";
+  std::string red, green, blue;
+  for (int i = 0; i < 256; ++i) {
+    auto word = [](int v) { return std::string{char(v & 0xFF), char(v >> 8)}; };
+    red += word(i * 257), green += word((255 - i) * 257), blue += word(((i * 7) & 255) * 257);
+  }
+  const std::string descriptor = std::string("US") + std::string("\0\1\0\0\x10\0", 6);
+  palette.extra[0x00281101] = palette.extra[0x00281102] = palette.extra[0x00281103] = descriptor;
+  palette.extra[0x00281201] = "OW" + red;
+  palette.extra[0x00281202] = "OW" + green;
+  palette.extra[0x00281203] = "OW" + blue;
+  display(palette, 0, "", "palette");
+  palette.extra[0x00281203] = "OW" + blue.substr(0, 100);
+  Dicom file;
+  ASSERT_TRUE(load(file, dir.write("short.dcm", palette.bytes())));
+  DicomPixels pixels(file);
+  quib::Image image;
+  EXPECT_FALSE(pixels.decode_display(0, image));
+  EXPECT_EQ(pixels.get_error(), "palette shorter than its descriptor, or missing");
+}
+
 }  // namespace
