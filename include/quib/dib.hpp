@@ -5,6 +5,7 @@
 #include <quib/image.hpp>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <ios>
 #include <memory>
@@ -77,11 +78,17 @@ class QUIB_API Dib {
  public:
   /// Nothing open.
   Dib();
-  /// Opens an existing bitmap file for reading and updating.
+  /// Opens an existing bitmap file for reading and updating. A narrow path is the file
+  /// system's own name (UTF-8 bytes here).
   explicit Dib(std::string const& path);
+  /// As above for a wide path. A path holding an unpaired surrogate names no file: it fails
+  /// like a missing one, and no other file is opened in its place.
+  explicit Dib(std::wstring const& path);
   /// Creates a new file (or reopens an existing bitmap) for writing rows. A negative height
   /// makes a top-down file.
   Dib(std::string const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
+      int colorCount, Palette const& palette);
+  Dib(std::wstring const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
       int colorCount, Palette const& palette);
   Dib(Dib const&) = default;
   Dib& operator=(Dib const&) = default;
@@ -92,6 +99,10 @@ class QUIB_API Dib {
   /// Creates or reopens a file for writing; true when the stream is good.
   bool create(std::string const& path, int width, int height, int xDpi, int yDpi, int bits,
               int align, int colorCount, Palette const& palette);
+  /// The same for wide paths; path() then holds the path in UTF-8.
+  bool create(std::wstring const& path);
+  bool create(std::wstring const& path, int width, int height, int xDpi, int yDpi, int bits,
+              int align, int colorCount, Palette const& palette);
   void swap(Dib& other) noexcept;
   /// Releases this handle (the file closes when no copy shares it).
   void close();
@@ -100,6 +111,7 @@ class QUIB_API Dib {
   explicit operator bool() const { return !fail(); }
   /// Sets the stream's exception mask; the end-of-file bit is always taken out of it.
   void exceptions(std::ios_base::iostate mask);
+  /// The path given when opening (UTF-8 for a wide path); empty after a failure.
   std::string path() const { return filePath; }
 
   int getWidth() const { return width; }
@@ -137,6 +149,9 @@ class QUIB_API Dib {
   int write(int index, unsigned char const* buffer, int bytes);
 
  private:
+  void open(std::filesystem::path const& native);
+  void open(std::filesystem::path const& native, int width, int height, int xDpi, int yDpi,
+            int bits, int align, int colorCount, Palette const& palette);
   bool readHeaders(bool keepGeometry);
   void refuse();
   int rowsAt(int cursor, int rows) const;

@@ -45,9 +45,9 @@ namespace sha256 {
 QUIB_API bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in);
 /// The digest of the string's bytes as 64 lower-case hexadecimal digits; empty on failure.
 QUIB_API std::string compute(std::string const& in);
-/// The digest of the string encoded as UTF-8, as 64 lower-case hexadecimal digits; empty on
-/// failure. A surrogate pair is encoded as the character it stands for; a lone surrogate or a
-/// value that is no character is encoded as U+FFFD.
+/// The digest of the string's UTF-8 bytes exactly as convert::to_string gives them, as 64
+/// lower-case hexadecimal digits; empty on failure. A surrogate pair is the character it stands
+/// for; an unpaired surrogate or a value that is no character is hashed as U+FFFD.
 QUIB_API std::wstring compute(std::wstring const& in);
 
 }  // namespace sha256
@@ -73,9 +73,6 @@ class QUIB_API DigestEngine {
 /// line, and turned into false.
 QUIB_API bool run_sha256(DigestEngine& engine, std::vector<unsigned char>& out,
                          unsigned char const* data, std::size_t size);
-
-/// The wide string as UTF-8 (see sha256::compute for the treatment of surrogates).
-QUIB_API std::string to_utf8(std::wstring const& in);
 
 }  // namespace detail
 }  // namespace quib

@@ -25,7 +25,7 @@ namespace quib {
 /// One object belongs to one thread at a time; distinct objects may be used in parallel.
 ///
 ///     quib::Projection camera({640, 480}, 2.0, 1.5);      // fx = 320, fy = 320, centred
-///     camera.save_setup("camera.yml");
+///     if (!camera.save_setup("camera.yml")) return;
 ///     quib::Projection later;
 ///     if (later.load_setup("camera.yml")) later.undistort(points, normalised);
 class QUIB_API Projection {
@@ -147,18 +147,28 @@ class QUIB_API Projection {
   void undistort(Image const& src, Image& dst) const;
   void undistort(Image& img) const;
 
-  /// Reads a camera file (XML or YAML). Its "format" must be exactly "camera.projection";
-  /// the four matrices must be double matrices with at least 9, 4, 3 and 3 elements.
-  /// YAML must be one mapping with its keys in column 0, as save_setup writes it; gzip files
-  /// and files over a megabyte are refused. On any failure the object is reset and false is
-  /// returned; never throws, never logs.
-  bool load_setup(std::string const& path);
+  /// Reads a camera file as save_setup writes it: YAML, XML or JSON, told by the text itself.
+  /// Its "format" must be exactly "camera.projection", "image_width" and "image_height" plain
+  /// integers (absent ones read as 0), and the four matrices double matrices of at least 9, 4,
+  /// 3 and 3 elements whose rows times columns equal their element count. The reader is the
+  /// library's own, strict about the shapes the writer makes: a YAML file is one block mapping
+  /// with its keys in column 0 and each matrix an indented mapping (tag "!!opencv-matrix")
+  /// whose data is a flow sequence; an XML file has one "opencv_storage" element; keys given
+  /// twice, anchors, aliases, nested collections and control bytes are refused. Folders,
+  /// devices, gzip files and files over a megabyte are refused too. On any failure the object
+  /// is reset and false is returned; never throws, never logs.
+  [[nodiscard]] bool load_setup(std::string const& path);
+  /// The same for a wide path; a path holding an unpaired surrogate names no file and fails.
+  [[nodiscard]] bool load_setup(std::wstring const& path);
   /// Writes the camera file with the tag "camera.projection"; the syntax follows the file
-  /// name (".xml", ".yml", ...). False only when the storage throws: a file that cannot be
-  /// opened is not detected.
-  bool save_setup(std::string const& path) const;
+  /// name (".xml", ".yml", ".json"), doubles in full precision. False only when the storage
+  /// throws: a file that cannot be opened is not detected.
+  [[nodiscard]] bool save_setup(std::string const& path) const;
+  /// The same for a wide path; a path holding an unpaired surrogate writes nothing and fails.
+  [[nodiscard]] bool save_setup(std::wstring const& path) const;
   /// The same with another "format" tag (such a file is not loadable by load_setup).
-  bool save_setup(std::string const& path, std::string const& format) const;
+  [[nodiscard]] bool save_setup(std::string const& path, std::string const& format) const;
+  [[nodiscard]] bool save_setup(std::wstring const& path, std::string const& format) const;
 
  private:
   extent_type size;

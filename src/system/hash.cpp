@@ -93,17 +93,6 @@ bool run_sha256(DigestEngine& engine, std::vector<unsigned char>& out, unsigned 
   }
 }
 
-std::string to_utf8(std::wstring const& in) {
-  // Surrogate pairs are joined whatever the width of wchar_t; lone surrogates and values
-  // beyond U+10FFFF become U+FFFD.
-  std::string out;
-  out.reserve(in.size());
-  const std::wstring_view view(in);
-  for (std::size_t i = 0; i < view.size(); ++i)
-    append_utf8(out, join_surrogates(view, i));
-  return out;
-}
-
 }  // namespace detail
 
 namespace hash {
@@ -160,7 +149,8 @@ std::string compute(std::string const& in) {
 }
 
 std::wstring compute(std::wstring const& in) {
-  std::string const utf8 = detail::to_utf8(in);
+  // The same bytes as convert::to_string gives: unpaired surrogates become U+FFFD.
+  std::string const utf8 = *detail::utf8_from_wide(in, detail::on_invalid::replace);
   std::vector<unsigned char> digest;
   if (!sha256_bytes(digest, reinterpret_cast<unsigned char const*>(utf8.data()), utf8.size())) {
     return {};

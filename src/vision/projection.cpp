@@ -1,4 +1,7 @@
+#include <quib/convert.hpp>
 #include <quib/projection.hpp>
+
+#include "vision/camera_file.hpp"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/persistence.hpp>
@@ -7,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <utility>
 
 namespace quib {
@@ -25,30 +29,6 @@ cv::Mat header(int rows, int cols, double const* data) {
   return cv::Mat(rows, cols, CV_64F, const_cast<double*>(data));
 }
 
-// Reads the first N values of a double matrix node. Everything about the node is checked
-// before OpenCV is asked to materialise it, so a lying rows/cols pair cannot make it
-// allocate more than the node's data holds.
-template <std::size_t N>
-bool read_matrix(cv::FileNode const& node, double (&out)[N]) {
-  if (!node.isMap()) return false;
-  cv::FileNode const rows = node["rows"];
-  cv::FileNode const cols = node["cols"];
-  cv::FileNode const dt = node["dt"];
-  cv::FileNode const data = node["data"];
-  if (!rows.isInt() || !cols.isInt() || !dt.isString() || !data.isSeq()) return false;
-  if (dt.string() != "d") return false;  // only double elements
-  const std::int64_t r = static_cast<int>(rows);
-  const std::int64_t c = static_cast<int>(cols);
-  if (r <= 0 || c <= 0 || r * c != static_cast<std::int64_t>(data.size())) return false;
-  if (r * c < static_cast<std::int64_t>(N)) return false;
-  cv::Mat m;
-  node >> m;
-  if (m.type() != CV_64FC1 || !m.isContinuous() || m.total() < N) return false;
-  double const* p = m.ptr<double>();
-  std::copy(p, p + N, std::begin(out));
-  return true;
-}
-
 // Reads a whole regular file into memory; a camera file is well under 2 KB, so anything
 // over a megabyte is refused rather than read. Directories, pipes and devices are refused
 // too, so the reader never waits or logs about them.
@@ -63,60 +43,14 @@ bool read_text(std::string const& path, std::string& text) {
   return !in.bad() && text.size() <= (1u << 20);
 }
 
-// OpenCV's YAML reader loops forever when, after the first collection, it looks for the next
-// document and finds a '-' that does not start "---". A camera file is one block mapping
-// whose keys start in column 0, so YAML text (anything not XML or JSON) is accepted only in
-// that shape: directives and one "---" before the first key, no second document marker, and
-// no column-0 line that starts a sequence or a flow collection. The mapping then runs to the
-// end of the text, and the reader never goes looking for another document.
-bool safe_for_reader(std::string const& text) {
-  // A camera file is plain text; OpenCV's XML reader dereferences null on embedded NUL and
-  // other control bytes, so they never reach it.
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
-  }
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string::npos) return false;
-  if (text[first] == '<' || text[first] == '{') return true;  // XML or JSON
-  bool marker = false;
-  bool started = false;
-  std::size_t at = 0;
-  while (at < text.size()) {
-    std::size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    const std::string line = text.substr(at, end - at);
-    at = end + 1;
-    const std::size_t p = line.find_first_not_of(" \t\r");
-    if (p == std::string::npos || line[p] == '#') continue;
-    if (p == 0 && (line.compare(0, 3, "---") == 0 || line.compare(0, 3, "...") == 0)) {
-      const std::size_t rest = line.find_first_not_of(" \t\r", 3);
-      if (started || marker || line[0] == '.' || (rest != std::string::npos && line[rest] != '#')) {
-        return false;
-      }
-      marker = true;
-      continue;
-    }
-    if (p == 0 && line[0] == '%' && !started && !marker) continue;  // a directive
-    if (p == 0) {
-      if (line[0] == '-' || line[0] == '[' || line[0] == '{') return false;
-      started = true;
-    } else if (!started) {
-      return false;  // indented content before the first key
-    }
-  }
-  return started;
-}
-
-// Reads an optional integer: absent gives 0, any other node type fails.
-bool read_int(cv::FileNode const& node, int& out) {
-  if (node.empty() || node.isNone()) {
-    out = 0;
-    return true;
-  }
-  if (!node.isInt()) return false;
-  out = static_cast<int>(node);
-  return true;
+// The file system's name for a wide path, or nothing when the path holds something that is no
+// character (an unpaired surrogate, a value past U+10FFFF): such a name names no file. The
+// conversion replaces exactly those with U+FFFD, so they are the names that do not survive
+// the round trip.
+std::optional<std::string> native_name(std::wstring const& wide) {
+  std::string narrow = convert::to_string(wide);
+  if (convert::to_wstring(narrow) != wide) return std::nullopt;
+  return narrow;
 }
 
 // A cv::Mat header over an image's pixels; 16-bit images are one 16-bit channel. An image
@@ -324,31 +258,38 @@ void Projection::undistort(Image& img) const {
 bool Projection::load_setup(std::string const& path) {
   try {
     std::string text;
-    cv::FileStorage fs;
-    if (read_text(path, text) && safe_for_reader(text) &&
-        fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY, "")) {
-      Projection loaded;
-      cv::FileNode const format = fs["format"];
-      if (format.isString() && format.string() == kFormatTag &&
-          read_int(fs["image_width"], loaded.size.cx) &&
-          read_int(fs["image_height"], loaded.size.cy) &&
-          read_matrix(fs["camera_matrix"], loaded.matrix) &&
-          read_matrix(fs["distortion_coefficients"], loaded.distortion) &&
-          read_matrix(fs["rotation_coefficients"], loaded.rotation) &&
-          read_matrix(fs["translation_coefficients"], loaded.translation)) {
-        *this = loaded;
-        return true;
-      }
+    Info loaded{};
+    if (read_text(path, text) && detail::read_camera_file(text, loaded)) {
+      *this = Projection(loaded);
+      return true;
     }
   } catch (...) {
-    // a garbled file is a failed load like any other
+    // allocation failure while reading: a failed load like any other
   }
   reset();
   return false;
 }
 
+bool Projection::load_setup(std::wstring const& path) {
+  const std::optional<std::string> name = native_name(path);
+  if (!name) {
+    reset();
+    return false;
+  }
+  return load_setup(*name);
+}
+
 bool Projection::save_setup(std::string const& path) const {
   return save_setup(path, kFormatTag);
+}
+
+bool Projection::save_setup(std::wstring const& path) const {
+  return save_setup(path, kFormatTag);
+}
+
+bool Projection::save_setup(std::wstring const& path, std::string const& format) const {
+  const std::optional<std::string> name = native_name(path);
+  return name && save_setup(*name, format);
 }
 
 bool Projection::save_setup(std::string const& path, std::string const& format) const {

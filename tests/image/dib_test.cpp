@@ -436,6 +436,32 @@ TEST_F(DibFiles, CreateChecksThePathFirst) {
   EXPECT_FALSE(bad.create(file("bad.bmp"), 4, 4, 96, 96, 8, 0, 1, quib::Palette()));
 }
 
+TEST_F(DibFiles, WidePathsNameFilesAndRefuseUnpairedSurrogates) {
+  // A name beyond ASCII reaches the file system as its UTF-8 bytes.
+  const std::wstring wide = dir.wstring() + L"/bild-\u00E4\U0001F600.bmp";
+  {
+    quib::Dib out(wide, 4, 2, 96, 96, 8, 4, 1, quib::Palette());
+    ASSERT_TRUE(out);
+    const Bytes rows(8, 1);
+    EXPECT_EQ(out.write(rows.data(), 8), 8);
+    EXPECT_EQ(out.path(), file("bild-\xC3\xA4\xF0\x9F\x98\x80.bmp"));
+  }
+  EXPECT_TRUE(fs::exists(file("bild-\xC3\xA4\xF0\x9F\x98\x80.bmp")));
+  quib::Dib in;
+  EXPECT_TRUE(in.create(wide));
+  EXPECT_EQ(in.getWidth(), 4);
+
+  // An unpaired surrogate names no file, even when "\uFFFD" would name one that exists.
+  writeFile("\xEF\xBF\xBD.bmp", makeBmp(BmpLayout{}));
+  const std::wstring lone = dir.wstring() + L"/" + wchar_t(0xD800) + L".bmp";
+  EXPECT_TRUE(quib::Dib(lone).fail());
+  EXPECT_FALSE(in.create(lone));
+  quib::Dib out(lone, 4, 2, 96, 96, 8, 4, 1, quib::Palette());
+  EXPECT_TRUE(out.fail());
+  EXPECT_TRUE(out.path().empty());
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 2);
+}
+
 TEST_F(DibFiles, CopiesShareTheFileAndCloseReleases) {
   const std::string path = writeFile("s.bmp", makeBmp(BmpLayout{}));
   quib::Dib a(path);
