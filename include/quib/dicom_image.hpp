@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -157,6 +158,76 @@ class QUIB_API DicomPixels {
 };
 
 inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
+  a.swap(b);
+}
+
+/// A 3-D volume read from a DICOM series: the slices of one Series Instance UID, ordered along
+/// the normal of their Image Orientation (Patient) by Image Position (Patient), or the frames
+/// of one multi-frame file. Samples run x fastest (along a row), then y (down the columns),
+/// then slices; spacing, origin (the centre of the first voxel) and direction are in patient
+/// millimetres. Values are the decoded samples (type by Bits Allocated and Pixel
+/// Representation) or, rescaled, 32-bit floats of slope * stored + intercept, slice by slice.
+///
+/// Memory: the voxels are one buffer, allocated once when every slice has been checked;
+/// copies share it. Files are read twice (once for their attributes, once to decode them into
+/// the buffer), so no slice is held twice. Failure: load returns false with a reason (no
+/// image in the files, slices that differ in size, orientation or pixel format, two slices
+/// at one position, uneven spacing, a frame that does not decode) and leaves the object
+/// empty. Threads: one object belongs to one thread at a time.
+///
+///     quib::DicomVolume volume;
+///     if (volume.load(L"/data/ct-series", true))
+///       std::printf("%d x %d x %d\n", volume.get_width(), volume.get_height(),
+///       volume.get_depth());
+class QUIB_API DicomVolume {
+ public:
+  DicomVolume() = default;
+
+  /// Reads a folder (every file in it, not its sub-folders) or one file. `series` picks a
+  /// Series Instance UID; empty takes the series with the most images.
+  bool load(const std::wstring& path, bool rescaled = false, const std::string& series = {});
+  /// Reads the given files, as above.
+  bool load(const std::vector<std::wstring>& files, bool rescaled = false,
+            const std::string& series = {});
+
+  bool is() const { return data != nullptr; }
+  bool empty() const { return data == nullptr; }
+  /// Back to the state of DicomVolume() (the error is kept).
+  void clear();
+  void swap(DicomVolume& other) noexcept;
+
+  int get_width() const { return size[0]; }
+  int get_height() const { return size[1]; }
+  int get_depth() const { return size[2]; }
+  /// Samples per voxel (1, or 3 for colour).
+  int get_samples() const { return samples; }
+  /// Voxel spacing along x, y and z (mm).
+  std::array<double, 3> get_spacing() const { return spacing; }
+  /// The patient position of the first voxel (mm).
+  std::array<double, 3> get_origin() const { return origin; }
+  /// The x, y and z axes as unit vectors in patient space, one after the other.
+  std::array<double, 9> get_direction() const { return direction; }
+  /// "uint8", "int8", "uint16", "int16", "uint32", "int32" or "float32".
+  const std::string& get_sample_type() const { return sample_type; }
+  int get_sample_bytes() const { return sample_bytes; }
+  /// The Series Instance UID read.
+  const std::string& get_series() const { return series_uid; }
+  /// The voxels, and their number of bytes.
+  const unsigned char* get_data() const { return data.get(); }
+  unsigned char* get_data() { return data.get(); }
+  std::uint64_t get_bytes() const;
+  const std::string& get_error() const { return error; }
+
+ private:
+  std::shared_ptr<unsigned char[]> data;
+  std::array<int, 3> size{};
+  int samples = 0, sample_bytes = 0;
+  std::array<double, 3> spacing{}, origin{};
+  std::array<double, 9> direction{};
+  std::string sample_type, series_uid, error;
+};
+
+inline void swap(DicomVolume& a, DicomVolume& b) noexcept {
   a.swap(b);
 }
 

@@ -631,4 +631,108 @@ TEST(DicomPixels, DisplayValuesMatchDcmj2pnm) {
   EXPECT_EQ(pixels.get_error(), "palette shorter than its descriptor, or missing");
 }
 
+// Series as volumes: slices found in a folder in any order come out sorted along the normal,
+// with the geometry of the series; what cannot form a volume is refused with its reason.
+TEST(DicomVolume, OrdersSlicesAlongTheNormalAndChecksTheSeries) {
+  TempDir dir;
+  const fs::path folder = dir.path / "series";
+  auto ds = [](std::vector<double> v) {
+    std::ostringstream out;
+    out.precision(12);
+    for (std::size_t i = 0; i < v.size(); ++i)
+      out << (i ? "\\" : "") << v[i];
+    std::string s = out.str();
+    if (s.size() % 2) s += ' ';
+    return "DS" + s;
+  };
+  // An oblique series: rows along (1, 1, 0)/sqrt2, columns along z; the normal is (1, -1, 0)/sqrt2.
+  const double r = std::sqrt(0.5);
+  auto slice = [&](int k, double gap, const std::string& uid) {
+    Native n = picture(16, 12, 1, 1, true);
+    for (std::size_t i = 0; i < n.pixels.size(); i += 2)
+      n.pixels[i] = std::uint8_t(k);  // slice k is told apart by its low bytes
+    n.extra[0x0020000E] = "UI" + uid;
+    const double along = k * gap;
+    n.extra[0x00200032] = ds({10 + along * r, 20 - along * r, 30});
+    n.extra[0x00200037] = ds({r, r, 0, 0, 0, 1});
+    n.extra[0x00280030] = ds({0.5, 0.25});
+    n.extra[0x00281052] = ds({-1024});
+    n.extra[0x00281053] = ds({1});
+    return n;
+  };
+  auto write_series = [&](int count, double gap, const std::string& uid,
+                          const std::string& prefix) {
+    fs::create_directories(folder);
+    for (int k = 0; k < count; ++k)  // names in the reverse order of positions
+      std::ofstream(folder / (prefix + std::to_string(100 - k)), std::ios::binary)
+          << slice(k, gap, uid).bytes();
+  };
+  write_series(5, 2.5, "1.2.3.4", "a");
+  write_series(2, 1.0, "1.2.3.5", "b");  // a smaller series beside it
+  std::ofstream(folder / "notes.txt") << "not a DICOM file";
+
+  const std::wstring where = folder.wstring();
+  quib::DicomVolume volume;
+  ASSERT_TRUE(volume.load(where)) << volume.get_error();
+  EXPECT_EQ(volume.get_series(), "1.2.3.4");
+  EXPECT_EQ(volume.get_width(), 64);
+  EXPECT_EQ(volume.get_height(), 48);
+  EXPECT_EQ(volume.get_depth(), 5);
+  EXPECT_EQ(volume.get_sample_type(), "int16");
+  EXPECT_NEAR(volume.get_spacing()[0], 0.25, 1e-9);
+  EXPECT_NEAR(volume.get_spacing()[1], 0.5, 1e-9);
+  EXPECT_NEAR(volume.get_spacing()[2], 2.5, 1e-9);
+  EXPECT_NEAR(volume.get_origin()[0], 10, 1e-9);
+  EXPECT_NEAR(volume.get_origin()[1], 20, 1e-9);
+  const auto direction = volume.get_direction();
+  EXPECT_NEAR(direction[6], r, 1e-9);
+  EXPECT_NEAR(direction[7], -r, 1e-9);
+  const std::size_t slice_bytes = 64 * 48 * 2;
+  ASSERT_EQ(volume.get_bytes(), 5 * slice_bytes);
+  for (int k = 0; k < 5; ++k)
+    EXPECT_EQ(volume.get_data()[k * slice_bytes + 64], k) << "slice " << k;
+
+  ASSERT_TRUE(volume.load(where, true, "1.2.3.5")) << volume.get_error();
+  EXPECT_EQ(volume.get_sample_type(), "float32");
+  EXPECT_EQ(volume.get_depth(), 2);
+  float hu;
+  std::int16_t stored;
+  std::memcpy(&hu, volume.get_data() + 4 * 70, 4);
+  std::memcpy(&stored, slice(0, 1, "x").pixels.data() + 2 * 70, 2);
+  stored = std::int16_t(stored << 4) >> 4;
+  EXPECT_EQ(hu, float(stored - 1024));
+
+  // Refusals, each with its reason; a failed load leaves the volume empty.
+  auto refused = [&](const std::string& why) {
+    EXPECT_FALSE(volume.load(where)) << why;
+    EXPECT_TRUE(volume.empty());
+    EXPECT_NE(volume.get_error().find(why), std::string::npos) << volume.get_error();
+  };
+  std::ofstream(folder / "a99", std::ios::binary)
+      << slice(4, 2.5, "1.2.3.4").bytes();  // a copy of one slice
+  refused("same position");
+  std::ofstream(folder / "a99", std::ios::binary) << slice(9, 2.5, "1.2.3.4").bytes();  // a gap
+  refused("uneven slice spacing");
+  Native other = slice(5, 2.5, "1.2.3.4");
+  other.columns = 32, other.pixels.resize(other.pixels.size() / 2);
+  std::ofstream(folder / "a99", std::ios::binary) << other.bytes();
+  refused("differ in size");
+  other = slice(5, 2.5, "1.2.3.4");
+  other.extra[0x00200037] = ds({1, 0, 0, 0, 1, 0});
+  std::ofstream(folder / "a99", std::ios::binary) << other.bytes();
+  refused("orientation");
+  EXPECT_FALSE(volume.load(dir.path.wstring() + L"/nothing-here"));
+  EXPECT_FALSE(volume.load(where, false, "9.9"));
+  EXPECT_EQ(volume.get_error(), "no image of series 9.9");
+
+  // One multi-frame file is a volume of its frames, spaced by Spacing Between Slices.
+  Native frames = picture(16, 16, 1, 4);
+  frames.extra[0x00180088] = ds({3});
+  const std::string multi = dir.write("multi.dcm", frames.bytes());
+  ASSERT_TRUE(volume.load(std::wstring(multi.begin(), multi.end()))) << volume.get_error();
+  EXPECT_EQ(volume.get_depth(), 4);
+  EXPECT_EQ(volume.get_spacing()[2], 3);
+  EXPECT_EQ(Bytes(volume.get_data(), volume.get_data() + volume.get_bytes()), frames.pixels);
+}
+
 }  // namespace
