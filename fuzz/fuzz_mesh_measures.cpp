@@ -94,8 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (bool changed = true; changed;) {
     changed = false;
     for (auto const& t : measured) {
-      const int low = std::min({part[std::size_t(t[0])], part[std::size_t(t[1])],
-                                part[std::size_t(t[2])]});
+      const int low =
+          std::min({part[std::size_t(t[0])], part[std::size_t(t[1])], part[std::size_t(t[2])]});
       for (int i : t)
         if (part[std::size_t(i)] != low) part[std::size_t(i)] = low, changed = true;
     }
