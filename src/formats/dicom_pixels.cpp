@@ -230,20 +230,35 @@ std::array<double, N> fixed(const Dicom& file, std::uint16_t group, std::uint16_
   return out;
 }
 
-// Clears the bits above `bits` of each sample, or copies the sign bit into them.
+// Copies `count` samples from `in` to `out` (which may be the same memory), clearing the bits
+// above `bits` of each, or copying the sign bit into them: one pass, as fast as a copy.
 template <class T>
-void fit_samples(unsigned char* data, std::size_t count, int bits, bool is_signed) {
+void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bits,
+                 bool is_signed) {
   using U = std::make_unsigned_t<T>;
   const int shift = int(8 * sizeof(T)) - bits;
   for (std::size_t i = 0; i < count; ++i) {
     U v;
-    std::memcpy(&v, data + i * sizeof(T), sizeof(T));
+    std::memcpy(&v, in + i * sizeof(T), sizeof(T));
     if (is_signed) {
       v = U(T(U(v << shift)) >> shift);
     } else {
       v = U(U(v << shift) >> shift);
     }
-    std::memcpy(data + i * sizeof(T), &v, sizeof(T));
+    std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+  }
+}
+
+void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bytes,
+                 int bits, bool is_signed) {
+  if (bits >= 8 * bytes) {
+    if (in != out) std::memcpy(out, in, count * std::size_t(bytes));
+  } else if (bytes == 1) {
+    fit_samples<std::int8_t>(in, out, count, bits, is_signed);
+  } else if (bytes == 2) {
+    fit_samples<std::int16_t>(in, out, count, bits, is_signed);
+  } else {
+    fit_samples<std::int32_t>(in, out, count, bits, is_signed);
   }
 }
 
@@ -495,6 +510,10 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     }
     const unsigned char* in = data + std::size_t(frame) * std::size_t(frame_bytes);
     const bool swap = little != detail::kHostLittle && bytes > 1;
+    if (planar_configuration == 0 && !swap) {  // the common case: one pass
+      fit_samples(in, out, count, bytes, bits_stored, pixel_representation == 1);
+      return true;
+    }
     if (planar_configuration == 1) {
       for (std::size_t c = 0; c < std::size_t(samples); ++c)
         for (std::size_t p = 0; p < pixels; ++p)
@@ -546,12 +565,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     if (!result.ok) return fail("frame " + std::to_string(frame) + ": " + result.error);
   }
 
-  if (bits_stored < 8 * bytes) {
-    const bool is_signed = pixel_representation == 1;
-    if (bytes == 1) fit_samples<std::int8_t>(out, count, bits_stored, is_signed);
-    if (bytes == 2) fit_samples<std::int16_t>(out, count, bits_stored, is_signed);
-    if (bytes == 4) fit_samples<std::int32_t>(out, count, bits_stored, is_signed);
-  }
+  fit_samples(out, out, count, bytes, bits_stored, pixel_representation == 1);
   return true;
 }
 
