@@ -132,6 +132,9 @@ class QUIB_API DicomPixels {
   const std::string& get_error() const { return error; }
 
  private:
+  friend class DicomVolume;
+  // With `with_pixels` false, only the attributes are read (the object stays empty).
+  bool load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels);
   bool fail(const std::string& reason) const;
 
   const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom

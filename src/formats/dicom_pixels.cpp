@@ -320,6 +320,10 @@ std::uint64_t DicomPixels::get_frame_bytes() const {
 }
 
 bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
+  return load(file, frame_limit, true);
+}
+
+bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels) {
   clear();
   DicomPixels next;
   auto refuse = [&](const std::string& reason) {
@@ -332,7 +336,8 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
     return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
   next.little = codec != codec_t::big_endian;
   const auto* pixel_data = find(file, 0x7FE0, 0x0010);
-  if (!pixel_data || pixel_data->empty()) return refuse("the file has no pixel data");
+  if (with_pixels && (!pixel_data || pixel_data->empty()))
+    return refuse("the file has no pixel data");
 
   next.rows = us(file, 0x0028, 0x0010, next.little);
   next.columns = us(file, 0x0028, 0x0011, next.little);
@@ -383,8 +388,19 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
                   std::to_string(frame_limit));
 
   next.frame_photometric = next.photometric;
-  const std::uint64_t size = pixel_data->size();
-  if (codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian) {
+  const bool native =
+      codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian;
+  const std::string& uid = next.transfer_syntax;
+  const bool lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
+  if (native && ybr422) next.frame_photometric = "YBR_FULL";
+  if (next.samples == 3 &&
+      ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
+       (codec == codec_t::j2k && (next.photometric == "YBR_RCT" || next.photometric == "YBR_ICT"))))
+    next.frame_photometric = "RGB";
+  if (!with_pixels) {
+    // Attributes only (the first look at a series' files).
+  } else if (native) {
+    const std::uint64_t size = pixel_data->size();
     // What one frame occupies in the file, in bits.
     std::uint64_t stored = frame_bytes * 8;
     if (next.bits_allocated == 1) stored = std::uint64_t(next.rows) * next.columns * next.samples;
@@ -392,7 +408,6 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
       if (next.bits_allocated != 8 || next.columns % 2 != 0)
         return refuse("uncompressed YBR_FULL_422 needs 8 bits and an even width");
       stored = std::uint64_t(next.rows) * next.columns * 2 * 8;
-      next.frame_photometric = "YBR_FULL";
     }
     if (std::uint64_t(next.frames) > size * 8 / stored)
       return refuse("pixel data holds " + std::to_string(size) + " bytes, too few for " +
@@ -424,13 +439,6 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
         next.fragments.push_back({std::uint64_t(f.data - pixel_data->data()), f.size});
     }
     next.frame_first.push_back(std::uint32_t(next.fragments.size()));
-    const std::string& uid = next.transfer_syntax;
-    const bool lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
-    if (next.samples == 3 &&
-        ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
-         (codec == codec_t::j2k &&
-          (next.photometric == "YBR_RCT" || next.photometric == "YBR_ICT"))))
-      next.frame_photometric = "RGB";
   }
 
   next.pixel_spacing = fixed<2>(file, 0x0028, 0x0030);
@@ -460,7 +468,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
       for (std::size_t i = 0; i + 1 < data->size(); i += 2)
         next.palette[c].push_back(detail::load<std::uint16_t>(data->data() + i, next.little));
   }
-  next.value = pixel_data;
+  next.value = with_pixels ? pixel_data : nullptr;
   swap(next);
   return true;
 }

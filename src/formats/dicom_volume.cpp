@@ -7,7 +7,9 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
 
 namespace quib {
 
@@ -40,6 +42,21 @@ std::string text_of(const Dicom& file, std::uint16_t group, std::uint16_t number
 
 bool load_file(Dicom& file, const std::wstring& path) {
   return file.load(path) > 0;
+}
+
+// The attributes of a file without its pixels: the elements in its first 64 KiB (reading ends
+// inside Pixel Data), or the whole file when they do not reach Rows.
+bool load_head(Dicom& file, const std::wstring& path) {
+  const auto native = detail::native_path(path);
+  if (!native) return false;
+  std::ifstream in(*native, std::ios::binary);
+  std::string head(std::size_t{64} << 10, '\0');
+  in.read(head.data(), std::streamsize(head.size()));
+  head.resize(std::size_t(in.gcount()));
+  const bool whole = in.eof();
+  std::istringstream prefix(head);
+  if (file.load(prefix) > 0 && file->count(dicom::tag_key(0x0028, 0x0010))) return true;
+  return !whole && load_file(file, path);
 }
 
 bool same_format(const slice_t& a, const slice_t& b) {
@@ -114,9 +131,9 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   std::string last_reason;
   for (const std::wstring& path : files) {
     Dicom file;
-    if (!load_file(file, path)) continue;
-    DicomPixels pixels(file);
-    if (pixels.empty()) {
+    if (!load_head(file, path)) continue;
+    DicomPixels pixels;
+    if (!pixels.load(file, DicomPixels::FRAME_LIMIT, false)) {
       last_reason = pixels.get_error();
       continue;
     }
@@ -211,8 +228,8 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
     Dicom file;
     if (!load_file(file, s.path)) return refuse("a file of the series can no longer be read");
     DicomPixels pixels(file);
-    slice_t again;
-    if (pixels.empty() || pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
+    if (pixels.empty()) return refuse(pixels.get_error());
+    if (pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
         pixels.get_frames() != s.frames || pixels.get_bits_allocated() != s.bits_allocated)
       return refuse("a file of the series changed while it was read");
     for (int f = 0; f < s.frames; ++f, ++k) {
