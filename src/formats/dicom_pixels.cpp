@@ -297,6 +297,7 @@ void DicomPixels::swap(DicomPixels& other) noexcept {
   std::swap(pixel_spacing, other.pixel_spacing);
   std::swap(position, other.position);
   std::swap(orientation, other.orientation);
+  frame_positions.swap(other.frame_positions);
   std::swap(slice_thickness, other.slice_thickness);
   std::swap(rescale_slope, other.rescale_slope);
   std::swap(rescale_intercept, other.rescale_intercept);
