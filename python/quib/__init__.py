@@ -8,65 +8,47 @@ parallel. Failures raise quib.Error subclasses that also are FileNotFoundError /
 OSError (see quib.errors). ``quib.batch`` holds pure per-file functions for Dask and friends.
 """
 from collections.abc import Mapping as _Mapping
-import struct as _struct
 
 from . import errors
 from .errors import (ArgumentError, Error, FormatError, IsADirectoryError, NotFoundError,
                      WriteError)
-from ._quib import (Bitmap, Camera, Circle, Image, Line, Mesh, Plane, Polynomial, Sphere,
+from ._quib import (Bitmap, Camera, Sha256, Volume, mesh_measures, read_volume, Circle, Image, Line, Mesh, Plane, Polynomial, Sphere,
                     add_sharp_number, add_suffix_number, fit_circle, fit_line, fit_plane,
                     fit_polynomial, fit_sphere, get_sharp_number, get_suffix_number, hash64,
                     ransac_plane, read_bmp, read_camera, read_stl, sha256, sub_sharp_number,
                     sub_suffix_number, write_bmp, write_stl)
 from . import _quib
-from ._keywords import KEYWORDS as _KEYWORDS
 
 __version__ = "0.1.0"
 
-_TEXT_VRS = {"AE", "AS", "CS", "DA", "DT", "LO", "LT", "PN", "SH", "ST", "TM", "UC", "UI",
-             "UR", "UT"}
-_SINGLE_TEXT_VRS = {"LT", "ST", "UT", "UR"}
-_NUMBER_VRS = {"US": "H", "SS": "h", "UL": "I", "SL": "i", "FL": "f", "FD": "d", "UV": "Q",
-               "SV": "q"}
-_BIG_ENDIAN_SYNTAX = "1.2.840.10008.1.2.2"
-
-
-def _tag(key):
-    if isinstance(key, str):
-        try:
-            return _KEYWORDS[key]
-        except KeyError:
-            raise KeyError(key) from None
-    if isinstance(key, tuple) and len(key) == 2:
-        return (int(key[0]) << 16) | int(key[1])
-    return int(key)
 
 
 class DicomFile(_Mapping):
-    """A DICOM file read into its element table: a read-only mapping by keyword ("PatientName")
-    or by tag (0x00100010, or (0x0010, 0x0010)) to typed values.
+    """A DICOM file read with the standard reading (as DICOM toolkits read files): a read-only
+    mapping by keyword ("PatientName"), by tag (0x00100010, or (0x0010, 0x0010)) or by tag text
+    ("0010,0010") to typed values.
 
-    Numbers (US, SS, UL, SL, FL, FD, UV, SV) come in the file's byte order as int / float, or a
-    list when there are several; DS and IS as float / int; text VRs as str, trimmed, split at
-    backslashes into a list when multi-valued; anything else as bytes. The VR is the data
-    dictionary's. ``raw(key)`` gives the stored bytes, ``vr(key)`` and ``name(key)`` the
-    dictionary's VR and name. Iteration yields tags in ascending order. Attribute access works
-    too: ``ds.PatientName``.
+    Values as their VR says: US SS UL SL UV SV IS as int, FL FD DS as float (a list when there
+    are several; None when empty); text as str decoded under the file's Specific Character Set
+    (a list when several); a sequence as a list of DicomFile items; anything else as bytes.
+    ``raw(key)`` gives the stored bytes, ``vr(key)`` the VR the element was read with,
+    ``keyword(key)`` and ``name(key)`` the dictionary's. Iteration yields tags in ascending
+    order. ``ds.PatientName`` works too. ``complete`` says whether reading reached the end of
+    the file (``stop_offset`` is where it stopped). ``pixels(frame=0)`` decodes one frame into
+    an array (rows, columns[, samples]) of the stored samples; ``values`` rescales it to
+    float32 real values, ``display`` windows it to uint8. Pixel failures raise quib.FormatError.
     """
 
-    def __init__(self, table, path):
+    def __init__(self, table):
         self._table = table
         self._tags = table.tags()
-        self.filename = path
-        syntax = table.raw(0x00020010)
-        self._little = syntax is None or syntax.rstrip(b"\0 ").decode("ascii", "replace") != _BIG_ENDIAN_SYNTAX
+
+    @property
+    def filename(self):
+        return self._table.path
 
     def __getitem__(self, key):
-        tag = _tag(key)
-        raw = self._table.raw(tag)
-        if raw is None:
-            raise KeyError(key)
-        return self._decode(tag, raw)
+        return self._table.value(key)
 
     def __iter__(self):
         return iter(self._tags)
@@ -75,71 +57,74 @@ class DicomFile(_Mapping):
         return len(self._tags)
 
     def __contains__(self, key):
-        try:
-            return self._table.raw(_tag(key)) is not None
-        except (KeyError, TypeError, ValueError):
-            return False
+        return self._table.has(key)
 
     def __getattr__(self, name):
-        if name.startswith("_") or name not in _KEYWORDS:
+        if name.startswith("_") or not name[:1].isupper():
             raise AttributeError(name)
         try:
-            return self[name]
+            return self._table.value(name)
         except KeyError:
             raise AttributeError(name) from None
 
     def raw(self, key):
         """The value's bytes exactly as stored."""
-        raw = self._table.raw(_tag(key))
-        if raw is None:
-            raise KeyError(key)
-        return raw
+        return self._table.raw(key)
 
     def vr(self, key):
-        return _quib._DicomTable.vr(_tag(key))
+        return self._table.vr(key)
+
+    def keyword(self, key):
+        return self._table.keyword(key)
 
     def name(self, key):
-        return _quib._DicomTable.name(_tag(key))
+        return self._table.name(key)
+
+    @property
+    def complete(self):
+        return self._table.complete
+
+    @property
+    def stop_offset(self):
+        return self._table.stop_offset
+
+    @property
+    def transfer_syntax(self):
+        return self._table.transfer_syntax
+
+    def pixels(self, frame=0):
+        """Frame `frame` (0-based) as an array of the decoded samples, not rescaled."""
+        return self._table.pixels(frame)
+
+    def pixel_info(self):
+        """rows, columns, samples, bits, photometric (as decoded), frames and rescale."""
+        return self._table.pixel_info()
+
+    def values(self, frame=0):
+        """Frame `frame` rescaled to real values (Hounsfield units for CT), float32."""
+        return self._table.values(frame)
+
+    def display(self, frame=0, window=0):
+        """Frame `frame` for display: windowed to uint8 (RGB for colour)."""
+        return self._table.display(frame, window)
 
     def __repr__(self):
         return f"<quib.DicomFile {self.filename!r}, {len(self)} elements>"
 
-    def _decode(self, tag, raw):
-        vr = _quib._DicomTable.vr(tag)
-        little = self._little or (tag >> 16) == 0x0002
-        if vr in _NUMBER_VRS:
-            code = _NUMBER_VRS[vr]
-            size = _struct.calcsize(code)
-            n = len(raw) // size
-            values = list(_struct.unpack(("<" if little else ">") + code * n, raw[: n * size]))
-            return values[0] if n == 1 else values
-        if vr in _TEXT_VRS or vr in ("DS", "IS"):
-            text = raw.decode("latin-1").rstrip("\0 ")
-            parts = [text] if vr in _SINGLE_TEXT_VRS else [p.strip() for p in text.split("\\")]
-            if vr in ("DS", "IS"):
-                convert = float if vr == "DS" else int
-                try:
-                    parts = [convert(p) for p in parts if p]
-                except ValueError:
-                    pass
-            if not parts:
-                return ""
-            return parts[0] if len(parts) == 1 else parts
-        return raw
 
-
-def read_dicom(path):
-    """Reads a DICOM file into a DicomFile mapping. Raises FileNotFoundError, IsADirectoryError
-    or quib.FormatError (not a DICOM file). Releases the GIL while reading.
+def read_dicom(path, classic=False):
+    """Reads a DICOM file into a DicomFile mapping (``classic=True``: the library's classic walk).
+    Raises FileNotFoundError, IsADirectoryError or quib.FormatError (not a DICOM file).
+    Releases the GIL while reading.
 
         >>> ds = quib.read_dicom("ct.dcm")
-        >>> ds["PatientName"], ds[0x00280010]
+        >>> ds["PatientName"], ds[0x00280010], ds.pixels().shape
     """
-    return DicomFile(_quib._read_dicom_table(path), str(path))
+    return DicomFile(_quib._read_dicom(path, classic))
 
 
 __all__ = [
-    "ArgumentError", "Bitmap", "Camera", "Circle", "DicomFile", "Error", "FormatError",
+    "ArgumentError", "Bitmap", "Sha256", "Volume", "mesh_measures", "read_volume", "Camera", "Circle", "DicomFile", "Error", "FormatError",
     "Image", "IsADirectoryError", "Line", "Mesh", "NotFoundError", "Plane", "Polynomial",
     "Sphere", "WriteError", "add_sharp_number", "add_suffix_number", "errors", "fit_circle",
     "fit_line", "fit_plane", "fit_polynomial", "fit_sphere", "get_sharp_number",

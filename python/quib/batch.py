@@ -58,26 +58,26 @@ _DICOM_FIELDS = ("Modality", "PatientName", "StudyInstanceUID", "SeriesInstanceU
 
 
 def dicom_report(path):
-    """Reads a DICOM file and reports its geometry fields and the statistics of its native
-    16-bit or 8-bit pixel data (min, max, mean), when it has such."""
+    """Reads a DICOM file and reports its geometry fields and the statistics of its first
+    frame's real values (rescaled: Hounsfield units for CT), when it has pixels."""
     try:
         ds = read_dicom(path)
     except (Error, OSError) as e:
         return _failure(path, e)
-    out = {"path": str(path), "elements": len(ds)}
+    out = {"path": str(path), "elements": len(ds), "complete": ds.complete}
     for key in _DICOM_FIELDS:
         if key in ds:
             value = ds[key]
             out[key] = value if not isinstance(value, bytes) else value.hex()
-    if "PixelData" in ds and "BitsAllocated" in ds and ds["BitsAllocated"] in (8, 16):
-        raw = ds.raw("PixelData")
-        dtype = _np.uint8 if ds["BitsAllocated"] == 8 else _np.dtype("<u2")
-        if ds["BitsAllocated"] == 16 and ds.get("PixelRepresentation") == 1:
-            dtype = _np.dtype("<i2")
-        pixels = _np.frombuffer(raw, dtype, len(raw) // _np.dtype(dtype).itemsize)
-        if pixels.size:
-            out["pixels"] = {"min": int(pixels.min()), "max": int(pixels.max()),
-                             "mean": float(pixels.mean())}
+    if "PixelData" in ds:
+        try:
+            info = ds.pixel_info()
+            values = ds.values() if info["samples"] == 1 else ds.pixels()
+        except Error as e:
+            out["pixels"] = {"error": e.reason}
+        else:
+            out["pixels"] = {"frames": info["frames"], "min": float(values.min()),
+                             "max": float(values.max()), "mean": float(values.mean())}
     return out
 
 

@@ -6,6 +6,8 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <quib/image.hpp>
+
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
@@ -77,6 +79,9 @@ std::vector<Point> points_of(py::handle points, char const* what) {
 
 /// An optional weight array of length N as a vector; empty when `weights` is None.
 std::vector<double> weights_of(py::handle weights, py::ssize_t count);
+
+/// A NumPy array over the pixels of an image the library made; the array keeps them alive.
+py::array image_array(Image&& image);
 
 void bind_errors(py::module_& m);
 void bind_image(py::module_& m);

@@ -2,6 +2,8 @@
 #include "common.hpp"
 
 #include <quib/dicom.hpp>
+#include <quib/dicom_image.hpp>
+#include <quib/mesh_measures.hpp>
 #include <quib/stl.hpp>
 
 #include <algorithm>
@@ -112,21 +114,191 @@ void save_stl(PyMesh const& mesh, std::filesystem::path const& path, bool ascii,
     throw Failure{Failure::write, path.string(), "the STL file could not be written"};
 }
 
-/// A DICOM file read into its element table (the module's half of quib.read_dicom).
+/// A DICOM file read with the standard reading, and the pixel module found in it (made on
+/// first use; it refers to the Pixel Data inside `dicom`, whose address never changes).
 struct PyDicom {
   Dicom dicom;
+  std::string path;
+  std::unique_ptr<DicomPixels> pixels;
 };
 
-PyDicom read_dicom_table(std::filesystem::path const& path) {
+PyDicom read_dicom(std::filesystem::path const& path, bool classic) {
   PyDicom d;
-  if (d.dicom.load(wide(path)) < 0)
+  d.path = path.string();
+  if (d.dicom.load(wide(path), classic ? Dicom::READ_CLASSIC : Dicom::READ_STANDARD) < 0)
     fail_read(path, "not a DICOM file (no 128-byte preamble followed by \"DICM\")");
   return d;
 }
 
-/// The tag as pydicom and every DICOM text writes it: group in the high 16 bits.
-std::uint32_t python_tag(std::uint32_t key) {
-  return (key << 16) | (key >> 16);
+/// The tag as pydicom and every DICOM text writes it (group in the high 16 bits) and the
+/// library's table key (group in the low 16 bits): the same swap both ways.
+std::uint32_t swap_halves(std::uint32_t v) {
+  return (v << 16) | (v >> 16);
+}
+
+/// A key given from Python: a keyword or tag text, an int 0xGGGGEEEE, or (group, number).
+Dicom::Tag tag_of(py::handle key) {
+  if (py::isinstance<py::str>(key)) {
+    Dicom::Tag t(key.cast<std::string>());
+    if (t.empty()) throw py::key_error(key.cast<std::string>());
+    return t;
+  }
+  if (py::isinstance<py::tuple>(key) && py::len(key) == 2) {
+    py::tuple t = key.cast<py::tuple>();
+    return Dicom::Tag(t[0].cast<std::uint16_t>(), t[1].cast<std::uint16_t>());
+  }
+  return Dicom::Tag(swap_halves(key.cast<std::uint32_t>()));
+}
+
+std::string vr_text(std::uint16_t type) {
+  if (!type) return std::string();
+  return std::string{static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
+}
+
+template <class T>
+py::object one_or_list(std::vector<T> const& v) {
+  if (v.empty()) return py::none();
+  if (v.size() == 1) return py::cast(v.front());
+  return py::cast(v);
+}
+
+py::object value_of(PyDicom const& d, Dicom::Tag tag);
+
+py::object wrap_items(PyDicom const& d, Dicom::Tag tag) {
+  std::vector<Dicom> items;
+  if (d.dicom.read_items(tag, items) < 0) return py::none();
+  py::list out;
+  for (Dicom& item : items) {
+    auto sub = std::make_unique<PyDicom>();
+    sub->dicom = std::move(item);
+    sub->path = d.path;
+    out.append(py::module_::import("quib").attr("DicomFile")(py::cast(std::move(sub))));
+  }
+  return out;
+}
+
+/// The value as its VR says: int / float (a list when several), str (a list when several),
+/// a list of DicomFile items for a sequence, bytes for anything else.
+py::object value_of(PyDicom const& d, Dicom::Tag tag) {
+  Dicom const& f = d.dicom;
+  const std::vector<unsigned char>* raw = f.find(tag);
+  if (!raw) throw py::key_error(std::to_string(swap_halves(tag.get_key())));
+  const std::string vr = vr_text(f.get_type(tag));
+  auto is = [&vr](std::initializer_list<char const*> set) {
+    for (char const* s : set)
+      if (vr == s) return true;
+    return false;
+  };
+  if (is({"US", "SS", "UL", "SL", "UV", "SV", "IS"})) {
+    std::vector<std::int64_t> v;
+    if (f.get_integers(tag, v) >= 0) return one_or_list(v);
+  } else if (is({"FL", "FD", "DS"})) {
+    std::vector<double> v;
+    if (f.get_numbers(tag, v) >= 0) return one_or_list(v);
+  } else if (vr == "AT") {
+    std::vector<std::uint32_t> v;
+    if (f.get_tags(tag, v) >= 0) {
+      for (auto& t : v)
+        t = swap_halves(t);
+      return one_or_list(v);
+    }
+  } else if (vr == "SQ") {
+    return wrap_items(d, tag);
+  } else if (is({"AE", "AS", "CS", "DA", "DT", "LO", "PN", "SH", "TM", "UC", "UI"})) {
+    std::vector<std::string> v;
+    if (f.get_strings(tag, v) >= 0) return v.empty() ? py::str("") : one_or_list(v);
+  } else if (is({"LT", "ST", "UT", "UR"})) {
+    std::string text;
+    if (f.get_text(tag, text) >= 0) return py::str(text);
+  }
+  return py::bytes(reinterpret_cast<char const*>(raw->data()), raw->size());
+}
+
+DicomPixels& pixels_of(PyDicom& d) {
+  if (!d.pixels) {
+    auto p = std::make_unique<DicomPixels>();
+    if (!p->load(d.dicom))
+      throw Failure{Failure::format, d.path, "no decodable pixel data: " + p->get_error()};
+    d.pixels = std::move(p);
+  }
+  return *d.pixels;
+}
+
+py::dtype sample_dtype(int bytes, bool is_signed) {
+  switch (bytes) {
+    case 1:
+      return is_signed ? py::dtype::of<std::int8_t>() : py::dtype::of<std::uint8_t>();
+    case 2:
+      return is_signed ? py::dtype::of<std::int16_t>() : py::dtype::of<std::uint16_t>();
+    default:
+      return is_signed ? py::dtype::of<std::int32_t>() : py::dtype::of<std::uint32_t>();
+  }
+}
+
+/// Frame `frame` decoded straight into a new array (rows, columns[, samples]).
+py::array decode_frame(PyDicom& d, int frame) {
+  DicomPixels& p = pixels_of(d);
+  if (frame < 0 || frame >= p.get_frames())
+    throw py::index_error("frame " + std::to_string(frame) + " of " +
+                          std::to_string(p.get_frames()));
+  std::vector<py::ssize_t> shape{p.get_rows(), p.get_columns()};
+  // Expanded YBR_FULL_422 and colour data come as three samples per pixel.
+  const std::uint64_t pixels = std::uint64_t(p.get_rows()) * std::uint64_t(p.get_columns());
+  const std::uint64_t bytes = p.get_frame_bytes();
+  const int sample_bytes = p.get_sample_bytes();
+  const std::uint64_t samples = pixels ? bytes / (pixels * std::uint64_t(sample_bytes)) : 1;
+  if (samples > 1) shape.push_back(static_cast<py::ssize_t>(samples));
+  py::array out(sample_dtype(sample_bytes, p.get_pixel_representation() == 1), shape);
+  bool ok;
+  {
+    py::gil_scoped_release release;
+    ok = p.decode(frame, out.mutable_data(), bytes);
+  }
+  if (!ok)
+    throw Failure{Failure::format, d.path, "frame " + std::to_string(frame) + ": " + p.get_error()};
+  return out;
+}
+
+py::array_t<double> doubles(double const* v, std::size_t n) {
+  return py::array_t<double>(static_cast<py::ssize_t>(n), v);
+}
+
+/// A DICOM series or multi-frame file as one volume.
+struct PyVolume {
+  DicomVolume volume;
+};
+
+PyVolume read_volume(py::handle source, bool rescaled, std::string const& series) {
+  PyVolume v;
+  bool ok;
+  std::string what;
+  if (py::isinstance<py::str>(source) || py::hasattr(source, "__fspath__") ||
+      py::isinstance<py::bytes>(source)) {
+    auto path = source.cast<std::filesystem::path>();
+    what = path.string();
+    std::error_code ec;
+    if (!std::filesystem::exists(path, ec)) fail_read(path, "");
+    py::gil_scoped_release release;
+    ok = v.volume.load(wide(path), rescaled, series);
+  } else {
+    std::vector<std::wstring> files;
+    for (py::handle f : source)
+      files.push_back(wide(f.cast<std::filesystem::path>()));
+    what = std::to_string(files.size()) + " files";
+    py::gil_scoped_release release;
+    ok = v.volume.load(files, rescaled, series);
+  }
+  if (!ok) throw Failure{Failure::format, what, "no volume: " + v.volume.get_error()};
+  return v;
+}
+
+py::object volume_array(py::object self) {
+  PyVolume& v = self.cast<PyVolume&>();
+  DicomVolume& vol = v.volume;
+  std::vector<py::ssize_t> shape{vol.get_depth(), vol.get_height(), vol.get_width()};
+  if (vol.get_samples() > 1) shape.push_back(vol.get_samples());
+  py::dtype dtype(vol.get_sample_type());
+  return py::array(dtype, shape, {}, vol.get_data(), self);
 }
 
 }  // namespace
@@ -172,42 +344,177 @@ FileNotFoundError, IsADirectoryError or quib.FormatError (a ValueError). Release
       py::arg("path"), py::arg("points"), py::arg("triangles"), py::arg("ascii") = false,
       py::arg("precision") = 6, "Writes (P, 3) points and (T, 3) triangles as an STL file.");
 
-  py::class_<PyDicom>(m, "_DicomTable")
+  py::class_<PyDicom>(m, "_Dicom")
       .def("tags",
            [](PyDicom const& d) {
              std::vector<std::uint32_t> tags;
-             tags.reserve(d.dicom->size());
-             for (auto const& e : *d.dicom)
-               tags.push_back(python_tag(e.first));
+             for (auto const& e : d.dicom.get_entries())
+               tags.push_back(swap_halves(e.key));
              std::sort(tags.begin(), tags.end());
              return tags;
            })
-      .def("raw",
-           [](PyDicom const& d, std::uint32_t tag) -> py::object {
-             auto it = d.dicom->find(python_tag(tag));
-             if (it == d.dicom->end()) return py::none();
-             return py::bytes(reinterpret_cast<char const*>(it->second.data()), it->second.size());
+      .def("has",
+           [](PyDicom const& d, py::handle key) {
+             try {
+               return d.dicom.find(tag_of(key)) != nullptr;
+             } catch (py::error_already_set&) {
+               return false;
+             } catch (py::key_error&) {
+               return false;
+             } catch (py::cast_error&) {
+               return false;
+             }
            })
-      .def_static(
-          "vr",
-          [](std::uint32_t tag) {
-            const auto group = static_cast<std::uint16_t>(tag >> 16),
-                       number = static_cast<std::uint16_t>(tag);
-            std::uint16_t type = 0;
-            if (auto const* row = dicom::find_set(group, number))
-              type = row->type;
-            else if (auto const* row2 = dicom::find_map(group, number))
-              type = row2->type;
-            if (!type) return std::string();
-            return std::string{static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
-          })
-      .def_static("name", [](std::uint32_t tag) {
-        return Dicom::Data(static_cast<std::uint16_t>(tag >> 16), static_cast<std::uint16_t>(tag),
-                           0)
-            .get_name();
-      });
-  m.def("_read_dicom_table", &read_dicom_table, py::arg("path"),
+      .def("value", [](PyDicom const& d, py::handle key) { return value_of(d, tag_of(key)); })
+      .def("raw",
+           [](PyDicom const& d, py::handle key) {
+             const Dicom::Tag tag = tag_of(key);
+             auto const* raw = d.dicom.find(tag);
+             if (!raw) throw py::key_error(std::to_string(swap_halves(tag.get_key())));
+             return py::bytes(reinterpret_cast<char const*>(raw->data()), raw->size());
+           })
+      .def("vr",
+           [](PyDicom const& d, py::handle key) { return vr_text(d.dicom.get_type(tag_of(key))); })
+      .def("keyword",
+           [](PyDicom const&, py::handle key) {
+             const Dicom::Tag tag = tag_of(key);
+             return std::string(dicom::get_keyword(
+                 Dicom::Data(tag.get_group(), tag.get_number(), 0).get_element()));
+           })
+      .def("name",
+           [](PyDicom const&, py::handle key) {
+             const Dicom::Tag tag = tag_of(key);
+             return Dicom::Data(tag.get_group(), tag.get_number(), 0).get_name();
+           })
+      .def_property_readonly("complete", [](PyDicom const& d) { return d.dicom.is_complete(); })
+      .def_property_readonly("stop_offset",
+                             [](PyDicom const& d) { return d.dicom.get_stop_offset(); })
+      .def_property_readonly("transfer_syntax",
+                             [](PyDicom const& d) { return d.dicom.get_info().syntax; })
+      .def_property_readonly("path", [](PyDicom const& d) { return d.path; })
+      .def("pixels", &decode_frame, py::arg("frame") = 0)
+      .def("pixel_info",
+           [](PyDicom& d) {
+             DicomPixels& p = pixels_of(d);
+             py::dict out;
+             out["rows"] = p.get_rows();
+             out["columns"] = p.get_columns();
+             out["samples"] = p.get_samples();
+             out["bits_allocated"] = p.get_bits_allocated();
+             out["bits_stored"] = p.get_bits_stored();
+             out["pixel_representation"] = p.get_pixel_representation();
+             out["photometric"] = p.get_frame_photometric();
+             out["frames"] = p.get_frames();
+             out["rescale"] = py::make_tuple(p.get_rescale_slope(), p.get_rescale_intercept());
+             return out;
+           })
+      .def(
+          "values",
+          [](PyDicom& d, int frame) {
+            DicomPixels& p = pixels_of(d);
+            Image image;
+            bool ok;
+            {
+              py::gil_scoped_release release;
+              ok = p.decode_values(frame, image);
+            }
+            if (!ok)
+              throw Failure{Failure::format, d.path,
+                            "frame " + std::to_string(frame) + ": " + p.get_error()};
+            return image_array(std::move(image));
+          },
+          py::arg("frame") = 0)
+      .def(
+          "display",
+          [](PyDicom& d, int frame, int window) {
+            DicomPixels& p = pixels_of(d);
+            Image image;
+            bool ok;
+            {
+              py::gil_scoped_release release;
+              ok = p.decode_display(frame, image, window);
+            }
+            if (!ok)
+              throw Failure{Failure::format, d.path,
+                            "frame " + std::to_string(frame) + ": " + p.get_error()};
+            return image_array(std::move(image));
+          },
+          py::arg("frame") = 0, py::arg("window") = 0);
+  m.def("_read_dicom", &read_dicom, py::arg("path"), py::arg("classic") = false,
         py::call_guard<py::gil_scoped_release>());
+
+  py::class_<PyVolume>(m, "Volume", R"doc(
+A DICOM series (or multi-frame file) as one volume: ``array`` is (slices, rows, columns) over the
+volume's own buffer (no copy; it keeps the volume alive), with ``spacing`` (x, y, z mm),
+``origin`` (the first voxel's centre) and ``direction`` (3x3, rows are the x, y, z axes in
+patient space). Made by quib.read_volume.
+)doc")
+      .def_property_readonly("array", &volume_array)
+      .def_property_readonly("spacing",
+                             [](PyVolume const& v) {
+                               auto a = v.volume.get_spacing();
+                               return doubles(a.data(), 3);
+                             })
+      .def_property_readonly("origin",
+                             [](PyVolume const& v) {
+                               auto a = v.volume.get_origin();
+                               return doubles(a.data(), 3);
+                             })
+      .def_property_readonly("direction",
+                             [](PyVolume const& v) {
+                               auto a = v.volume.get_direction();
+                               return doubles(a.data(), 9).attr("reshape")(3, 3);
+                             })
+      .def_property_readonly("series", [](PyVolume const& v) { return v.volume.get_series(); });
+  m.def("read_volume", &read_volume, py::arg("source"), py::arg("rescaled") = false,
+        py::arg("series") = "",
+        R"doc(
+Reads a DICOM series from a folder, one multi-frame file, or a list of files into a Volume:
+slices of one Series Instance UID (``series``, or the one with most images) ordered along their
+normal; ``rescaled`` gives float32 real values (Hounsfield units for CT). Raises
+FileNotFoundError, or quib.FormatError with the reason (sizes differ, uneven spacing, ...).
+Releases the GIL while reading.
+)doc");
+
+  m.def(
+      "mesh_measures",
+      [](PyMesh const& mesh) {
+        MeshMeasures r;
+        {
+          py::gil_scoped_release release;
+          r = MeshMeasures(mesh.stl);
+        }
+        py::dict out;
+        out["polygons"] = r.polygons;
+        out["triangles"] = r.triangles;
+        out["degenerate_triangles"] = r.degenerate_triangles;
+        out["non_finite_triangles"] = r.non_finite_triangles;
+        out["invalid_polygons"] = r.invalid_polygons;
+        out["edges"] = r.edges;
+        out["boundary_edges"] = r.boundary_edges;
+        out["non_manifold_edges"] = r.non_manifold_edges;
+        out["inconsistent_edges"] = r.inconsistent_edges;
+        out["parts"] = r.parts;
+        out["closed"] = r.closed;
+        out["oriented"] = r.oriented;
+        out["solid"] = r.solid;
+        out["area"] = r.area;
+        out["volume"] = r.volume;
+        out["centroid"] = doubles(r.centroid.data(), 3);
+        py::array_t<double> inertia({3, 3});
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j < 3; ++j)
+            inertia.mutable_at(i, j) = r.inertia(i, j);
+        out["inertia"] = inertia;
+        out["box_min"] = doubles(r.box_min.data(), 3);
+        out["box_max"] = doubles(r.box_max.data(), 3);
+        return out;
+      },
+      py::arg("mesh"), R"doc(
+One pass over a merged mesh: counts (edges, boundary and non-manifold edges, parts, ...), the
+verdicts closed / oriented / solid, area, signed volume, centroid, inertia (3x3) and bounding
+box, as a dict. Volume, centroid and inertia describe a solid only when ``solid`` is True.
+)doc");
 }
 
 }  // namespace python

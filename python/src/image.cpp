@@ -181,6 +181,11 @@ py::ssize_t read_band(Dib& dib, std::vector<unsigned char>& scratch, unsigned ch
 
 }  // namespace
 
+py::array image_array(Image&& image) {
+  py::object holder = py::cast(PyImage{std::move(image), py::object(), false});
+  return py::array(py::buffer(holder));
+}
+
 void bind_image(py::module_& m) {
   py::class_<PyImage>(m, "Image", py::buffer_protocol(), R"doc(
 An image whose pixels are either its own or borrowed from a NumPy array, without a copy.

@@ -43,21 +43,31 @@ def _element(group, number, vr, value):
     return head + struct.pack("<H", len(value)) + value
 
 
-def write_dicom(path, rows=4, columns=3, name="Doe^Jane", pixels=None, syntax="1.2.840.10008.1.2.1"):
-    """An explicit-VR little-endian file with a meta group, a few attributes and 16-bit pixels."""
+def write_dicom(path, rows=4, columns=3, name="Doe^Jane", pixels=None, syntax="1.2.840.10008.1.2.1",
+                z=30.25, series="1.2.3.4", instance=12):
+    """An explicit-VR little-endian CT slice with a meta group and 16-bit pixels."""
     if pixels is None:
         pixels = np.arange(rows * columns, dtype="<u2").reshape(rows, columns) * 7
+    us = lambda v: struct.pack("<H", v)  # noqa: E731
     meta = _element(0x0002, 0x0010, "UI", syntax)
     body = b"".join([
         _element(0x0008, 0x0060, "CS", "CT"),
         _element(0x0010, 0x0010, "PN", name),
-        _element(0x0020, 0x0013, "IS", "12"),
-        _element(0x0020, 0x0032, "DS", "-10.5\\20\\30.25"),
-        _element(0x0028, 0x0010, "US", struct.pack("<H", rows)),
-        _element(0x0028, 0x0011, "US", struct.pack("<H", columns)),
+        _element(0x0020, 0x000E, "UI", series),
+        _element(0x0020, 0x0013, "IS", str(instance)),
+        _element(0x0020, 0x0032, "DS", f"-10.5\\20\\{z}"),
+        _element(0x0020, 0x0037, "DS", "1\\0\\0\\0\\1\\0"),
+        _element(0x0028, 0x0002, "US", us(1)),
+        _element(0x0028, 0x0004, "CS", "MONOCHROME2"),
+        _element(0x0028, 0x0010, "US", us(rows)),
+        _element(0x0028, 0x0011, "US", us(columns)),
         _element(0x0028, 0x0030, "DS", "0.5\\0.5"),
-        _element(0x0028, 0x0100, "US", struct.pack("<H", 16)),
-        _element(0x0028, 0x0103, "US", struct.pack("<H", 0)),
+        _element(0x0028, 0x0100, "US", us(16)),
+        _element(0x0028, 0x0101, "US", us(16)),
+        _element(0x0028, 0x0102, "US", us(15)),
+        _element(0x0028, 0x0103, "US", us(0)),
+        _element(0x0028, 0x1052, "DS", "-1024"),
+        _element(0x0028, 0x1053, "DS", "2"),
         _element(0x7FE0, 0x0010, "OW", np.asarray(pixels, "<u2").tobytes()),
     ])
     group_length = _element(0x0002, 0x0000, "UL", struct.pack("<I", len(meta)))

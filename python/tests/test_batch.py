@@ -26,7 +26,7 @@ def test_reports_of_a_plain_loop(tree):
     assert stl[0]["error"].startswith("FormatError")
     dicom = quib.batch.run(quib.batch.dicom_report, quib.batch.find(tree, "*.dcm"))
     assert [d["PatientName"] for d in dicom] == ["P^0", "P^1", "P^2"]
-    assert dicom[0]["pixels"] == {"min": 0, "max": 77, "mean": 38.5}
+    assert dicom[0]["pixels"] == {"frames": 1, "min": -1024.0, "max": 77 * 2 - 1024.0, "mean": 38.5 * 2 - 1024}
     fits = quib.batch.run(quib.batch.fit_report, quib.batch.find(tree, "c*.txt"))
     assert all(f["ok"] and f["rms"] < 1e-9 and f["points"] == 100 for f in fits)
 

@@ -75,12 +75,21 @@ def test_dicom_mapping_by_keyword_and_tag(dicom_file):
     assert ds.PatientName == "Doe^Jane"
     assert ds["Rows"] == 4 and ds["Columns"] == 3 and ds["InstanceNumber"] == 12
     assert ds["ImagePositionPatient"] == [-10.5, 20.0, 30.25]
-    assert ds["Modality"] == "CT" and ds.vr("Modality") == "CS"
-    assert ds.name(0x00100010) == "Patient's Name"
-    assert "PixelData" in ds and "PatientID" not in ds and 0x7FE00010 in ds
+    assert ds["Modality"] == "CT" and ds.vr("Modality") == "CS" and ds.keyword(0x00080060) == "Modality"
+    assert ds.name(0x00100010) == "Patient's Name" and ds["0010,0010"] == "Doe^Jane"
+    assert "PixelData" in ds and "PatientID" not in ds and 0x7FE00010 in ds and "Nonsense" not in ds
     assert list(ds) == sorted(ds) and 0x00020010 in list(ds)
-    pixels = np.frombuffer(ds.raw("PixelData"), "<u2").reshape(4, 3)
-    np.testing.assert_array_equal(pixels, np.arange(12).reshape(4, 3) * 7)
+    assert ds.complete and ds.transfer_syntax == "1.2.840.10008.1.2.1"
+    expected = np.arange(12).reshape(4, 3) * 7
+    np.testing.assert_array_equal(np.frombuffer(ds.raw("PixelData"), "<u2").reshape(4, 3), expected)
+    pixels = ds.pixels()
+    assert pixels.dtype == np.uint16 and pixels.shape == (4, 3)
+    np.testing.assert_array_equal(pixels, expected)
+    np.testing.assert_allclose(ds.values(), expected * 2.0 - 1024)
+    assert ds.display().dtype == np.uint8
+    assert ds.pixel_info()["frames"] == 1
+    with pytest.raises(IndexError):
+        ds.pixels(1)
     with pytest.raises(KeyError):
         ds["PatientID"]
     with pytest.raises(KeyError):
@@ -92,6 +101,39 @@ def test_dicom_from_dcmtk(dcmtk_file):
     ds = quib.read_dicom(dcmtk_file)
     assert ds["PatientName"] == "Roe^Richard" and ds["SliceThickness"] == 1.25
     assert ds["Rows"] == 2 and ds["Modality"] == "MR"
+
+
+def test_dicom_volume_of_a_series(tmp_path):
+    rng = np.random.default_rng(2)
+    slices = [rng.integers(0, 4000, (4, 3)).astype("<u2") for _ in range(5)]
+    order = [3, 0, 4, 1, 2]  # files named out of slice order
+    for k, i in enumerate(order):
+        write_dicom(tmp_path / f"f{k}.dcm", pixels=slices[i], z=2.5 * i, instance=i + 1)
+    write_dicom(tmp_path / "other.dcm", series="9.9")
+    volume = quib.read_volume(tmp_path)
+    array = volume.array
+    assert array.shape == (5, 4, 3) and array.dtype == np.uint16
+    np.testing.assert_array_equal(array, np.stack(slices))
+    np.testing.assert_allclose(volume.spacing, [0.5, 0.5, 2.5])
+    np.testing.assert_allclose(volume.origin, [-10.5, 20, 0])
+    np.testing.assert_allclose(volume.direction, np.eye(3))
+    del volume
+    gc.collect()
+    assert array.sum() == sum(int(s.sum()) for s in slices)
+    rescaled = quib.read_volume(sorted(tmp_path.glob("f*.dcm")), rescaled=True).array
+    np.testing.assert_allclose(rescaled, np.stack(slices) * 2.0 - 1024)
+    with pytest.raises(FileNotFoundError):
+        quib.read_volume(tmp_path / "none")
+    with pytest.raises(quib.FormatError):
+        quib.read_volume([str(tmp_path / "f0.dcm"), str(tmp_path / "f0.dcm")])
+
+
+def test_mesh_measures_of_a_cube(cube_stl):
+    m = quib.mesh_measures(quib.read_stl(cube_stl))
+    assert m["closed"] and m["solid"] and m["parts"] == 1 and m["boundary_edges"] == 0
+    assert m["area"] == pytest.approx(24) and abs(m["volume"]) == pytest.approx(8)
+    np.testing.assert_allclose(m["centroid"], [2, 3, 4])
+    np.testing.assert_allclose(m["box_min"], [1, 2, 3])
 
 
 def test_dicom_failures(tmp_path):

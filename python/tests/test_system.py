@@ -21,6 +21,10 @@ def test_sha256_of_every_bytes_like_object():
         quib.sha256(np.zeros((4, 4), np.uint8)[:, ::2])
     with pytest.raises(ValueError):
         quib.sha256(12)
+    pieces = quib.Sha256()
+    for i in range(0, len(data), 4096):
+        pieces.update(memoryview(data)[i:i + 4096])
+    assert pieces.hexdigest() == expected
 
 
 def test_hash64():
