@@ -3,7 +3,8 @@ from os import PathLike
 from typing import Any, Iterator, Tuple, Union
 
 from . import batch as batch, errors as errors
-from ._quib import (Sha256 as Sha256, Volume as Volume, mesh_measures as mesh_measures,
+from ._quib import (GeometricCircle as GeometricCircle, GeometricSphere as GeometricSphere,
+                    Sha256 as Sha256, Volume as Volume, mesh_measures as mesh_measures,
                     read_volume as read_volume, Bitmap as Bitmap, Camera as Camera, Circle as Circle, Image as Image,
                     Line as Line, Mesh as Mesh, Plane as Plane, Polynomial as Polynomial,
                     Sphere as Sphere, add_sharp_number as add_sharp_number,

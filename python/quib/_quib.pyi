@@ -47,36 +47,40 @@ class Bitmap:
 def read_bmp(path: _Path) -> NDArray[np.uint8]: ...
 def write_bmp(path: _Path, array: NDArray[np.uint8]) -> None: ...
 
-class Line:
+class _Fit:
     ok: bool
+    rms: float
+    sigma: float
+    count: int
+    covariance: NDArray[np.float64]
+    standard_errors: NDArray[np.float64]
+    def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
+
+class Line(_Fit):
     slope: float
     intercept: float
     def y(self, x: ArrayLike) -> NDArray[np.float64]: ...
     def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
 
-class Circle:
-    ok: bool
+class Circle(_Fit):
     center: NDArray[np.float64]
     radius: float
     coefficients: NDArray[np.float64]
     def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
 
-class Plane:
-    ok: bool
+class Plane(_Fit):
     normal: NDArray[np.float64]
     distance: float
     coefficients: NDArray[np.float64]
     def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
 
-class Sphere:
-    ok: bool
+class Sphere(_Fit):
     center: NDArray[np.float64]
     radius: float
     coefficients: NDArray[np.float64]
     def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
 
-class Polynomial:
-    ok: bool
+class Polynomial(_Fit):
     degree: int
     coefficients: NDArray[np.float64]
     def y(self, x: ArrayLike) -> NDArray[np.float64]: ...
@@ -84,10 +88,20 @@ class Polynomial:
     def area(self, x0: float, x1: float) -> float: ...
     def residuals(self, points: ArrayLike) -> NDArray[np.float64]: ...
 
+class GeometricCircle(_Fit):
+    center: NDArray[np.float64]
+    radius: float
+
+class GeometricSphere(_Fit):
+    center: NDArray[np.float64]
+    radius: float
+
 def fit_line(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None) -> Line: ...
-def fit_circle(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None) -> Circle: ...
+def fit_circle(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None,
+               geometric: bool = False) -> Union[Circle, GeometricCircle]: ...
 def fit_plane(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None) -> Plane: ...
-def fit_sphere(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None) -> Sphere: ...
+def fit_sphere(points: ArrayLike, weights: Optional[ArrayLike] = None, k: Optional[float] = None,
+               geometric: bool = False) -> Union[Sphere, GeometricSphere]: ...
 def fit_polynomial(points: ArrayLike, degree: int, weights: Optional[ArrayLike] = None,
                    k: Optional[float] = None, scale: float = 1.0) -> Polynomial: ...
 def ransac_plane(points: ArrayLike, threshold: float, probability: float = 0.99,
