@@ -138,14 +138,8 @@ inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned ch
     const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
     const unsigned differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
     const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
-    unsigned edges = differs & ~((differs << 1) | before);
-    if (edges != 0) {
-      while ((edges & 1u) == 0) {
-        edges >>= 1;
-        ++x;
-      }
-      return x;
-    }
+    const unsigned edges = differs & ~((differs << 1) | before);
+    if (edges != 0) return x + __builtin_ctz(edges);
   }
 #endif
   const std::uint64_t blank_word = 0x0101010101010101ull * blank;
@@ -157,6 +151,26 @@ inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned ch
     if (row[x] != blank && (x == 0 || row[x - 1] == blank)) return x;
   }
   return cols;
+}
+
+// out[i] = value wherever canvas[i] is not 2 (outside), for i < n.
+inline void write_unless_outside(unsigned char* out, unsigned char const* canvas, int n,
+                                 unsigned char value) {
+  int i = 0;
+#if defined(__SSE2__)
+  const __m128i outside = _mm_set1_epi8(2);
+  const __m128i values = _mm_set1_epi8(static_cast<char>(value));
+  for (; i + 16 <= n; i += 16) {
+    const __m128i keep =
+        _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<__m128i const*>(canvas + i)), outside);
+    const __m128i old = _mm_loadu_si128(reinterpret_cast<__m128i const*>(out + i));
+    const __m128i merged = _mm_or_si128(_mm_and_si128(keep, old), _mm_andnot_si128(keep, values));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), merged);
+  }
+#endif
+  for (; i < n; ++i) {
+    if (canvas[i] != 2) out[i] = value;
+  }
 }
 
 // Marks a traced boundary and everything it encloses with `value`. The boundary is a closed
@@ -174,54 +188,85 @@ bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigne
   }
   if (x0 > x1) return false;  // no point inside the target
 
-  // A canvas over the bounding rectangle with one free pixel all round: 1 marks the outline,
-  // and a 4-connected flood from the free frame marks the outside with 2. A closed 8-connected
-  // chain of pixels cannot be crossed by a 4-connected flood, so what stays below 2 is the
-  // outline and the pixels it encloses.
+  // A canvas over the bounding rectangle: 1 marks the outline, 2 the outside. A closed
+  // 8-connected chain of pixels cannot be crossed by a 4-connected path, so what is not outside
+  // is the outline and the pixels it encloses. On each row, everything left of the first
+  // outline pixel and right of the last one is outside without looking (as are the rows
+  // beyond the rectangle); only the zeros between them need telling apart. An outside one is
+  // reached from there through a vertical step (a horizontal step meets the first or last
+  // outline pixel), so those steps seed a span flood, which for a convex region never runs.
   const int w = x1 - x0 + 1;
   const int h = y1 - y0 + 1;
-  const std::ptrdiff_t pitch = w + 2;
-  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * (h + 2), 0);
+  const std::ptrdiff_t pitch = w;
+  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * h, 0);
+  std::vector<int> first(static_cast<std::size_t>(h), INT_MAX);
+  std::vector<int> last(static_cast<std::size_t>(h), INT_MIN);
   for (cv::Point const& p : contour) {
-    if (bounds.contains(p)) canvas[(p.y - y0 + 1) * pitch + (p.x - x0 + 1)] = 1;
+    if (!bounds.contains(p)) continue;
+    const int y = p.y - y0;
+    const int x = p.x - x0;
+    canvas[y * pitch + x] = 1;
+    first[y] = std::min(first[y], x);
+    last[y] = std::max(last[y], x);
   }
-  // A span flood: fill the whole free run around a seed, then seed the free runs above and
-  // below it.
-  const int rows = h + 2;
   unsigned char* const cells = canvas.data();
-  std::vector<cv::Point> pending{cv::Point(0, 0)};
+  // Whether (x, y) is a zero between the row's first and last outline pixels.
+  auto open = [&](int x, int y) {
+    return x > first[y] && x < last[y] && cells[y * pitch + x] == 0;
+  };
+  std::vector<cv::Point> pending;
+  for (int y = 0; y < h; ++y) {
+    if (first[y] >= last[y]) continue;
+    for (int ny : {y - 1, y + 1}) {
+      // The columns of this row's inner part that lie outside the neighbour row's outline.
+      int lo1 = first[y] + 1, hi1 = last[y] - 1;  // all of them when there is no neighbour
+      int lo2 = 1, hi2 = 0;
+      if (ny >= 0 && ny < h && first[ny] <= last[ny]) {
+        hi1 = std::min(hi1, first[ny] - 1);
+        lo2 = std::max(first[y] + 1, last[ny] + 1);
+        hi2 = last[y] - 1;
+      }
+      for (int x = lo1; x <= hi1; ++x)
+        if (cells[y * pitch + x] == 0) pending.emplace_back(x, y);
+      for (int x = lo2; x <= hi2; ++x)
+        if (cells[y * pitch + x] == 0) pending.emplace_back(x, y);
+    }
+  }
+  // A span flood over the inner zeros: fill the whole run around a seed, then seed the runs
+  // above and below it.
   while (!pending.empty()) {
     const cv::Point seed = pending.back();
     pending.pop_back();
+    if (!open(seed.x, seed.y)) continue;
     unsigned char* row = cells + seed.y * pitch;
-    if (row[seed.x] != 0) continue;
     int left = seed.x;
     int right = seed.x;
-    while (left > 0 && row[left - 1] == 0)
+    while (open(left - 1, seed.y))
       --left;
-    while (right + 1 < pitch && row[right + 1] == 0)
+    while (open(right + 1, seed.y))
       ++right;
     std::memset(row + left, 2, static_cast<std::size_t>(right - left + 1));
     for (int ny : {seed.y - 1, seed.y + 1}) {
-      if (ny < 0 || ny >= rows) continue;
-      const unsigned char* next = cells + ny * pitch;
-      int x = left;
-      while (x <= right) {
-        if (next[x] != 0) {
+      if (ny < 0 || ny >= h) continue;
+      int x = std::max(left, first[ny] + 1);
+      const int end = std::min(right, last[ny] - 1);
+      while (x <= end) {
+        if (!open(x, ny)) {
           ++x;
           continue;
         }
         pending.emplace_back(x, ny);  // one seed per free run
-        while (x <= right && next[x] == 0)
+        while (x <= end && open(x, ny))
           ++x;
       }
     }
   }
   for (int y = 0; y < h; ++y) {
-    const unsigned char* in = canvas.data() + (y + 1) * pitch + 1;
-    unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
-    for (int x = 0; x < w; ++x)
-      out[x] = in[x] != 2 ? value : out[x];
+    if (first[y] <= last[y]) {
+      unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
+      write_unless_outside(out + first[y], cells + y * pitch + first[y], last[y] - first[y] + 1,
+                           value);
+    }
   }
   return true;
 }
