@@ -49,6 +49,21 @@ class QUIB_API Projection {
     double translation[3];
   };
 
+  /// How two camera models differ across the image: where the other camera images the ray that
+  /// this one images at each sample position. Filled by get_difference().
+  struct Difference {
+    int columns = 0;  ///< samples per row
+    int rows = 0;     ///< rows of samples
+    /// Sample positions in this camera's pixels, row after row: the centres of a columns x rows
+    /// grid of cells over the image.
+    std::vector<cv::Point2d> points;
+    /// Per sample, the other camera's pixel minus the sample position, in this camera's pixels.
+    std::vector<cv::Point2d> shifts;
+    double rms = 0;   ///< root mean square of the shift lengths
+    double mean = 0;  ///< mean shift length
+    double max = 0;   ///< largest shift length
+  };
+
   /// No camera: size 0x0, identity matrix, no distortion, zero pose.
   Projection();
   explicit Projection(Info const& info);
@@ -146,6 +161,17 @@ class QUIB_API Projection {
   /// OpenCV refuses with an exception.
   void undistort(Image const& src, Image& dst) const;
   void undistort(Image& img) const;
+
+  /// Compares two camera models across the image: each sample position of a columns x rows
+  /// grid is undistorted with this camera (iterated to 1e-12) and the ray projected with the
+  /// other (rescaled to this camera's size when the sizes differ); the pose of neither takes
+  /// part. Zero everywhere for the same intrinsics. False, with `out` untouched, when either
+  /// camera is empty, columns or rows is not positive, or a grid would exceed a million samples.
+  ///
+  ///     quib::Projection::Difference d;
+  ///     if (a.get_difference(b, d)) std::printf("differ by %.3f px at most\n", d.max);
+  [[nodiscard]] bool get_difference(Projection const& other, Difference& out, int columns = 32,
+                                    int rows = 24) const;
 
   /// Reads a camera file as save_setup writes it: YAML, XML or JSON, told by the text itself.
   /// Its "format" must be exactly "camera.projection", "image_width" and "image_height" plain

@@ -8,6 +8,7 @@
 #include <quib/curve.hpp>
 #include <quib/dib.hpp>
 #include <quib/dicom.hpp>
+#include <quib/dicom_image.hpp>
 #include <quib/discrim.hpp>
 #include <quib/export.hpp>
 #include <quib/feature.hpp>

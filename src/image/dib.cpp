@@ -67,7 +67,8 @@ Dib::Dib()
       dataOffset(0),
       topDown(false),
       coordinator(8, 1, 1, 1, color_type::undetermined),
-      mode(0) {}
+      mode(mode_t::none),
+      bitCount(0) {}
 
 Dib::Dib(std::string const& path) : Dib() {
   filePath = path;
@@ -107,7 +108,7 @@ void Dib::open(std::filesystem::path const& path) {
     refuse();
     return;
   }
-  mode = 1;
+  mode = mode_t::opened;
 }
 
 void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int ydpi, int bits,
@@ -135,18 +136,20 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
 
   stream->seekg(0, std::ios::end);
   if (stream->tellg() > 0) {
+    bitCount = static_cast<std::uint16_t>(std::int64_t(bits) * cc);
     if (!readHeaders(true)) {  // an existing bitmap: reopened with the geometry given here
       refuse();
       return;
     }
-    mode = 1;
+    mode = mode_t::opened;
     return;
   }
 
   const std::uint64_t tableBytes = 4 * pal.size();
   const int offBits = static_cast<int>(tableBytes) + kHeaderBytes;
   const std::uint64_t fileSize = std::uint64_t(height) * std::uint64_t(lineBytes) + offBits;
-  const std::int64_t bitCount = std::int64_t(bits) * cc;
+  const std::int64_t pixelBits = std::int64_t(bits) * cc;
+  bitCount = static_cast<std::uint16_t>(pixelBits);  // as the header stores it
   std::vector<unsigned char> header(static_cast<std::size_t>(offBits), 0);
   unsigned char* p = header.data();
   store_le<std::uint16_t>(p, kMagic);
@@ -163,7 +166,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
                          static_cast<std::int32_t>((std::int64_t(xdpi) * 10000 + 253) / 254));
   store_le<std::int32_t>(p + 42,
                          static_cast<std::int32_t>((std::int64_t(ydpi) * 10000 + 253) / 254));
-  store_le<std::uint32_t>(p + 46, std::uint32_t(1) << (bitCount % 32));
+  store_le<std::uint32_t>(p + 46, std::uint32_t(1) << (pixelBits % 32));
   store_le<std::uint32_t>(p + 50, static_cast<std::uint32_t>(pal.size()));
   for (std::uint64_t i = 0; i < pal.size(); ++i)
     store_le<std::uint32_t>(p + kHeaderBytes + 4 * i, pal.begin()[i]);
@@ -172,7 +175,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
   stream->flush();
   stream->seekp(offBits);
   dataOffset = offBits;
-  mode = 2;
+  mode = mode_t::created;
 }
 
 bool Dib::readHeaders(bool keepGeometry) {
@@ -191,7 +194,7 @@ bool Dib::readHeaders(bool keepGeometry) {
   const auto fileWidth = load_le<std::int32_t>(h + 18);
   const auto fileHeight = load_le<std::int32_t>(h + 22);
   const int planes = load_le<std::uint16_t>(h + 26);
-  const int bitCount = load_le<std::uint16_t>(h + 28);
+  const int fileBitCount = load_le<std::uint16_t>(h + 28);
   const auto compression = load_le<std::uint32_t>(h + 30);
   if (compression != 0) return false;
   if (offBits < std::uint32_t(kHeaderBytes) || std::int64_t(offBits) > fileSize) return false;
@@ -199,13 +202,13 @@ bool Dib::readHeaders(bool keepGeometry) {
   if (!keepGeometry) {
     int sampleBits = 8;
     int samples = 1;
-    switch (bitCount) {
+    switch (fileBitCount) {
       case 1:
       case 2:
       case 4:
       case 15:
       case 16:
-        sampleBits = bitCount;
+        sampleBits = fileBitCount;
         break;
       case 24:
         samples = 3;
@@ -234,6 +237,7 @@ bool Dib::readHeaders(bool keepGeometry) {
     planeCount = planes;
     interleave = interleave_type::pixel;
     topDown = fileHeight < 0;
+    bitCount = fileBitCount;
   }
   dataOffset = static_cast<int>(offBits);
 
@@ -309,6 +313,7 @@ void Dib::swap(Dib& o) noexcept {
   palette.swap(o.palette);
   coordinator.swap(o.coordinator);
   std::swap(mode, o.mode);
+  std::swap(bitCount, o.bitCount);
 }
 
 void Dib::close() {
@@ -330,8 +335,8 @@ std::uint64_t Dib::getImageSize() const {
 
 std::int64_t Dib::tell() const {
   if (!stream) return 0;
-  if (mode == 1) return static_cast<std::int64_t>(stream->tellg());
-  if (mode == 2) return static_cast<std::int64_t>(stream->tellp());
+  if (mode == mode_t::opened) return static_cast<std::int64_t>(stream->tellg());
+  if (mode == mode_t::created) return static_cast<std::int64_t>(stream->tellp());
   return 0;
 }
 

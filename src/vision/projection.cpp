@@ -7,6 +7,7 @@
 #include <opencv2/core/persistence.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -253,6 +254,46 @@ void Projection::undistort(Image& img) const {
   cv::Mat result;
   undistort(view, result);
   if (!result.empty()) result.copyTo(view);
+}
+
+bool Projection::get_difference(Projection const& other, Difference& out, int columns,
+                                int rows) const {
+  if (empty() || other.empty() || columns <= 0 || rows <= 0) return false;
+  if (static_cast<std::int64_t>(columns) * rows > 1000000) return false;
+  Projection seen(other);
+  seen.resize(size);
+  Difference made;
+  made.columns = columns;
+  made.rows = rows;
+  for (int j = 0; j < rows; ++j) {
+    for (int i = 0; i < columns; ++i) {
+      made.points.emplace_back((i + 0.5) * size.cx / columns, (j + 0.5) * size.cy / rows);
+    }
+  }
+  std::vector<cv::Point2d> rays;
+  cv::undistortPoints(
+      made.points, rays, header(3, 3, matrix), header(1, 4, distortion), cv::noArray(),
+      cv::noArray(), cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 100, 1e-12));
+  std::vector<cv::Point3d> directions;
+  directions.reserve(rays.size());
+  for (cv::Point2d const& r : rays)
+    directions.emplace_back(r.x, r.y, 1.0);
+  std::vector<cv::Point2d> projected;
+  const double zero[3] = {0, 0, 0};
+  cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix),
+                    header(1, 4, seen.distortion), projected);
+  double sum = 0;
+  for (std::size_t k = 0; k < projected.size(); ++k) {
+    made.shifts.push_back(projected[k] - made.points[k]);
+    const double length = std::hypot(made.shifts.back().x, made.shifts.back().y);
+    sum += length * length;
+    made.mean += length;
+    made.max = std::max(made.max, length);
+  }
+  made.rms = std::sqrt(sum / static_cast<double>(projected.size()));
+  made.mean /= static_cast<double>(projected.size());
+  out = std::move(made);
+  return true;
 }
 
 bool Projection::load_setup(std::string const& path) {

@@ -313,6 +313,44 @@ TEST(Projection, RefusesWhatCrashedTheFileStorageReader) {
   }
 }
 
+TEST(Projection, DifferenceOfTwoCamerasAcrossTheImage) {
+  const double m[9] = {1210, 0.1, 805, 0, 1190, 590, 0, 0, 1};
+  const double k[4] = {-0.12, 0.04, 0.001, -0.0005};
+  const double zero[3] = {0, 0, 0};
+  const quib::Projection a({1600, 1200}, m, k, zero, zero);
+  quib::Projection::Difference d;
+  ASSERT_TRUE(a.get_difference(a, d, 8, 6));
+  ASSERT_EQ(d.points.size(), 48u);
+  EXPECT_EQ(d.points[0], cv::Point2d(100, 100));  // cell centres of 1600 x 1200
+  EXPECT_EQ(d.points[47], cv::Point2d(1500, 1100));
+  EXPECT_LT(d.max, 1e-6);
+
+  // The same camera at twice the size differs by nothing; one with fx 1 % longer by 1 % of
+  // each sample's distance from the centre, along x.
+  quib::Projection twice = a;
+  twice.resize({3200, 2400});
+  ASSERT_TRUE(a.get_difference(twice, d, 8, 6));
+  EXPECT_LT(d.max, 1e-4);
+  quib::Projection longer({640, 480}, 2.0, 1.5);
+  quib::Projection plain = longer;
+  longer.get_matrix_array()[0] *= 1.01;
+  ASSERT_TRUE(plain.get_difference(longer, d, 4, 4));
+  for (std::size_t k = 0; k < d.points.size(); ++k) {
+    EXPECT_NEAR(d.shifts[k].x, 0.01 * (d.points[k].x - 320), 1e-9);
+    EXPECT_NEAR(d.shifts[k].y, 0.0, 1e-9);
+  }
+  EXPECT_NEAR(d.max, 0.01 * 240, 1e-9);
+  EXPECT_GT(d.max, d.rms);
+  EXPECT_GT(d.rms, d.mean);
+
+  d.rms = -1;
+  EXPECT_FALSE(plain.get_difference(quib::Projection(), d));
+  EXPECT_FALSE(quib::Projection().get_difference(plain, d));
+  EXPECT_FALSE(plain.get_difference(plain, d, 0, 3));
+  EXPECT_FALSE(plain.get_difference(plain, d, 2000, 2000));
+  EXPECT_EQ(d.rms, -1);
+}
+
 TEST(Projection, UndistortsPointsToNormalisedCoordinates) {
   const quib::Projection plain({640, 480}, 2.0, 1.5);  // fx = fy = 320, centre (320, 240)
   std::vector<cv::Point2f> out;
