@@ -180,13 +180,23 @@ QUIB_FIT_BENCH(quib::LeastSquaresCircle, BM_PlainSums_Circle);
 QUIB_FIT_BENCH(quib::LeastSquaresPlane, BM_PlainSums_Plane);
 QUIB_FIT_BENCH(quib::LeastSquaresSphere, BM_PlainSums_Sphere);
 
+// Samples of a degree-6 polynomial on [-1, 1).
+const std::vector<P2>& sextic_points() {
+  static const std::vector<P2> pts = [] {
+    const std::size_t n = bench::smoke() ? 1000 : 1000000;
+    std::vector<P2> p(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
+      p[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
+    }
+    return p;
+  }();
+  return pts;
+}
+
 void BM_Dimension6(benchmark::State& state) {
-  const std::size_t n = bench::smoke() ? 1000 : 1000000;
-  std::vector<P2> pts(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
-    pts[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
-  }
+  const std::vector<P2>& pts = sextic_points();
+  const std::size_t n = pts.size();
   quib::LeastSquaresDimension poly;
   for (auto _ : state) {
     benchmark::DoNotOptimize(poly.calculate(6, pts));
@@ -198,12 +208,8 @@ BENCHMARK(BM_Dimension6)->Unit(benchmark::kMillisecond);
 
 // The limit of the degree-6 fit: its 20 moments (x^0..x^12, x^0·y..x^6·y) with plain sums.
 void BM_PlainSums_Dimension6(benchmark::State& state) {
-  const std::size_t n = bench::smoke() ? 1000 : 1000000;
-  std::vector<P2> pts(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
-    pts[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
-  }
+  const std::vector<P2>& pts = sextic_points();
+  const std::size_t n = pts.size();
   for (auto _ : state) {
     double s[20] = {};
     for (const P2& p : pts) {

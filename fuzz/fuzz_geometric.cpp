@@ -4,6 +4,8 @@
 #include <quib/curve.hpp>
 #include <quib/fit.hpp>
 
+#include "number_reader.hpp"
+
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -13,30 +15,15 @@
 
 namespace {
 
-class Reader {
+// Mostly small numbers (so that real circles occur), sometimes doubles of any bits.
+class Reader : public fuzz::Reader {
  public:
-  Reader(const std::uint8_t* data, std::size_t size) : p(data), left(size) {}
-  std::size_t remaining() const { return left; }
-  std::uint8_t byte() {
-    if (left == 0) return 0;
-    --left;
-    return *p++;
-  }
-  // Mostly small numbers (so that real circles occur), sometimes raw doubles.
+  using fuzz::Reader::Reader;
   double number() {
     const std::uint8_t kind = byte();
     if (kind < 200) return (static_cast<int>(byte()) - 128) * 0.125 + kind * 1e-3;
-    double v = 0.0;
-    if (left < sizeof v) return 0.0;
-    std::memcpy(&v, p, sizeof v);
-    p += sizeof v;
-    left -= sizeof v;
-    return v;
+    return raw(0.0);
   }
-
- private:
-  const std::uint8_t* p;
-  std::size_t left;
 };
 
 template <class Fit>
