@@ -88,6 +88,9 @@ class QUIB_API DicomPixels {
   std::array<double, 3> get_position() const { return position; }
   /// Image Orientation (Patient): the row direction, then the column direction; NaN when absent.
   std::array<double, 6> get_orientation() const { return orientation; }
+  /// Image Position (Patient) of each frame of a multi-frame file that gives them (per-frame
+  /// functional groups); empty otherwise.
+  const std::vector<std::array<double, 3>>& get_frame_positions() const { return frame_positions; }
   /// Slice Thickness (mm); NaN when absent.
   double get_slice_thickness() const { return slice_thickness; }
 
@@ -132,6 +135,9 @@ class QUIB_API DicomPixels {
   const std::string& get_error() const { return error; }
 
  private:
+  friend class DicomVolume;
+  // With `with_pixels` false, only the attributes are read (the object stays empty).
+  bool load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels);
   bool fail(const std::string& reason) const;
 
   const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom
@@ -142,6 +148,7 @@ class QUIB_API DicomPixels {
   std::array<double, 2> pixel_spacing{};
   std::array<double, 3> position{};
   std::array<double, 6> orientation{};
+  std::vector<std::array<double, 3>> frame_positions;
   double slice_thickness = 0;
   double rescale_slope = 1, rescale_intercept = 0;
   std::vector<std::array<double, 2>> windows;

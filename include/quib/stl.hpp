@@ -6,6 +6,7 @@
 #include <Eigen/Core>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,15 @@ class QUIB_API Stl {
  public:
   using Point = Eigen::Matrix<float, 3, 1>;
   using Polygon = std::vector<int>;
+
+  /// What the last successful load found out about its file (a failed load resets it).
+  struct Info {
+    bool binary = false;  ///< the binary encoding; else ASCII
+    /// ASCII facets with other than three vertex lines. A facet runs from a line with a field
+    /// "facet" to the next such line; triangles are formed from vertex lines three by three
+    /// whatever the facets say, so after such a facet the grouping of every later one shifts.
+    std::int64_t odd_facets = 0;
+  };
 
   /// Empty name, no points, no polygons.
   Stl();
@@ -99,6 +109,8 @@ class QUIB_API Stl {
   std::vector<Polygon> const& polygons() const { return polygons_; }
   /// Polygon i, unchecked.
   Polygon const& polygon(int i) const { return polygons_[static_cast<std::size_t>(i)]; }
+  /// What the last load found; kept by assign, swap, clear, compress and decompress.
+  Info const& info() const { return info_; }
   std::string get_name() const { return name_; }
   void set_name(std::string const& name) { name_ = name; }
 
@@ -106,6 +118,7 @@ class QUIB_API Stl {
   std::string name_;
   std::vector<Point> points_;
   std::vector<Polygon> polygons_;
+  Info info_;
 };
 
 }  // namespace quib

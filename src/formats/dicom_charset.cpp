@@ -119,6 +119,10 @@ void append_iconv(std::string& out, const char* name, std::string_view in) {
 }  // namespace
 
 std::string decode_text(std::string_view charset, std::string_view bytes) {
+  bool plain = true;  // ASCII without escapes reads the same in every set
+  for (char c : bytes)
+    plain = plain && static_cast<unsigned char>(c) < 0x80 && c != '\x1B';
+  if (plain) return std::string(bytes);
   // Several values name the sets that ISO 2022 escapes switch between; the single-byte and
   // Chinese sets are ASCII below 0x80, so the first value that names more than ASCII decides.
   Set set = Set::ascii;

@@ -230,20 +230,35 @@ std::array<double, N> fixed(const Dicom& file, std::uint16_t group, std::uint16_
   return out;
 }
 
-// Clears the bits above `bits` of each sample, or copies the sign bit into them.
+// Copies `count` samples from `in` to `out` (which may be the same memory), clearing the bits
+// above `bits` of each, or copying the sign bit into them: one pass, as fast as a copy.
 template <class T>
-void fit_samples(unsigned char* data, std::size_t count, int bits, bool is_signed) {
+void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bits,
+                 bool is_signed) {
   using U = std::make_unsigned_t<T>;
   const int shift = int(8 * sizeof(T)) - bits;
   for (std::size_t i = 0; i < count; ++i) {
     U v;
-    std::memcpy(&v, data + i * sizeof(T), sizeof(T));
+    std::memcpy(&v, in + i * sizeof(T), sizeof(T));
     if (is_signed) {
       v = U(T(U(v << shift)) >> shift);
     } else {
       v = U(U(v << shift) >> shift);
     }
-    std::memcpy(data + i * sizeof(T), &v, sizeof(T));
+    std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+  }
+}
+
+void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bytes,
+                 int bits, bool is_signed) {
+  if (bits >= 8 * bytes) {
+    if (in != out) std::memcpy(out, in, count * std::size_t(bytes));
+  } else if (bytes == 1) {
+    fit_samples<std::int8_t>(in, out, count, bits, is_signed);
+  } else if (bytes == 2) {
+    fit_samples<std::int16_t>(in, out, count, bits, is_signed);
+  } else {
+    fit_samples<std::int32_t>(in, out, count, bits, is_signed);
   }
 }
 
@@ -282,6 +297,7 @@ void DicomPixels::swap(DicomPixels& other) noexcept {
   std::swap(pixel_spacing, other.pixel_spacing);
   std::swap(position, other.position);
   std::swap(orientation, other.orientation);
+  frame_positions.swap(other.frame_positions);
   std::swap(slice_thickness, other.slice_thickness);
   std::swap(rescale_slope, other.rescale_slope);
   std::swap(rescale_intercept, other.rescale_intercept);
@@ -305,6 +321,10 @@ std::uint64_t DicomPixels::get_frame_bytes() const {
 }
 
 bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
+  return load(file, frame_limit, true);
+}
+
+bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels) {
   clear();
   DicomPixels next;
   auto refuse = [&](const std::string& reason) {
@@ -317,7 +337,8 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
     return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
   next.little = codec != codec_t::big_endian;
   const auto* pixel_data = find(file, 0x7FE0, 0x0010);
-  if (!pixel_data || pixel_data->empty()) return refuse("the file has no pixel data");
+  if (with_pixels && (!pixel_data || pixel_data->empty()))
+    return refuse("the file has no pixel data");
 
   next.rows = us(file, 0x0028, 0x0010, next.little);
   next.columns = us(file, 0x0028, 0x0011, next.little);
@@ -368,8 +389,19 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
                   std::to_string(frame_limit));
 
   next.frame_photometric = next.photometric;
-  const std::uint64_t size = pixel_data->size();
-  if (codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian) {
+  const bool native =
+      codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian;
+  const std::string& uid = next.transfer_syntax;
+  const bool lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
+  if (native && ybr422) next.frame_photometric = "YBR_FULL";
+  if (next.samples == 3 &&
+      ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
+       (codec == codec_t::j2k && (next.photometric == "YBR_RCT" || next.photometric == "YBR_ICT"))))
+    next.frame_photometric = "RGB";
+  if (!with_pixels) {
+    // Attributes only (the first look at a series' files).
+  } else if (native) {
+    const std::uint64_t size = pixel_data->size();
     // What one frame occupies in the file, in bits.
     std::uint64_t stored = frame_bytes * 8;
     if (next.bits_allocated == 1) stored = std::uint64_t(next.rows) * next.columns * next.samples;
@@ -377,7 +409,6 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
       if (next.bits_allocated != 8 || next.columns % 2 != 0)
         return refuse("uncompressed YBR_FULL_422 needs 8 bits and an even width");
       stored = std::uint64_t(next.rows) * next.columns * 2 * 8;
-      next.frame_photometric = "YBR_FULL";
     }
     if (std::uint64_t(next.frames) > size * 8 / stored)
       return refuse("pixel data holds " + std::to_string(size) + " bytes, too few for " +
@@ -409,13 +440,6 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
         next.fragments.push_back({std::uint64_t(f.data - pixel_data->data()), f.size});
     }
     next.frame_first.push_back(std::uint32_t(next.fragments.size()));
-    const std::string& uid = next.transfer_syntax;
-    const bool lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
-    if (next.samples == 3 &&
-        ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
-         (codec == codec_t::j2k &&
-          (next.photometric == "YBR_RCT" || next.photometric == "YBR_ICT"))))
-      next.frame_photometric = "RGB";
   }
 
   next.pixel_spacing = fixed<2>(file, 0x0028, 0x0030);
@@ -445,7 +469,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
       for (std::size_t i = 0; i + 1 < data->size(); i += 2)
         next.palette[c].push_back(detail::load<std::uint16_t>(data->data() + i, next.little));
   }
-  next.value = pixel_data;
+  next.value = with_pixels ? pixel_data : nullptr;
   swap(next);
   return true;
 }
@@ -495,6 +519,10 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     }
     const unsigned char* in = data + std::size_t(frame) * std::size_t(frame_bytes);
     const bool swap = little != detail::kHostLittle && bytes > 1;
+    if (planar_configuration == 0 && !swap) {  // the common case: one pass
+      fit_samples(in, out, count, bytes, bits_stored, pixel_representation == 1);
+      return true;
+    }
     if (planar_configuration == 1) {
       for (std::size_t c = 0; c < std::size_t(samples); ++c)
         for (std::size_t p = 0; p < pixels; ++p)
@@ -546,12 +574,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     if (!result.ok) return fail("frame " + std::to_string(frame) + ": " + result.error);
   }
 
-  if (bits_stored < 8 * bytes) {
-    const bool is_signed = pixel_representation == 1;
-    if (bytes == 1) fit_samples<std::int8_t>(out, count, bits_stored, is_signed);
-    if (bytes == 2) fit_samples<std::int16_t>(out, count, bits_stored, is_signed);
-    if (bytes == 4) fit_samples<std::int32_t>(out, count, bits_stored, is_signed);
-  }
+  fit_samples(out, out, count, bytes, bits_stored, pixel_representation == 1);
   return true;
 }
 

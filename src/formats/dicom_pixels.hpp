@@ -49,6 +49,11 @@ decode_result decode_jpegls(byte_span in, const frame_layout& layout, unsigned c
 // JPEG 2000 (code stream or JP2 file, including high-throughput streams) through OpenJPEG.
 decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char* out);
 
+// Writes slope * v + intercept of `count` decoded samples (`bytes` each, signed or not) to
+// `out` as 32-bit floats (any alignment).
+void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool is_signed,
+                     double slope, double intercept, unsigned char* out);
+
 // The codec a transfer syntax names.
 enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };
 codec_t codec_of(const std::string& transfer_syntax);

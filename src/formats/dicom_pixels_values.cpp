@@ -1,6 +1,8 @@
 // Values for people: rescaled real values, windowed grey levels, colour as RGB.
 #include <quib/dicom_image.hpp>
 
+#include "formats/dicom_pixels.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -52,6 +54,18 @@ unsigned char to_byte(double v) {
 }
 
 }  // namespace
+
+namespace detail {
+
+void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool is_signed,
+                     double slope, double intercept, unsigned char* out) {
+  for_each_sample(in, count, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
+    const float r = float(double(v) * slope + intercept);
+    std::memcpy(out + 4 * i, &r, 4);
+  });
+}
+
+}  // namespace detail
 
 bool DicomPixels::decode_values(int frame, Image& out) const {
   if (samples != 1) return fail("real values need one sample per pixel");

@@ -335,9 +335,10 @@ int Dicom::get_text(Tag tag, std::string& text) const {
 
 int Dicom::get_strings(Tag tag, std::vector<std::string>& values) const {
   values.clear();
-  std::string text;
-  if (get_text(tag, text) < 0) return -1;
-  if (is_one_text(get_type(tag))) {
+  const Raw raw = raw_of(*this, tag);
+  if (raw.value == nullptr || !is_text(raw.type)) return -1;
+  std::string text = dicom::decode_text(info.charset, trim(raw.text(), false));
+  if (is_one_text(raw.type)) {
     if (!text.empty()) values.push_back(std::move(text));
   } else if (!trim(text, true).empty()) {
     each_value(text, [&](std::string_view s) { values.emplace_back(s); });

@@ -1,13 +1,16 @@
 // Series of DICOM slices, and multi-frame files, as 3-D volumes.
 #include <quib/dicom_image.hpp>
 
+#include "formats/dicom_pixels.hpp"
 #include "system/native_path.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
 
 namespace quib {
 
@@ -20,7 +23,8 @@ struct slice_t {
   std::wstring path;
   std::string series;
   int rows = 0, columns = 0, samples = 0, bits_allocated = 0, bits_stored = 0, representation = 0;
-  int frames = 0;
+  int frames = 0;  // frames of the file
+  int frame = -1;  // the frame this entry stands for; -1 for every frame of the file in order
   std::string photometric;
   std::array<double, 3> position{};
   std::array<double, 6> orientation{};
@@ -40,6 +44,21 @@ std::string text_of(const Dicom& file, std::uint16_t group, std::uint16_t number
 
 bool load_file(Dicom& file, const std::wstring& path) {
   return file.load(path) > 0;
+}
+
+// The attributes of a file without its pixels: the elements in its first 64 KiB (reading ends
+// inside Pixel Data), or the whole file when they do not reach Rows.
+bool load_head(Dicom& file, const std::wstring& path) {
+  const auto native = detail::native_path(path);
+  if (!native) return false;
+  std::ifstream in(*native, std::ios::binary);
+  std::string head(std::size_t{64} << 10, '\0');
+  in.read(head.data(), std::streamsize(head.size()));
+  head.resize(std::size_t(in.gcount()));
+  const bool whole = in.eof();
+  std::istringstream prefix(head);
+  if (file.load(prefix) > 0 && file->count(dicom::tag_key(0x0028, 0x0010))) return true;
+  return !whole && load_file(file, path);
 }
 
 bool same_format(const slice_t& a, const slice_t& b) {
@@ -114,9 +133,9 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   std::string last_reason;
   for (const std::wstring& path : files) {
     Dicom file;
-    if (!load_file(file, path)) continue;
-    DicomPixels pixels(file);
-    if (pixels.empty()) {
+    if (!load_head(file, path)) continue;
+    DicomPixels pixels;
+    if (!pixels.load(file, DicomPixels::FRAME_LIMIT, false)) {
       last_reason = pixels.get_error();
       continue;
     }
@@ -132,6 +151,15 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
     s.between = pixels.get_slice_thickness();
     const std::string between = text_of(file, 0x0018, 0x0088);
     if (!between.empty()) s.between = std::strtod(between.c_str(), nullptr);
+    const auto& positions = pixels.get_frame_positions();
+    if (s.frames > 1 && int(positions.size()) == s.frames) {
+      for (int f = 0; f < s.frames; ++f) {  // a multi-frame file with a position per frame
+        slice_t one = s;
+        one.frame = f, one.position = positions[std::size_t(f)];
+        groups[s.series].push_back(std::move(one));
+      }
+      continue;
+    }
     groups[s.series].push_back(std::move(s));
   }
   if (groups.empty())
@@ -151,8 +179,8 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   // Checks: one format, one orientation, one multi-frame file or single frames.
   for (const slice_t& s : slices) {
     if (!same_format(s, first)) return refuse("the slices differ in size or pixel format");
-    if (s.frames != 1 && slices.size() > 1)
-      return refuse("a series of several files holds a multi-frame file");
+    if (s.frames != 1 && s.frame < 0 && slices.size() > 1)
+      return refuse("a series of several files holds a multi-frame file without frame positions");
   }
   if (rescaled && first.samples != 1) return refuse("rescaled values need grey images");
   std::array<double, 3> row{1, 0, 0}, column{0, 1, 0}, normal{0, 0, 1};
@@ -198,6 +226,7 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
 
   // One buffer for the whole volume.
   const int depth = slices.size() > 1 ? int(slices.size()) : first.frames;
+  if (depth < 1) return refuse("the series has no frames");
   const int bytes = first.bits_allocated <= 8 ? 1 : first.bits_allocated / 8;
   const int out_bytes = rescaled ? 4 : bytes;
   const std::uint64_t slice_samples = std::uint64_t(first.rows) * first.columns * first.samples;
@@ -205,17 +234,22 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   std::shared_ptr<unsigned char[]> voxels(new unsigned char[total]);
   std::vector<unsigned char> scratch;
 
-  // Second pass: decode each slice into its place.
+  // Second pass: decode each slice into its place (a multi-frame file is read once).
   int k = 0;
+  Dicom file;
+  DicomPixels pixels;
+  const std::wstring* open = nullptr;
   for (const slice_t& s : slices) {
-    Dicom file;
-    if (!load_file(file, s.path)) return refuse("a file of the series can no longer be read");
-    DicomPixels pixels(file);
-    slice_t again;
-    if (pixels.empty() || pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
-        pixels.get_frames() != s.frames || pixels.get_bits_allocated() != s.bits_allocated)
-      return refuse("a file of the series changed while it was read");
-    for (int f = 0; f < s.frames; ++f, ++k) {
+    if (!open || *open != s.path) {
+      if (!load_file(file, s.path)) return refuse("a file of the series can no longer be read");
+      if (!pixels.load(file)) return refuse(pixels.get_error());
+      if (pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
+          pixels.get_frames() != s.frames || pixels.get_bits_allocated() != s.bits_allocated)
+        return refuse("a file of the series changed while it was read");
+      open = &s.path;
+    }
+    const int begin = s.frame < 0 ? 0 : s.frame, end = s.frame < 0 ? s.frames : s.frame + 1;
+    for (int f = begin; f < end; ++f, ++k) {
       unsigned char* target = voxels.get() + std::uint64_t(k) * slice_samples * out_bytes;
       if (!rescaled) {
         if (!pixels.decode(f, target, slice_samples * out_bytes)) return refuse(pixels.get_error());
@@ -223,25 +257,8 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
       }
       scratch.resize(slice_samples * bytes);
       if (!pixels.decode(f, scratch.data(), scratch.size())) return refuse(pixels.get_error());
-      const double slope = pixels.get_rescale_slope(), intercept = pixels.get_rescale_intercept();
-      const bool is_signed = s.representation == 1;
-      for (std::uint64_t i = 0; i < slice_samples; ++i) {
-        const unsigned char* p = scratch.data() + i * bytes;
-        double v;
-        if (bytes == 1) {
-          v = is_signed ? double(std::int8_t(p[0])) : double(p[0]);
-        } else if (bytes == 2) {
-          std::uint16_t u;
-          std::memcpy(&u, p, 2);
-          v = is_signed ? double(std::int16_t(u)) : double(u);
-        } else {
-          std::uint32_t u;
-          std::memcpy(&u, p, 4);
-          v = is_signed ? double(std::int32_t(u)) : double(u);
-        }
-        const float r = float(v * slope + intercept);
-        std::memcpy(target + 4 * i, &r, 4);
-      }
+      detail::rescale_samples(scratch.data(), slice_samples, bytes, s.representation == 1,
+                              pixels.get_rescale_slope(), pixels.get_rescale_intercept(), target);
     }
   }
 

@@ -18,6 +18,17 @@ namespace {
 
 using Vector = MeshMeasures::Vector;
 
+// `v` resized to `n` copies of `value`, with huge pages asked for before the memory is first
+// touched (a pass over tens of millions of triangles otherwise spends much of its time in page
+// faults).
+template <class T>
+void fill_fresh(std::vector<T>& v, std::size_t n, T value) {
+  v.clear();
+  v.reserve(n);
+  detail::advise_huge_pages(v.data(), n * sizeof(T));
+  v.resize(n, value);
+}
+
 // The edges of a mesh, counted by direction. Every run of an edge from one point to another is
 // filed under the lower of the two indices (a counting sort: the lower index is a perfect hash
 // into its bucket), as the higher index times two plus 1 when the run goes upwards. Merged
@@ -26,7 +37,7 @@ using Vector = MeshMeasures::Vector;
 // A bucket holds the edges of one point, a handful in a usual mesh, all of a fan's hub.
 class EdgeBuckets {
  public:
-  explicit EdgeBuckets(std::size_t points) : start_(points + 1, 0) {}
+  explicit EdgeBuckets(std::size_t points) { fill_fresh<std::size_t>(start_, points + 1, 0); }
 
   // First pass: notes one run between two different points.
   void count(std::uint32_t from, std::uint32_t to) { ++start_[std::min(from, to) + 1]; }
@@ -35,7 +46,9 @@ class EdgeBuckets {
   void allocate() {
     for (std::size_t i = 1; i < start_.size(); ++i)
       start_[i] += start_[i - 1];
-    runs_.resize(start_.back());
+    fill_fresh<std::uint32_t>(runs_, start_.back(), 0);
+    fill_.reserve(start_.size() - 1);
+    detail::advise_huge_pages(fill_.data(), fill_.capacity() * sizeof(std::size_t));
     fill_.assign(start_.begin(), start_.end() - 1);
   }
 
@@ -52,8 +65,9 @@ class EdgeBuckets {
   template <class Visit>
   void for_each(Visit visit) {
     const std::size_t points = start_.size() - 1;
-    std::vector<std::uint32_t> seen_in(points, std::numeric_limits<std::uint32_t>::max());
-    std::vector<std::uint32_t> group_of(points);
+    std::vector<std::uint32_t> seen_in, group_of;
+    fill_fresh(seen_in, points, std::numeric_limits<std::uint32_t>::max());
+    fill_fresh<std::uint32_t>(group_of, points, 0);
     std::size_t longest = 0;
     for (std::size_t p = 0; p < points; ++p)
       longest = std::max(longest, start_[p + 1] - start_[p]);
@@ -84,7 +98,7 @@ class EdgeBuckets {
 // Union-find over point indices, with path halving; -1 marks a point no triangle uses.
 class PointGroups {
  public:
-  explicit PointGroups(std::size_t points) : parent_(points, -1) {}
+  explicit PointGroups(std::size_t points) { fill_fresh<std::int32_t>(parent_, points, -1); }
 
   void join(std::int32_t a, std::int32_t b) {
     a = find(a), b = find(b);
@@ -137,6 +151,7 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   PointGroups groups(point_count);
   std::vector<std::uint32_t> corners;  // of the measured triangles, for the second pass
   corners.reserve(3 * polygons_in.size());
+  detail::advise_huge_pages(corners.data(), corners.capacity() * sizeof(std::uint32_t));
 
   // Sums about a reference corner r, in double: 6 x volume, 24 x the first moment, 120 x the
   // second moments (the tetrahedra from r over every triangle, signed by its orientation).

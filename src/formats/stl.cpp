@@ -54,7 +54,7 @@ Encoding detect(Source& source) {
 // outputs are then unspecified).
 template <class Source>
 int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>& points,
-              std::vector<Polygon>& polygons) {
+              std::vector<Polygon>& polygons, Stl::Info& info) {
   const Encoding encoding = detect(source);
   if (encoding == Encoding::unknown) return -1;
 
@@ -85,6 +85,7 @@ int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>&
     }
     points.swap(mesh.points);
     polygons.swap(mesh.polygons);
+    info.binary = true;
     return static_cast<int>(polygons.size());
   }
 
@@ -93,19 +94,23 @@ int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>&
   for (std::string_view lines = source.next(0); !lines.empty(); lines = source.next(0))
     if (!text.feed(lines)) return -1;
   name.swap(text.name);
+  info.odd_facets = text.odd_facets();
   points.swap(text.mesh.points);
   polygons.swap(text.mesh.polygons);
   return static_cast<int>(polygons.size());
 }
 
-// Reads the mesh `source` holds into `mesh` (see Stl::load).
+// Reads the mesh `source` holds into `mesh` and what the file showed into `info` (see
+// Stl::load).
 template <class Source>
-int load_from(Source& source, bool merge, Stl& mesh) {
+int load_from(Source& source, bool merge, Stl& mesh, Stl::Info& info) {
   std::string name;
   std::vector<Point> points;
   std::vector<Polygon> polygons;
-  const int result = read_mesh(source, merge, name, points, polygons);
+  info = Stl::Info();
+  const int result = read_mesh(source, merge, name, points, polygons, info);
   if (result < 0) {
+    info = Stl::Info();
     mesh.clear();
     return -1;
   }
@@ -133,14 +138,15 @@ int Stl::load(std::wstring const& path, bool merge) {
   const auto native = detail::native_path(path);
   if (!native || !file.open(*native)) {
     clear();
+    info_ = Info();
     return -1;
   }
-  return load_from(file, merge, *this);
+  return load_from(file, merge, *this, info_);
 }
 
 int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
   detail::MemorySource bytes(std::string_view(static_cast<char const*>(data), data ? size : 0));
-  return load_from(bytes, merge, *this);
+  return load_from(bytes, merge, *this, info_);
 }
 
 int Stl::save(std::wstring const& path, int precision) const {

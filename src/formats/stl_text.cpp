@@ -82,25 +82,27 @@ constexpr auto kFieldStop = [] {
   return stop;
 }();
 
-// A line without any of 'v', 's' and '"' before its '\n' holds nothing the text reader uses.
+// A line without any of 'v', 's', 'f' and '"' before its '\n' holds nothing the text reader
+// uses ('f' for the facets, which are only counted).
 constexpr auto kLineMatters = [] {
   std::array<bool, 256> matters{};
-  for (unsigned char c : {'v', 's', '"', '\n'})
+  for (unsigned char c : {'v', 's', 'f', '"', '\n'})
     matters[c] = true;
   return matters;
 }();
 
-// The first of 'v', 's', '"' and '\n' at or after p, or end; 16 bytes at a time where SSE2 is
-// there.
+// The first of 'v', 's', 'f', '"' and '\n' at or after p, or end; 16 bytes at a time where
+// SSE2 is there.
 char const* find_line_matter(char const* p, char const* const end) {
 #if defined(__SSE2__)
   const __m128i v = _mm_set1_epi8('v'), s = _mm_set1_epi8('s');
-  const __m128i quote = _mm_set1_epi8('"'), nl = _mm_set1_epi8('\n');
+  const __m128i quote = _mm_set1_epi8('"'), nl = _mm_set1_epi8('\n'), f = _mm_set1_epi8('f');
   for (; end - p >= 16; p += 16) {
     const __m128i chunk = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
-    const __m128i hit =
+    const __m128i hit = _mm_or_si128(
         _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, v), _mm_cmpeq_epi8(chunk, s)),
-                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl)));
+                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl))),
+        _mm_cmpeq_epi8(chunk, f));
     const int mask = _mm_movemask_epi8(hit);
     if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
   }
@@ -116,6 +118,7 @@ struct TextLine {
   int have = 0;
   double xyz[3] = {0, 0, 0};
   bool has_name = false;
+  bool facet = false;     // a field "facet": a new facet starts
   std::string_view name;  // valid until the next line is read
 };
 
@@ -129,6 +132,8 @@ bool take_field(TextLine& line, std::string_view f) {
         line.kind = TextLine::vertex_line;
       } else if (f == "solid") {
         line.kind = TextLine::name_line;
+      } else if (f == "facet") {
+        line.facet = true;
       }
       return true;
     case TextLine::name_line:
@@ -166,9 +171,19 @@ char const* read_line_general(char const* p, char const* end, std::string& text,
 // the next line, or nullptr when the line holds a quote that matters (the caller then reads
 // it with read_line_general).
 char const* read_line_fast(char const* p, char const* const end, TextLine& line) {
-  // A line matters only when one of its fields can be "vertex" or "solid", or when it holds a
-  // quote. Without a 'v', an 's' or a '"' it cannot, and is passed over in one quick scan.
-  char const* const q = find_line_matter(p, end);
+  // A line matters only when one of its fields can be "vertex", "solid" or "facet", or when it
+  // holds a quote. Without a 'v', an 's', an 'f' or a '"' it cannot, and is passed over in one
+  // quick scan. A "facet" is noted and the scan goes on past it.
+  const auto cr_ends_line = [end](char const* c) { return c + 1 == end || c[1] == '\n'; };
+  const auto field_ends_at = [&](char const* c) {
+    return c == end || is_blank(*c) || *c == '\n' || (*c == '\r' && cr_ends_line(c));
+  };
+  char const* q = find_line_matter(p, end);
+  for (; q != end && *q == 'f'; q = find_line_matter(q + 1, end)) {
+    if ((q == p || is_blank(q[-1])) && end - q >= 5 && std::memcmp(q, "facet", 5) == 0 &&
+        field_ends_at(q + 5))
+      line.facet = true;
+  }
   if (q == end) return end;
   if (*q == '\n') return q + 1;
   // The usual vertex line: "vertex" is the first field that can matter. Nothing before q on
@@ -179,8 +194,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     line.kind = TextLine::vertex_line;
     p = q + 6;
   }
-  // A '\r' ends the line only right before '\n' or at the end of the text.
-  const auto cr_ends_line = [end](char const* c) { return c + 1 == end || c[1] == '\n'; };
+  // A '\r' ends the line only right before '\n' or at the end of the text (cr_ends_line).
   const auto field_end = [&](char const* c) -> char const* {
     for (; c != end; ++c) {
       if (!kFieldStop[static_cast<unsigned char>(*c)]) continue;
@@ -199,8 +213,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
       double v;
       const auto r = fast_float::from_chars(p, end, v);
       char const* const e = r.ptr;
-      if (r.ec == std::errc() &&
-          (e == end || is_blank(*e) || *e == '\n' || (*e == '\r' && cr_ends_line(e)))) {
+      if (r.ec == std::errc() && field_ends_at(e)) {
         line.xyz[line.have++] = v;
         if (line.have == 3) return past_line(e, end);
         p = e;
@@ -211,6 +224,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     if (e == nullptr) return nullptr;
     const std::string_view f(p, static_cast<std::size_t>(e - p));
     if (line.kind == TextLine::none && f != "vertex" && f != "solid") {
+      if (f == "facet") line.facet = true;
       p = e;  // the common case: a field that starts nothing
       continue;
     }
@@ -256,6 +270,10 @@ void StlTextDetector::feed(std::string_view lines) {
   });
 }
 
+std::int64_t StlTextReader::odd_facets() const {
+  return odd_facets_ + (in_facet_ && facet_vertices_ != 3 ? 1 : 0);
+}
+
 bool StlTextReader::feed(std::string_view lines) {
   char const* p = lines.data();
   char const* const end = p + lines.size();
@@ -272,7 +290,13 @@ bool StlTextReader::feed(std::string_view lines) {
       name.clear();
       append_valid_utf8(name, line.name);
     }
+    if (line.facet) {
+      if (in_facet_ && facet_vertices_ != 3) ++odd_facets_;
+      in_facet_ = true;
+      facet_vertices_ = 0;
+    }
     if (line.kind != TextLine::vertex_line || line.have < 3) continue;
+    ++facet_vertices_;
     corners_[pending_++] =
         Stl::Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),
                    static_cast<float>(line.xyz[2]));

@@ -4,6 +4,7 @@
 #include "formats/stl_point_table.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -31,6 +32,9 @@ class StlTextReader {
 
   // Reads the whole lines of `lines`; false when the mesh outgrows int indices.
   bool feed(std::string_view lines);
+  // Facets so far with other than three vertex lines: a facet runs from a line with a field
+  // "facet" to the next such line or the end of the text.
+  std::int64_t odd_facets() const;
 
   MeshBuilder mesh;
   std::string name;  // empty unless a name line occurs
@@ -39,6 +43,8 @@ class StlTextReader {
   Stl::Point corners_[3];
   int pending_ = 0;
   std::string scratch_;
+  bool in_facet_ = false;
+  std::int64_t facet_vertices_ = 0, odd_facets_ = 0;
 };
 
 // The number at the start of `field` as strtod reads it in the C locale, or 0 when it holds

@@ -477,6 +477,24 @@ TEST(DicomPixels, RefusesFilesThatLie) {
   const Bytes r0 = rle_frame(f0, 1), r1 = rle_frame(f1, 1);
   rle.pixels = items({0, std::uint32_t(8 + r0.size())}, {r0, r1});
   EXPECT_EQ(frames_of(dir.write("rle.dcm", rle.bytes())), (std::vector<Bytes>{f0, f1}));
+  // The Extended Offset Table wins over an empty Basic Offset Table; its lengths cut padding.
+  auto u64s = [](std::vector<std::uint64_t> v) {
+    std::string out = "OV";
+    for (std::uint64_t x : v)
+      for (int b = 0; b < 8; ++b)
+        out += char((x >> (8 * b)) & 0xFF);
+    return out;
+  };
+  Native extended = rle;
+  Bytes padded = r0;
+  padded.insert(padded.end(), {0, 0});
+  extended.pixels = items({}, {padded, r1});
+  extended.extra[0x7FE00001] = u64s({0, 8 + padded.size()});
+  extended.extra[0x7FE00002] = u64s({r0.size(), r1.size()});
+  EXPECT_EQ(frames_of(dir.write("eot.dcm", extended.bytes())), (std::vector<Bytes>{f0, f1}));
+  extended.extra[0x7FE00001] = u64s({0, 1u << 20});
+  refused(extended, "points to no fragment");
+
   Native bad = rle;
   bad.pixels = items({0, 12345}, {r0, r1});
   refused(bad, "points to no fragment");

@@ -222,6 +222,7 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
     quib::Stl mesh;
     ASSERT_EQ(mesh.load(write("odd.stl", text), false), int(expected.points.size() / 3));
     EXPECT_EQ(mesh.get_name(), expected.name);
+    EXPECT_EQ(mesh.info().odd_facets, expected.odd_facets);
     for (std::size_t i = 0; i < expected.points.size(); ++i) {
       for (int c = 0; c < 3; ++c) {
         std::uint32_t a, b;
@@ -232,6 +233,23 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
     }
   }
   EXPECT_GT(triangles, 100u);  // the vocabulary does produce vertex lines
+}
+
+TEST_F(StlFiles, InfoTellsTheEncodingAndCountsFacetsWithOtherThanThreeVertices) {
+  const std::string quad =
+      "facet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\nvertex 1 1 0\n"
+      "vertex 0 1 0\nendloop\nendfacet\n";
+  const std::string text = "solid q\n" + ascii_facet(kT1) + quad + ascii_facet(kT2) +
+                           "facet normal 0 0 1\nendfacet\nendsolid q\n";
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(write("quad.stl", text), true), 3);  // 3 + 4 + 3 vertex lines
+  EXPECT_FALSE(mesh.info().binary);
+  EXPECT_EQ(mesh.info().odd_facets, 2);  // the quad and the empty last facet
+  ASSERT_EQ(mesh.load(write("b.stl", binary_file("b", 1, {kT1})), false), 1);
+  EXPECT_TRUE(mesh.info().binary);
+  EXPECT_EQ(mesh.info().odd_facets, 0);
+  EXPECT_EQ(mesh.load(path("missing.stl"), false), -1);
+  EXPECT_FALSE(mesh.info().binary);
 }
 
 // Found by the fuzzer: quotes inside a name join bytes that are not UTF-8 on their own.

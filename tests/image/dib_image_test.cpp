@@ -57,7 +57,7 @@ int rowBytesOf(int width, int bitCount) {
 }
 
 // A bottom-up palette bitmap of `bits` bits per pixel holding the indices of `indices`
-// (CV_8UC1), packed with the leftmost pixel in the high bits.
+// (CV_8UC1), packed with the leftmost pixel in the high bits; for more than 8 bits, zero rows.
 Bytes paletteBmp(cv::Mat const& indices, int bits, std::vector<std::uint32_t> const& table) {
   const int rowBytes = rowBytesOf(indices.cols, bits);
   const std::uint32_t offBits = 54 + 4 * std::uint32_t(table.size());
@@ -74,7 +74,7 @@ Bytes paletteBmp(cv::Mat const& indices, int bits, std::vector<std::uint32_t> co
   put32(b, 46, std::uint32_t(table.size()));
   for (std::size_t i = 0; i < table.size(); ++i)
     put32(b, 54 + 4 * i, table[i]);
-  for (int y = 0; y < indices.rows; ++y) {
+  for (int y = 0; y < indices.rows && bits <= 8; ++y) {  // deeper rows are left zero
     unsigned char* row = &b[offBits + std::size_t(indices.rows - 1 - y) * rowBytes];
     for (int x = 0; x < indices.cols; ++x) {
       const int bit = x * bits;
