@@ -26,8 +26,13 @@ TEST_F(VisionTool, TracesEachRegionOfAMask) {
   const auto r = runTool({"contours", file("mask.png"), "--overlay", file("overlay.bmp")});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find(": 2 regions\n"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(" points, area 45, box 5,4 10x6\n"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("box 30,20 20x12\n"), std::string::npos);
+  EXPECT_NE(r.out.find("1: area 60 px, centroid 9.5,6.5, perimeter 28, box 5,4 10x6, 0 holes, 28 "
+                       "points\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("2: area 224 px, centroid 39.7143,25.5, perimeter 60, "), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("box 30,20 20x12, 1 hole, "), std::string::npos) << r.out;
   const cv::Mat overlay = cv::imread(file("overlay.bmp"));
   ASSERT_EQ(overlay.size(), mask.size());
   EXPECT_NE(overlay.at<cv::Vec3b>(4, 5), cv::Vec3b(255, 255, 255));  // outline drawn in colour
@@ -41,6 +46,32 @@ TEST_F(VisionTool, TracesEachRegionOfAMask) {
   EXPECT_EQ(regions[0]["box"][0], 0);
   EXPECT_EQ(regions[0]["box"][1], 0);
   EXPECT_EQ(regions[0]["contour"].size(), regions[0]["points"]);
+}
+
+// Regions touching the picture's border come out whole, not as one-pixel-high strips; with
+// --threshold a grey picture is cut at a level.
+TEST_F(VisionTool, ContoursAtTheBorderAndAboveAThreshold) {
+  cv::Mat grey(30, 40, CV_8UC1, cv::Scalar(10));
+  grey(cv::Rect(0, 0, 12, 5)) = 200;    // top-left corner
+  grey(cv::Rect(30, 20, 10, 10)) = 90;  // bottom-right corner, darker
+  ASSERT_TRUE(cv::imwrite(file("grey.png"), grey));
+
+  const auto all = runTool({"contours", "--json", "--threshold", "50", file("grey.png")});
+  ASSERT_EQ(all.code, 0) << all.err;
+  const auto regions = nlohmann::json::parse(all.out)["regions"];
+  ASSERT_EQ(regions.size(), 2u) << all.out;
+  EXPECT_EQ(regions[0]["area"], 60);
+  EXPECT_EQ(regions[0]["box"], nlohmann::json({0, 0, 12, 5}));
+  EXPECT_EQ(regions[0]["centroid"], nlohmann::json({5.5, 2.0}));
+  EXPECT_EQ(regions[0]["holes"], 0);
+  EXPECT_EQ(regions[1]["area"], 100);
+  EXPECT_EQ(regions[1]["box"], nlohmann::json({30, 20, 10, 10}));
+  EXPECT_DOUBLE_EQ(regions[1]["perimeter"].get<double>(), 36.0);
+
+  const auto bright = runTool({"contours", "--threshold", "100", file("grey.png")});
+  ASSERT_EQ(bright.code, 0) << bright.err;
+  EXPECT_NE(bright.out.find(": 1 region\n"), std::string::npos) << bright.out;
+  EXPECT_TRUE(failsWith(runTool({"contours", "--threshold", "255", "g.png"}), 2, "--threshold"));
 }
 
 TEST_F(VisionTool, ContoursRefuseBadInput) {
