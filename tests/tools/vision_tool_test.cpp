@@ -96,8 +96,29 @@ TEST_F(VisionTool, RegistersAShiftedPicture) {
                           "--overlay", file("o.png")});
   ASSERT_EQ(r.code, 0) << r.err;
   // Rows [1, 0, -12], [0, 1, -7], [0, 0, 1]: read the translation column.
-  const auto h = nlohmann::json::parse(r.out)["homography"];
+  const auto result = nlohmann::json::parse(r.out);
+  const auto h = result["homography"];
   EXPECT_NEAR(h[0][2].get<double>(), -12, 0.5) << r.out;
+  EXPECT_GE(result["inliers"].get<int>(), result["min_inliers"].get<int>());
+  EXPECT_LT(result["rms_error"].get<double>(), 1.0);
+
+  // Lowe's test and the mutual filter keep fewer matches, all of them good.
+  const auto strict = runTool(
+      {"register", "--json", "--ratio-test", "0.8", "--mutual", file("a.png"), file("b.png")});
+  ASSERT_EQ(strict.code, 0) << strict.err;
+  const auto s = nlohmann::json::parse(strict.out);
+  EXPECT_LT(s["steps"]["matches"].get<int>(), result["steps"]["matches"].get<int>());
+  EXPECT_NEAR(s["homography"][0][2].get<double>(), -12, 0.5) << strict.out;
+
+  // Unrelated pictures still give a homography, but too few inliers to trust: exit status 1.
+  cv::Mat other(200, 280, CV_8UC1);
+  cv::RNG(77).fill(other, cv::RNG::UNIFORM, 0, 256);
+  cv::GaussianBlur(other, other, cv::Size(0, 0), 2.0);
+  cv::normalize(other, other, 0, 255, cv::NORM_MINMAX);
+  ASSERT_TRUE(cv::imwrite(file("other.png"), other));
+  const auto chance = runTool({"register", file("a.png"), file("other.png")});
+  EXPECT_TRUE(failsWith(chance, 1, "inliers with")) << chance.out << chance.err;
+  EXPECT_NE(chance.out.find("inliers  "), std::string::npos) << chance.out;
   EXPECT_NEAR(h[1][2].get<double>(), -7, 0.5);
   EXPECT_TRUE(cv::imread(file("o.png")).size() == second.size());
 
