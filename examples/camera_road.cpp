@@ -46,6 +46,15 @@ int main(int argc, char** argv) {
   std::printf("fx %.2f fy %.2f cx %.2f cy %.2f k1 %.4f k2 %.4f\n", camera.get_focal_x(),
               camera.get_focal_y(), camera.get_center_x(), camera.get_center_y(),
               camera.get_distortion_k1(), camera.get_distortion_k2());
+  // The whole record says how far to trust it: standard deviations and each view's error.
+  quib::Calibration::Data data;
+  if (calib.get_camera_data(info, data)) {
+    std::printf("+- fx %.2f fy %.2f cx %.2f cy %.2f; RMS error %.3f px\n", data.matrix_deviation[0],
+                data.matrix_deviation[1], data.matrix_deviation[2], data.matrix_deviation[3],
+                data.error);
+    for (std::size_t v = 0; v < data.views.size(); ++v)
+      std::printf("  view %zu: %.3f px\n", v + 1, data.views[v].error);
+  }
 
   // 3. Save the camera file (YAML or XML, chosen by the file name).
   if (!camera.save_setup(cameraFile)) return 1;

@@ -17,12 +17,17 @@ int main() {
 
   quib::Feature feature;
   cv::Mat homography;
+  quib::Feature::Data data;
   // Matches may move at most 30 pixels; keep those up to twice the mean descriptor distance.
-  if (!feature.find(homography, before, after, 30.0, 2.0, quib::Feature::MATCH_BRUTE_FORCE_HAMMING,
-                    quib::Feature::FIND_RANSAC)) {
+  // A homography carried by fewer inliers than kMinimumInliers is likely chance.
+  if (!feature.find(homography, data, before, after, 30.0, 2.0,
+                    quib::Feature::MATCH_BRUTE_FORCE_HAMMING, quib::Feature::FIND_RANSAC) ||
+      data.inliers < quib::Feature::kMinimumInliers) {
     std::puts("no registration found");
     return 1;
   }
+  std::printf("%d inliers of %d matches, RMS transfer error %.3f px\n", data.inliers, data.matches,
+              data.error);
   for (int r = 0; r < 3; ++r)
     std::printf("%9.4f %9.4f %9.4f\n", homography.at<double>(r, 0), homography.at<double>(r, 1),
                 homography.at<double>(r, 2));

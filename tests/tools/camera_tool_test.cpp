@@ -61,6 +61,15 @@ TEST_F(CameraTool, CalibratesSavesAndUndistorts) {
   EXPECT_NEAR(value("cy"), 176, 6);
   EXPECT_NEAR(value("k1"), -0.2, 0.05);
   EXPECT_LT(value("mean_error"), 0.3);
+  EXPECT_LT(value("rms_error"), 0.3);
+  // The standard deviations follow the camera; every accepted view carries its pose.
+  const auto deviations = r.out.find("\"deviations\"");
+  ASSERT_NE(deviations, std::string::npos) << r.out;
+  const double fxDeviation =
+      std::strtod(r.out.c_str() + r.out.find("\"fx\": ", deviations) + 6, nullptr);
+  EXPECT_GT(fxDeviation, 0.0);
+  EXPECT_LT(fxDeviation, 6.0);
+  EXPECT_NE(r.out.find("\"translation\": ["), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"status\": \"board not found\""), std::string::npos) << r.out;
   EXPECT_TRUE(std::filesystem::exists(file("drawn/view4.png")));
 

@@ -26,8 +26,13 @@ TEST_F(VisionTool, TracesEachRegionOfAMask) {
   const auto r = runTool({"contours", file("mask.png"), "--overlay", file("overlay.bmp")});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find(": 2 regions\n"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(" points, area 45, box 5,4 10x6\n"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("box 30,20 20x12\n"), std::string::npos);
+  EXPECT_NE(r.out.find("1: area 60 px, centroid 9.5,6.5, perimeter 28, box 5,4 10x6, 0 holes, 28 "
+                       "points\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("2: area 224 px, centroid 39.7143,25.5, perimeter 60, "), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("box 30,20 20x12, 1 hole, "), std::string::npos) << r.out;
   const cv::Mat overlay = cv::imread(file("overlay.bmp"));
   ASSERT_EQ(overlay.size(), mask.size());
   EXPECT_NE(overlay.at<cv::Vec3b>(4, 5), cv::Vec3b(255, 255, 255));  // outline drawn in colour
@@ -41,6 +46,32 @@ TEST_F(VisionTool, TracesEachRegionOfAMask) {
   EXPECT_EQ(regions[0]["box"][0], 0);
   EXPECT_EQ(regions[0]["box"][1], 0);
   EXPECT_EQ(regions[0]["contour"].size(), regions[0]["points"]);
+}
+
+// Regions touching the picture's border come out whole, not as one-pixel-high strips; with
+// --threshold a grey picture is cut at a level.
+TEST_F(VisionTool, ContoursAtTheBorderAndAboveAThreshold) {
+  cv::Mat grey(30, 40, CV_8UC1, cv::Scalar(10));
+  grey(cv::Rect(0, 0, 12, 5)) = 200;    // top-left corner
+  grey(cv::Rect(30, 20, 10, 10)) = 90;  // bottom-right corner, darker
+  ASSERT_TRUE(cv::imwrite(file("grey.png"), grey));
+
+  const auto all = runTool({"contours", "--json", "--threshold", "50", file("grey.png")});
+  ASSERT_EQ(all.code, 0) << all.err;
+  const auto regions = nlohmann::json::parse(all.out)["regions"];
+  ASSERT_EQ(regions.size(), 2u) << all.out;
+  EXPECT_EQ(regions[0]["area"], 60);
+  EXPECT_EQ(regions[0]["box"], nlohmann::json({0, 0, 12, 5}));
+  EXPECT_EQ(regions[0]["centroid"], nlohmann::json({5.5, 2.0}));
+  EXPECT_EQ(regions[0]["holes"], 0);
+  EXPECT_EQ(regions[1]["area"], 100);
+  EXPECT_EQ(regions[1]["box"], nlohmann::json({30, 20, 10, 10}));
+  EXPECT_DOUBLE_EQ(regions[1]["perimeter"].get<double>(), 36.0);
+
+  const auto bright = runTool({"contours", "--threshold", "100", file("grey.png")});
+  ASSERT_EQ(bright.code, 0) << bright.err;
+  EXPECT_NE(bright.out.find(": 1 region\n"), std::string::npos) << bright.out;
+  EXPECT_TRUE(failsWith(runTool({"contours", "--threshold", "255", "g.png"}), 2, "--threshold"));
 }
 
 TEST_F(VisionTool, ContoursRefuseBadInput) {
@@ -65,8 +96,29 @@ TEST_F(VisionTool, RegistersAShiftedPicture) {
                           "--overlay", file("o.png")});
   ASSERT_EQ(r.code, 0) << r.err;
   // Rows [1, 0, -12], [0, 1, -7], [0, 0, 1]: read the translation column.
-  const auto h = nlohmann::json::parse(r.out)["homography"];
+  const auto result = nlohmann::json::parse(r.out);
+  const auto h = result["homography"];
   EXPECT_NEAR(h[0][2].get<double>(), -12, 0.5) << r.out;
+  EXPECT_GE(result["inliers"].get<int>(), result["min_inliers"].get<int>());
+  EXPECT_LT(result["rms_error"].get<double>(), 1.0);
+
+  // Lowe's test and the mutual filter keep fewer matches, all of them good.
+  const auto strict = runTool(
+      {"register", "--json", "--ratio-test", "0.8", "--mutual", file("a.png"), file("b.png")});
+  ASSERT_EQ(strict.code, 0) << strict.err;
+  const auto s = nlohmann::json::parse(strict.out);
+  EXPECT_LT(s["steps"]["matches"].get<int>(), result["steps"]["matches"].get<int>());
+  EXPECT_NEAR(s["homography"][0][2].get<double>(), -12, 0.5) << strict.out;
+
+  // Unrelated pictures still give a homography, but too few inliers to trust: exit status 1.
+  cv::Mat other(200, 280, CV_8UC1);
+  cv::RNG(77).fill(other, cv::RNG::UNIFORM, 0, 256);
+  cv::GaussianBlur(other, other, cv::Size(0, 0), 2.0);
+  cv::normalize(other, other, 0, 255, cv::NORM_MINMAX);
+  ASSERT_TRUE(cv::imwrite(file("other.png"), other));
+  const auto chance = runTool({"register", file("a.png"), file("other.png")});
+  EXPECT_TRUE(failsWith(chance, 1, "inliers with")) << chance.out << chance.err;
+  EXPECT_NE(chance.out.find("inliers  "), std::string::npos) << chance.out;
   EXPECT_NEAR(h[1][2].get<double>(), -7, 0.5);
   EXPECT_TRUE(cv::imread(file("o.png")).size() == second.size());
 

@@ -77,9 +77,15 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
                            " of " + std::to_string(images.size()) +
                            " pictures; at least 3 views are needed");
   ctx.subject = out;
-  double matrix[9], distortion[4], rotation[3], translation[3];
-  if (!calibration.get_camera_matrix(info, matrix, distortion, rotation, translation))
+  // The whole record: the camera (as get_camera_matrix gives it), its standard deviations and
+  // every view's pose.
+  quib::Calibration::Data data;
+  if (!calibration.get_camera_data(info, data))
     throw Failure(out, "not written: the views could not be solved");
+  double const(&matrix)[9] = data.matrix;
+  double const(&distortion)[4] = data.distortion;
+  double const(&rotation)[3] = data.rotation;
+  double const(&translation)[3] = data.translation;
   quib::Projection camera({size.width, size.height}, matrix, distortion, rotation, translation);
   const std::vector<double> errors = reprojectionErrors(info, camera);
 
@@ -101,8 +107,8 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
       quib::Calibration drawing = calibration;
       cv::Mat picture = readImage(accepted[v], read_as::colour);
       quib::Image image = imageOver(picture);
-      drawing.get_chess_extrinsic_parameters(one, posed);
-      drawing.draw_calibration(one, posed, image, 0x00FF00u);
+      if (drawing.get_chess_extrinsic_parameters(one, posed))
+        static_cast<void>(drawing.draw_calibration(one, posed, image, 0x00FF00u));
       writeImage(outputPath(drawDir, accepted[v], ".png"), picture);
     }
   }
@@ -112,7 +118,12 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
     Json list = Json::array();
     for (View const& v : views) {
       Json j = {{"file", v.file}, {"accepted", v.index != std::string::npos}, {"status", v.status}};
-      if (v.index != std::string::npos) j["error"] = errors[v.index];
+      if (v.index != std::string::npos) {
+        quib::Calibration::View const& seen = data.views[v.index];
+        j["error"] = errors[v.index];
+        j["rotation"] = {seen.rotation[0], seen.rotation[1], seen.rotation[2]};
+        j["translation"] = {seen.translation[0], seen.translation[1], seen.translation[2]};
+      }
       list.push_back(std::move(j));
     }
     writeJson(ctx.out, {{"camera_file", out},
@@ -126,15 +137,32 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
                         {"k2", distortion[1]},
                         {"p1", distortion[2]},
                         {"p2", distortion[3]},
+                        {"deviations",
+                         {{"fx", data.matrix_deviation[0]},
+                          {"fy", data.matrix_deviation[1]},
+                          {"cx", data.matrix_deviation[2]},
+                          {"cy", data.matrix_deviation[3]},
+                          {"k1", data.distortion_deviation[0]},
+                          {"k2", data.distortion_deviation[1]},
+                          {"p1", data.distortion_deviation[2]},
+                          {"p2", data.distortion_deviation[3]}}},
                         {"views", list},
-                        {"mean_error", mean}});
+                        {"mean_error", mean},
+                        {"rms_error", data.error}});
   } else {
     std::ostream& o = ctx.out;
+    auto pm = [&](double value, double deviation, int digits) {
+      return formatShort(value, digits) + " +- " + formatShort(deviation, 3);
+    };
     o << "camera (" << accepted.size() << " views, " << size.width << 'x' << size.height << ")\n"
-      << "  fx " << formatShort(matrix[0], 8) << "  fy " << formatShort(matrix[4], 8) << '\n'
-      << "  cx " << formatShort(matrix[2], 8) << "  cy " << formatShort(matrix[5], 8) << '\n'
-      << "  k1 " << formatShort(distortion[0]) << "  k2 " << formatShort(distortion[1]) << "  p1 "
-      << formatShort(distortion[2]) << "  p2 " << formatShort(distortion[3]) << '\n'
+      << "  fx " << pm(matrix[0], data.matrix_deviation[0], 8) << "  fy "
+      << pm(matrix[4], data.matrix_deviation[1], 8) << '\n'
+      << "  cx " << pm(matrix[2], data.matrix_deviation[2], 8) << "  cy "
+      << pm(matrix[5], data.matrix_deviation[3], 8) << '\n'
+      << "  k1 " << pm(distortion[0], data.distortion_deviation[0], 6) << "  k2 "
+      << pm(distortion[1], data.distortion_deviation[1], 6) << '\n'
+      << "  p1 " << pm(distortion[2], data.distortion_deviation[2], 6) << "  p2 "
+      << pm(distortion[3], data.distortion_deviation[3], 6) << '\n'
       << "reprojection error (px)\n";
     for (std::size_t v = 0; v < accepted.size(); ++v)
       o << "  " << accepted[v] << "  " << formatShort(errors[v], 4) << '\n';
@@ -152,9 +180,11 @@ void add_calibrate_command(CLI::App& quib, Context& ctx) {
       "Calibrates a camera from pictures of a flat chessboard. Each picture gets one line: "
       "accepted, with its corner count, or why not. The accepted views are solved for the "
       "camera matrix and the lens distortion (k1, k2, p1, p2), which are saved in a camera file "
-      "and printed with the reprojection error of every view and their root mean square (the "
-      "distance in pixels between the detected corners and the board projected back through "
-      "the camera). At least 3 accepted views are needed; 10 or more from varied angles give a "
+      "and printed with their standard deviations (from the solver, as OpenCV's "
+      "calibrateCameraExtended gives them) and the reprojection error of every view and their "
+      "root mean square (the distance in pixels between the detected corners and the board "
+      "projected back through the camera); --json adds each view's pose. At least 3 accepted views "
+      "are needed; 10 or more from varied angles give a "
       "good camera. All pictures must have the same size.");
   cmd.add_option("IMAGES", o->images, "the chessboard pictures; '-' reads standard input")
       ->required();
