@@ -172,54 +172,8 @@ std::string slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Reads a file as the standard reading does: every top-level element with its raw bytes,
-// encapsulated Pixel Data as the items between its header and its delimiter. Explicit VR
-// little endian data sets only (what the compressing tools write); native files go through
-// the library's own reading.
 bool load(Dicom& file, const std::string& path) {
-  if (file.load(std::wstring(path.begin(), path.end())) < 0) return false;
-  const std::string s = slurp(path);
-  auto uid = file->find(quib::dicom::tag_key(0x0002, 0x0010));
-  if (uid == file->end()) return true;
-  std::string syntax(uid->second.begin(), uid->second.end());
-  while (!syntax.empty() && (syntax.back() == '\0' || syntax.back() == ' '))
-    syntax.pop_back();
-  if (syntax == kImplicit || syntax == kExplicit || syntax == kBig) return true;
-  file.clear();
-  auto u16 = [&](std::size_t at) {
-    return unsigned((unsigned char)s[at] | ((unsigned char)s[at + 1] << 8));
-  };
-  auto u32 = [&](std::size_t at) {
-    return std::uint32_t(u16(at) | (std::uint32_t(u16(at + 2)) << 16));
-  };
-  std::size_t at = 132;
-  while (at + 8 <= s.size()) {
-    const unsigned group = u16(at), number = u16(at + 2);
-    const std::string vr = s.substr(at + 4, 2);
-    std::uint32_t length;
-    std::size_t header = 8;
-    if (vr == "OB" || vr == "OW" || vr == "SQ" || vr == "UT" || vr == "UN" || vr == "OV" ||
-        vr == "OF" || vr == "OD" || vr == "OL" || vr == "UC" || vr == "UR") {
-      length = u32(at + 8), header = 12;
-    } else {
-      length = u16(at + 6);
-    }
-    at += header;
-    if (length == 0xFFFFFFFFu) {  // only Pixel Data in these files: its items up to the delimiter
-      std::size_t end = at;
-      while (end + 8 <= s.size() && !(u16(end) == 0xFFFE && u16(end + 2) == 0xE0DD))
-        end += 8 + u32(end + 4);
-      length = std::uint32_t(end - at);
-      file->emplace(quib::dicom::tag_key(group, number), Bytes(s.begin() + at, s.begin() + end));
-      at = end + 8;
-      continue;
-    }
-    if (at + length > s.size()) return false;
-    file->emplace(quib::dicom::tag_key(group, number),
-                  Bytes(s.begin() + at, s.begin() + at + length));
-    at += length;
-  }
-  return true;
+  return file.load(std::wstring(path.begin(), path.end()), Dicom::READ_STANDARD) > 0;
 }
 
 std::string run(const std::string& command) {
