@@ -164,6 +164,15 @@ std::vector<double> numbers(const Dicom& file, std::uint16_t group, std::uint16_
   return values;
 }
 
+// The numbers of element (group, number) in the first item of sequence (sequence_group,
+// sequence) of a functional groups item.
+std::vector<double> grouped(const Dicom& groups, std::uint16_t sequence_group,
+                            std::uint16_t sequence, std::uint16_t group, std::uint16_t number) {
+  std::vector<Dicom> items;
+  if (groups.read_items(Dicom::Tag(sequence_group, sequence), items) < 1) return {};
+  return numbers(items[0], group, number);
+}
+
 template <std::size_t N>
 std::array<double, N> fixed(const Dicom& file, std::uint16_t group, std::uint16_t number) {
   std::array<double, N> out;
@@ -397,6 +406,38 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   next.orientation = fixed<6>(file, 0x0020, 0x0037);
   const auto thickness = numbers(file, 0x0018, 0x0050);
   next.slice_thickness = thickness.size() == 1 ? thickness[0] : kNaN;
+
+  // Multi-frame files with functional groups: each frame's position, and the shared (else the
+  // first frame's) orientation, pixel spacing and thickness where the top level has none.
+  std::vector<Dicom> per_frame, shared;
+  file.read_items(Dicom::Tag(0x5200, 0x9229), shared);
+  if (file.read_items(Dicom::Tag(0x5200, 0x9230), per_frame) == next.frames) {
+    for (const Dicom& item : per_frame) {
+      const auto p = grouped(item, 0x0020, 0x9113, 0x0020, 0x0032);
+      if (p.size() != 3) {
+        next.frame_positions.clear();
+        break;
+      }
+      next.frame_positions.push_back({p[0], p[1], p[2]});
+    }
+  }
+  for (const auto* groups :
+       {shared.empty() ? nullptr : &shared[0], per_frame.empty() ? nullptr : &per_frame[0]}) {
+    if (!groups) continue;
+    auto fill = [&](auto& target, std::uint16_t sequence_group, std::uint16_t sequence,
+                    std::uint16_t group, std::uint16_t number) {
+      const auto v = grouped(*groups, sequence_group, sequence, group, number);
+      if (!std::isfinite(target[0]) && v.size() == target.size())
+        std::copy(v.begin(), v.end(), target.begin());
+    };
+    fill(next.orientation, 0x0020, 0x9116, 0x0020, 0x0037);    // Plane Orientation
+    fill(next.pixel_spacing, 0x0028, 0x9110, 0x0028, 0x0030);  // Pixel Measures
+    std::array<double, 1> thickness_value{next.slice_thickness};
+    fill(thickness_value, 0x0028, 0x9110, 0x0018, 0x0050);
+    next.slice_thickness = thickness_value[0];
+  }
+  if (!std::isfinite(next.position[0]) && !next.frame_positions.empty())
+    next.position = next.frame_positions[0];
 
   const auto slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
   if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope = slope[0];

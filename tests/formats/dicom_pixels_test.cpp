@@ -707,4 +707,59 @@ TEST(DicomVolume, OrdersSlicesAlongTheNormalAndChecksTheSeries) {
   EXPECT_EQ(Bytes(volume.get_data(), volume.get_data() + volume.get_bytes()), frames.pixels);
 }
 
+// A multi-frame file whose functional groups give each frame its position: the volume orders
+// the frames by them, whatever order they are stored in.
+TEST(DicomVolume, OrdersFramesByTheirFunctionalGroupPositions) {
+  TempDir dir;
+  auto element = [](unsigned group, unsigned number, const std::string& vr, std::string value) {
+    if (value.size() % 2) value += ' ';
+    std::string out{char(group & 0xFF), char(group >> 8), char(number & 0xFF), char(number >> 8)};
+    const std::uint32_t n = std::uint32_t(value.size());
+    if (vr == "SQ") {
+      out += "SQ" + std::string(2, '\0') +
+             std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+    } else {
+      out += vr + std::string{char(n & 0xFF), char(n >> 8)};
+    }
+    return out + value;
+  };
+  auto item = [](const std::string& body) {
+    const std::uint32_t n = std::uint32_t(body.size());
+    return std::string("\xFE\xFF\x00\xE0", 4) +
+           std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + body;
+  };
+  Native n = picture(16, 16, 1, 4);
+  const double z[4] = {6, 0, 9, 3};  // stored out of order, 3 mm apart
+  std::string frames;
+  for (double at : z)
+    frames +=
+        item(element(0x0020, 0x9113, "SQ",
+                     item(element(0x0020, 0x0032, "DS", "1\\2\\" + std::to_string(int(at))))));
+  const std::string shared =
+      item(element(0x0020, 0x9116, "SQ", item(element(0x0020, 0x0037, "DS", "1\\0\\0\\0\\1\\0"))) +
+           element(0x0028, 0x9110, "SQ", item(element(0x0028, 0x0030, "DS", "0.5\\0.5"))));
+  n.extra[0x52009229] = "SQ" + shared;
+  n.extra[0x52009230] = "SQ" + frames;
+  const std::string path = dir.write("enhanced.dcm", n.bytes());
+  Dicom file;
+  ASSERT_TRUE(load(file, path));
+  DicomPixels pixels(file);
+  ASSERT_EQ(pixels.get_frame_positions().size(), 4u);
+  EXPECT_EQ(pixels.get_frame_positions()[2][2], 9);
+  EXPECT_EQ(pixels.get_orientation()[4], 1);
+  quib::DicomVolume volume;
+  ASSERT_TRUE(volume.load(std::wstring(path.begin(), path.end()))) << volume.get_error();
+  EXPECT_EQ(volume.get_depth(), 4);
+  EXPECT_EQ(volume.get_spacing()[2], 3);
+  EXPECT_EQ(volume.get_spacing()[0], 0.5);
+  EXPECT_EQ(volume.get_origin()[2], 0);
+  const std::size_t frame_bytes = n.pixels.size() / 4;
+  const int stored_at[4] = {1, 3, 0, 2};  // the frame lying at 0, 3, 6 and 9 mm
+  for (int k = 0; k < 4; ++k)
+    EXPECT_EQ(Bytes(volume.get_data() + k * frame_bytes, volume.get_data() + (k + 1) * frame_bytes),
+              Bytes(n.pixels.begin() + stored_at[k] * frame_bytes,
+                    n.pixels.begin() + (stored_at[k] + 1) * frame_bytes))
+        << "slice " << k;
+}
+
 }  // namespace
