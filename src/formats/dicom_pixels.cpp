@@ -385,9 +385,16 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
     const auto table = numbers(file, 0x7FE0, 0x0001), table_lengths = numbers(file, 0x7FE0, 0x0002);
     if (!table_lengths.empty() && table_lengths.size() != table.size())
       return refuse("Extended Offset Table has a broken length");
+    // Offsets and lengths past the value cannot be right; refusing them here also keeps the
+    // conversion from floating point defined.
+    const double limit = double(pixel_data->size());
     for (std::size_t i = 0; i < table.size(); ++i) {
+      const double length = table_lengths.empty() ? 0 : table_lengths[i];
+      if (!(table[i] >= 0 && table[i] <= limit && length >= 0 && length <= limit))
+        return refuse("Extended Offset Table entry " + std::to_string(i) +
+                      " lies outside the data");
       offsets.push_back(std::uint64_t(table[i]));
-      if (!table_lengths.empty()) lengths.push_back(std::uint64_t(table_lengths[i]));
+      if (!table_lengths.empty()) lengths.push_back(std::uint64_t(length));
     }
     std::vector<std::vector<byte_span>> located;
     if (!detail::locate_frames(items, std::size_t(next.frames), offsets, lengths, codec, located,

@@ -446,8 +446,11 @@ TEST(DicomPixels, RefusesFilesThatLie) {
   extended.extra[0x7FE00001] = u64s({0, 8 + padded.size()});
   extended.extra[0x7FE00002] = u64s({r0.size(), r1.size()});
   EXPECT_EQ(frames_of(dir.write("eot.dcm", extended.bytes())), (std::vector<Bytes>{f0, f1}));
-  extended.extra[0x7FE00001] = u64s({0, 1u << 20});
+  extended.extra[0x7FE00001] = u64s({0, 8 + padded.size() + 8});
   refused(extended, "points to no fragment");
+  // From the fuzzer: offsets beyond any value's size (here 2^64 - 1) are refused as such.
+  extended.extra[0x7FE00001] = u64s({0, ~std::uint64_t{0}});
+  refused(extended, "Extended Offset Table entry 1 lies outside the data");
 
   Native bad = rle;
   bad.pixels = items({0, 12345}, {r0, r1});
