@@ -189,15 +189,22 @@ void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count,
                  bool is_signed) {
   using U = std::make_unsigned_t<T>;
   const int shift = int(8 * sizeof(T)) - bits;
-  for (std::size_t i = 0; i < count; ++i) {
-    U v;
-    std::memcpy(&v, in + i * sizeof(T), sizeof(T));
-    if (is_signed) {
-      v = U(T(U(v << shift)) >> shift);
-    } else {
-      v = U(U(v << shift) >> shift);
+  // Two plain loops (no branch inside) so that the compiler vectorises each.
+  if (is_signed) {
+    for (std::size_t i = 0; i < count; ++i) {
+      U v;
+      std::memcpy(&v, in + i * sizeof(T), sizeof(T));
+      const T s = T(T(U(v << shift)) >> shift);
+      std::memcpy(out + i * sizeof(T), &s, sizeof(T));
     }
-    std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+  } else {
+    const U mask = U(U(~U(0)) >> shift);
+    for (std::size_t i = 0; i < count; ++i) {
+      U v;
+      std::memcpy(&v, in + i * sizeof(T), sizeof(T));
+      v = U(v & mask);
+      std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+    }
   }
 }
 
