@@ -1,8 +1,9 @@
-// Arbitrary bytes as a command line and as text for the quib tool's frame: option parsing must
-// only ever accept or refuse with UsageError, and every string must come out as valid JSON
-// (printable ASCII or whole UTF-8 sequences inside the quotes, nothing raw below 0x20).
+// Arbitrary bytes as a command line for the quib tool's whole command tree, parsed and checked
+// but not run: every command line must end in help (exit 0) or one usage line (exit 2), never
+// a crash; and arbitrary bytes as a JSON string must come out as JSON that reads back.
 #include "cli.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -10,38 +11,12 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-// True when `s` is one JSON string literal of the shape writeJsonString produces.
-bool wellFormed(std::string const& s) {
-  if (s.size() < 2 || s.front() != '"' || s.back() != '"') return false;
-  std::wstring wide;
-  if (!quib::tool::toWide(s, wide)) return false;
-  for (std::size_t i = 1; i + 1 < s.size(); ++i) {
-    const unsigned char c = static_cast<unsigned char>(s[i]);
-    if (c < 0x20) return false;
-    if (c == '"') return false;
-    if (c == '\\') {
-      const char e = s[++i];
-      if (e == 'u') {
-        if (i + 4 >= s.size()) return false;
-        i += 4;
-      } else if (std::string("\"\\bfnrt").find(e) == std::string::npos) {
-        return false;
-      }
-    }
-  }
-  return true;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<char const*>(data), size);
 
-  std::ostringstream out;
-  quib::tool::writeJsonString(out, text);
-  if (!wellFormed(out.str())) std::abort();
+  std::ostringstream json;
+  quib::tool::writeJson(json, quib::tool::Json{{"file", text}});
+  if (!quib::tool::Json::accept(json.str())) std::abort();
 
   // NUL separates the words of the command line.
   std::vector<std::string> words;
@@ -55,15 +30,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   words.push_back(word);
-  try {
-    const quib::tool::Args args(words, {{"--limit", true}, {"--all"}, {"--tag", true, true}});
-    (void)args.number("--limit", 0, -1e9, 1e9);
-    (void)args.integer("--limit", 0, -1000, 1000);
-    quib::tool::Json j = quib::tool::Json::object();
-    j.set("tags", quib::tool::Json::strings(args.values("--tag")))
-        .set("rest", quib::tool::Json::strings(args.positional()));
-    (void)j.dump();
-  } catch (quib::tool::UsageError const&) {
+
+  std::ostringstream out, err;
+  quib::tool::Context ctx(out, err);
+  ctx.parseOnly = true;
+  const auto app = quib::tool::makeApp(ctx, "0");
+  const int code = quib::tool::run(*app, ctx, words);
+  if (code != quib::tool::exit_code::ok && code != quib::tool::exit_code::bad_usage) std::abort();
+  if (code == quib::tool::exit_code::bad_usage) {
+    // One line, or the whole usage when no command was named.
+    const std::string e = err.str();
+    const auto lines = std::count(e.begin(), e.end(), '\n');
+    if (e.empty() || e.back() != '\n' || (lines != 1 && e.rfind("usage: ", 0) != 0)) std::abort();
   }
   return 0;
 }

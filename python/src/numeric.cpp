@@ -27,11 +27,11 @@ Fit fit(py::handle points, py::handle weights, py::handle k) {
   const double kk = robust ? k.cast<double>() : 0.0;
   py::gil_scoped_release release;
   if (robust) return Fit::create(pts, kk);
-  Fit f;
+  Fit f;  // a failed fit holds NaN coefficients, which the result object reports
   if (weights.is_none())
-    f.calculate(pts);
+    static_cast<void>(f.calculate(pts));
   else
-    f.calculate(pts, w);
+    static_cast<void>(f.calculate(pts, w));
   return f;
 }
 
@@ -191,9 +191,9 @@ void bind_numeric(py::module_& m) {
         if (robust) return LeastSquaresDimension::create(scale, degree, pts, kk);
         LeastSquaresDimension f(scale);
         if (weights.is_none())
-          f.calculate(degree, pts);
+          static_cast<void>(f.calculate(degree, pts));
         else
-          f.calculate(degree, pts, w);
+          static_cast<void>(f.calculate(degree, pts, w));
         return f;
       },
       py::arg("points"), py::arg("degree"), py::arg("weights") = py::none(),

@@ -91,12 +91,12 @@ TEST_F(CameraTool, RefusesTooFewViewsAndBadCameraFiles) {
                 "nope.yml: no such file"));
 
   EXPECT_TRUE(failsWith(runTool({"calibrate", "--square", "24", blank}), 2, "--board"));
-  EXPECT_TRUE(
-      failsWith(runTool({"calibrate", "--board", "9", "--square", "24", blank}), 2, "'--board'"));
+  EXPECT_TRUE(failsWith(runTool({"calibrate", "--board", "9", "--square", "24", blank}), 2,
+                        "--board: wants"));
   EXPECT_TRUE(failsWith(runTool({"calibrate", "--board", "9x6", "--square", "2.5", blank}), 2,
-                        "'--square'"));
-  EXPECT_TRUE(
-      failsWith(runTool({"calibrate", "--board", "9x6", "--square", "24"}), 2, "no IMAGES"));
+                        "--square: wants"));
+  EXPECT_TRUE(failsWith(runTool({"calibrate", "--board", "9x6", "--square", "24"}), 2,
+                        "IMAGES is required"));
   EXPECT_TRUE(failsWith(runTool({"undistort", "--camera", "c.yml", blank}), 2, "--out"));
 }
 
@@ -120,7 +120,7 @@ TEST_F(CameraTool, DemoRecoversTheCameraAndMeasuresTheScene) {
   EXPECT_LT(after("normal_error_degrees"), 1);
   EXPECT_TRUE(std::filesystem::exists(file("demo/camera.yml")));
   EXPECT_TRUE(std::filesystem::exists(file("demo/view1-undistorted.png")));
-  EXPECT_TRUE(failsWith(runTool({"demo", "extra"}), 2, "takes no arguments"));
+  EXPECT_TRUE(failsWith(runTool({"demo", "extra"}), 2, "unexpected argument 'extra'"));
 }
 
 }  // namespace

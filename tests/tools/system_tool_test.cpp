@@ -44,8 +44,8 @@ TEST_F(HashTool, GoesOnAfterAFileThatCannotBeRead) {
   EXPECT_NE(r.err.find(file("gone") + ": no such file or directory\n"), std::string::npos);
   EXPECT_NE(r.err.find(dir.string() + ": is a directory\n"), std::string::npos);
 
-  EXPECT_TRUE(failsWith(runTool({"hash"}), 2, "no FILES"));
-  EXPECT_TRUE(failsWith(runTool({"hash", "--md5", abc}), 2, "'--md5'"));
+  EXPECT_TRUE(failsWith(runTool({"hash"}), 2, "FILES is required"));
+  EXPECT_TRUE(failsWith(runTool({"hash", "--md5", abc}), 2, "unknown option '--md5'"));
 }
 
 TEST(NameTool, NumbersASeries) {
@@ -80,7 +80,7 @@ TEST(NameTool, RefusesNumbersPastTheRangeAndBadUsage) {
 
   EXPECT_TRUE(failsWith(runTool({"name"}), 2, "missing action"));
   EXPECT_TRUE(failsWith(runTool({"name", "rename", "a"}), 2, "unknown action 'rename'"));
-  EXPECT_TRUE(failsWith(runTool({"name", "next"}), 2, "no PATHS"));
+  EXPECT_TRUE(failsWith(runTool({"name", "next"}), 2, "PATHS is required"));
 }
 
 }  // namespace

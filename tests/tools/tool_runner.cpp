@@ -26,13 +26,18 @@ std::string slurp(fs::path const& p) {
 
 }  // namespace
 
-Run runTool(std::vector<std::string> const& args) {
+namespace {
+
+Run runWith(std::vector<std::string> const& args, std::string const* input) {
   const fs::path scratch =
       fs::temp_directory_path() /
       ("quib-run-" + std::to_string(::getpid()) + "-" + std::to_string(std::random_device{}()));
   fs::create_directories(scratch);
   const std::string outPath = (scratch / "out").string();
   const std::string errPath = (scratch / "err").string();
+  const std::string inPath = input ? (scratch / "in").string() : std::string("/dev/null");
+  if (input)
+    std::ofstream(inPath, std::ios::binary).write(input->data(), std::streamsize(input->size()));
 
   std::vector<std::string> words{QUIB_TOOL_PATH};
   words.insert(words.end(), args.begin(), args.end());
@@ -43,7 +48,7 @@ Run runTool(std::vector<std::string> const& args) {
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 0, inPath.c_str(), O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0600);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -61,6 +66,16 @@ Run runTool(std::vector<std::string> const& args) {
   r.err = slurp(errPath);
   fs::remove_all(scratch);
   return r;
+}
+
+}  // namespace
+
+Run runTool(std::vector<std::string> const& args) {
+  return runWith(args, nullptr);
+}
+
+Run runTool(std::vector<std::string> const& args, std::string const& input) {
+  return runWith(args, &input);
 }
 
 ::testing::AssertionResult failsWith(Run const& r, int code, std::string const& mention) {

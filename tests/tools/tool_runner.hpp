@@ -17,6 +17,8 @@ struct Run {
 
 /// Runs `quib args...` with standard input from /dev/null.
 Run runTool(std::vector<std::string> const& args);
+/// Runs `quib args...` with `input` as its standard input.
+Run runTool(std::vector<std::string> const& args, std::string const& input);
 
 /// Checks the error contract of a failed run: the wanted exit code and exactly one line on
 /// standard error that contains `mention`.

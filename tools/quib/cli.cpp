@@ -1,158 +1,30 @@
 #include "cli.hpp"
 
+#include <quib/convert.hpp>
+
+#include "commands.hpp"
+#include "help.hpp"
+
+#include <opencv2/core.hpp>
+
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <new>
 #include <ostream>
-#include <sstream>
 #include <system_error>
 
 namespace quib::tool {
 
-// ---- JSON --------------------------------------------------------------------------------
-
-Json Json::array() {
-  Json j;
-  j.kind = kind_t::array;
-  return j;
-}
-
-Json Json::object() {
-  Json j;
-  j.kind = kind_t::object;
-  return j;
-}
-
-Json Json::numbers(std::vector<double> const& values) {
-  Json j = array();
-  for (double v : values)
-    j.push(v);
-  return j;
-}
-
-Json Json::strings(std::vector<std::string> const& values) {
-  Json j = array();
-  for (std::string const& v : values)
-    j.push(v);
-  return j;
-}
-
-Json& Json::push(Json v) {
-  if (kind != kind_t::array) throw std::logic_error("Json::push on a value that is not an array");
-  items.push_back(std::move(v));
-  return *this;
-}
-
-Json& Json::set(std::string const& key, Json v) {
-  if (kind != kind_t::object) throw std::logic_error("Json::set on a value that is not an object");
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    if (keys[i] == key) {
-      items[i] = std::move(v);
-      return *this;
-    }
-  }
-  keys.push_back(key);
-  items.push_back(std::move(v));
-  return *this;
-}
-
-namespace {
-
-// Length of the valid UTF-8 sequence starting at s[i], or 0 when the bytes there are not one
-// (overlong forms, surrogates and values past U+10FFFF are refused).
-std::size_t utf8Length(std::string const& s, std::size_t i) {
-  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char c = byte(i);
-  std::size_t n = 0;
-  std::uint32_t cp = 0;
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-    cp = c & 0x1Fu;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-    cp = c & 0x0Fu;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-    cp = c & 0x07u;
-  } else {
-    return 0;
-  }
-  if (s.size() - i < n) return 0;
-  for (std::size_t k = 1; k < n; ++k) {
-    if ((byte(i + k) & 0xC0u) != 0x80u) return 0;
-    cp = (cp << 6) | (byte(i + k) & 0x3Fu);
-  }
-  if ((n == 3 && cp < 0x800) || (n == 4 && cp < 0x10000) || cp > 0x10FFFF) return 0;
-  if (cp >= 0xD800 && cp <= 0xDFFF) return 0;
-  return n;
-}
-
-void indent(std::ostream& out, int depth) {
-  for (int i = 0; i < depth; ++i)
-    out << "  ";
-}
-
-}  // namespace
-
-void writeJsonString(std::ostream& out, std::string const& s) {
-  out << '"';
-  for (std::size_t i = 0; i < s.size();) {
-    const unsigned char c = static_cast<unsigned char>(s[i]);
-    switch (c) {
-      case '"':
-        out << "\\\"";
-        break;
-      case '\\':
-        out << "\\\\";
-        break;
-      case '\b':
-        out << "\\b";
-        break;
-      case '\f':
-        out << "\\f";
-        break;
-      case '\n':
-        out << "\\n";
-        break;
-      case '\r':
-        out << "\\r";
-        break;
-      case '\t':
-        out << "\\t";
-        break;
-      default:
-        if (c < 0x20 || c == 0x7F) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out << buf;
-        } else if (c < 0x80) {
-          out << static_cast<char>(c);
-        } else if (const std::size_t n = utf8Length(s, i)) {
-          out.write(s.data() + i, static_cast<std::streamsize>(n));
-          i += n;
-          continue;
-        } else {
-          out << "\\ufffd";
-        }
-    }
-    ++i;
-  }
-  out << '"';
-}
-
-std::string formatNumber(double v) {
-  if (std::isnan(v)) return "nan";
-  if (std::isinf(v)) return v > 0 ? "inf" : "-inf";
-  char buf[64];
-  const auto r = std::to_chars(buf, buf + sizeof buf, v);
-  return std::string(buf, r.ptr);
+void writeJson(std::ostream& out, Json const& value) {
+  out << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 std::string formatShort(double v, int digits) {
@@ -162,177 +34,6 @@ std::string formatShort(double v, int digits) {
   std::snprintf(buf, sizeof buf, "%.*g", digits, v);
   return buf;
 }
-
-void Json::writeAt(std::ostream& out, int depth) const {
-  switch (kind) {
-    case kind_t::null:
-      out << "null";
-      break;
-    case kind_t::boolean:
-      out << (flag ? "true" : "false");
-      break;
-    case kind_t::integer:
-      out << whole;
-      break;
-    case kind_t::unsigned_integer:
-      out << uwhole;
-      break;
-    case kind_t::number:
-      if (std::isfinite(real))
-        out << formatNumber(real);
-      else
-        out << "null";
-      break;
-    case kind_t::string:
-      writeJsonString(out, text);
-      break;
-    case kind_t::array:
-    case kind_t::object: {
-      const bool isObject = kind == kind_t::object;
-      if (items.empty()) {
-        out << (isObject ? "{}" : "[]");
-        break;
-      }
-      // Arrays of plain values stay on one line; nested structures get one item per line.
-      bool flat = !isObject;
-      for (Json const& item : items)
-        flat = flat && item.kind != kind_t::array && item.kind != kind_t::object;
-      out << (isObject ? '{' : '[');
-      for (std::size_t i = 0; i < items.size(); ++i) {
-        if (flat) {
-          if (i) out << ", ";
-        } else {
-          out << (i ? ",\n" : "\n");
-          indent(out, depth + 1);
-        }
-        if (isObject) {
-          writeJsonString(out, keys[i]);
-          out << ": ";
-        }
-        items[i].writeAt(out, depth + 1);
-      }
-      if (!flat) {
-        out << '\n';
-        indent(out, depth);
-      }
-      out << (isObject ? '}' : ']');
-      break;
-    }
-  }
-}
-
-void Json::write(std::ostream& out) const {
-  writeAt(out, 0);
-  out << '\n';
-}
-
-std::string Json::dump() const {
-  std::ostringstream s;
-  write(s);
-  return s.str();
-}
-
-// ---- Arguments ---------------------------------------------------------------------------
-
-bool parseInteger(std::string const& text, long long& out) {
-  if (text.empty()) return false;
-  const char* first = text.data();
-  if (*first == '+') ++first;
-  const char* last = text.data() + text.size();
-  const auto r = std::from_chars(first, last, out);
-  return r.ec == std::errc() && r.ptr == last;
-}
-
-bool parseNumber(std::string const& text, double& out) {
-  if (text.empty()) return false;
-  const char* first = text.data();
-  if (*first == '+') ++first;
-  const char* last = text.data() + text.size();
-  const auto r = std::from_chars(first, last, out);
-  return r.ec == std::errc() && r.ptr == last && std::isfinite(out);
-}
-
-Args::Args(std::vector<std::string> const& argv, std::vector<OptionDef> const& defs) {
-  bool optionsEnded = false;
-  for (std::size_t i = 0; i < argv.size(); ++i) {
-    std::string const& a = argv[i];
-    if (optionsEnded || a.size() < 2 || a[0] != '-' || (a[1] != '-' && a != "-h")) {
-      // A lone "-" or a negative number is a positional argument.
-      rest.push_back(a);
-      continue;
-    }
-    if (a == "--") {
-      optionsEnded = true;
-      continue;
-    }
-    if (a == "--help" || a == "-h") {
-      wantsHelp = true;
-      continue;
-    }
-    const std::size_t eq = a.find('=');
-    const std::string name = a.substr(0, eq);
-    OptionDef const* def = nullptr;
-    for (OptionDef const& d : defs)
-      if (d.name == name) def = &d;
-    if (!def) throw UsageError("unknown option '" + name + "'");
-    std::string val;
-    if (def->takesValue) {
-      if (eq != std::string::npos) {
-        val = a.substr(eq + 1);
-      } else if (i + 1 < argv.size()) {
-        val = argv[++i];
-      } else {
-        throw UsageError("option '" + name + "' needs a value");
-      }
-    } else if (eq != std::string::npos) {
-      throw UsageError("option '" + name + "' takes no value");
-    }
-    if (!def->repeatable && has(name)) throw UsageError("option '" + name + "' given twice");
-    given.emplace_back(name, val);
-  }
-}
-
-bool Args::has(std::string const& name) const {
-  for (auto const& g : given)
-    if (g.first == name) return true;
-  return false;
-}
-
-std::string Args::value(std::string const& name, std::string const& fallback) const {
-  for (auto const& g : given)
-    if (g.first == name) return g.second;
-  return fallback;
-}
-
-std::vector<std::string> Args::values(std::string const& name) const {
-  std::vector<std::string> all;
-  for (auto const& g : given)
-    if (g.first == name) all.push_back(g.second);
-  return all;
-}
-
-double Args::number(std::string const& name, double fallback, double low, double high) const {
-  if (!has(name)) return fallback;
-  const std::string text = value(name);
-  double v = 0;
-  if (!parseNumber(text, v) || v < low || v > high)
-    throw UsageError("option '" + name + "' wants a number from " + formatShort(low) + " to " +
-                     formatShort(high) + ", not '" + text + "'");
-  return v;
-}
-
-long long Args::integer(std::string const& name, long long fallback, long long low,
-                        long long high) const {
-  if (!has(name)) return fallback;
-  const std::string text = value(name);
-  long long v = 0;
-  if (!parseInteger(text, v) || v < low || v > high)
-    throw UsageError("option '" + name + "' wants a whole number from " + std::to_string(low) +
-                     " to " + std::to_string(high) + ", not '" + text + "'");
-  return v;
-}
-
-// ---- Context and progress ----------------------------------------------------------------
 
 namespace {
 
@@ -374,22 +75,245 @@ void Progress::done() {
   shown = false;
 }
 
-bool toWide(std::string const& text, std::wstring& out) {
-  out.clear();
-  for (std::size_t i = 0; i < text.size();) {
-    const std::size_t n = utf8Length(text, i);
-    if (n == 0) return false;
-    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-    std::uint32_t cp = n == 1   ? byte(i)
-                       : n == 2 ? byte(i) & 0x1Fu
-                       : n == 3 ? byte(i) & 0x0Fu
-                                : byte(i) & 0x07u;
-    for (std::size_t k = 1; k < n; ++k)
-      cp = (cp << 6) | (byte(i + k) & 0x3Fu);
-    out += static_cast<wchar_t>(cp);
-    i += n;
+// ---- Declaring commands -------------------------------------------------------------------
+
+CLI::App& addCommand(CLI::App& parent, std::string const& name, std::string const& description) {
+  CLI::App* command = parent.add_subcommand(name, description);
+  command->formatter(parent.get_formatter());
+  command->set_help_flag("-h,--help", "show this help");
+  return *command;
+}
+
+CLI::App& commandGroup(CLI::App& parent, std::string const& name, std::string const& description) {
+  for (CLI::App* existing :
+       parent.get_subcommands([&](CLI::App* a) { return a->get_name() == name; }))
+    return *existing;
+  CLI::App& group = addCommand(parent, name, description);
+  group.require_subcommand(1);
+  return group;
+}
+
+void addJsonFlag(CLI::App& command, Context& ctx) {
+  command.add_flag("--json", ctx.json, "print JSON for scripts instead of text");
+}
+
+void onRun(CLI::App& command, Context& ctx, std::function<void()> body) {
+  command.callback([&ctx, body = std::move(body)] {
+    if (!ctx.parseOnly) body();
+  });
+}
+
+CLI::Validator sizePair(bool single, int low, int high) {
+  const std::string shape = single ? "N or WxH" : "WxH";
+  return CLI::Validator(
+      [=](std::string& text) -> std::string {
+        const auto x = text.find_first_of("xX");
+        const auto whole = [&](std::string const& part) {
+          if (part.empty() || part.size() > 9 ||
+              part.find_first_not_of("0123456789") != std::string::npos)
+            return -1;
+          return std::stoi(part);
+        };
+        int a = 0, b = 0;
+        if (x == std::string::npos) {
+          a = single ? whole(text) : -1;
+          b = a;
+        } else {
+          a = whole(text.substr(0, x));
+          b = whole(text.substr(x + 1));
+        }
+        if (a < low || a > high || b < low || b > high)
+          return "wants " + shape + " with " + std::to_string(low) + " to " + std::to_string(high) +
+                 ", not '" + text + "'";
+        return {};
+      },
+      shape);
+}
+
+std::pair<int, int> parseSizePair(std::string const& text) {
+  const auto x = text.find_first_of("xX");
+  if (x == std::string::npos) return {std::stoi(text), std::stoi(text)};
+  return {std::stoi(text.substr(0, x)), std::stoi(text.substr(x + 1))};
+}
+
+std::unique_ptr<CLI::App> makeApp(Context& ctx, std::string const& version) {
+  auto app = std::make_unique<CLI::App>(
+      "the command-line front end of the QUIB imaging and measurement library\n\n"
+      "Every command takes --json for output that scripts can read, and '-' for standard "
+      "input wherever it reads a file.\n"
+      "Exit status: 0 on success, 1 when an operation failed, 2 on bad usage.",
+      "quib");
+  app->formatter(std::make_shared<HelpFormatter>());
+  app->set_help_flag("-h,--help", "show this help");
+  app->set_version_flag("--version", "quib " + version, "show the version");
+  app->require_subcommand(1);
+  addCommands(*app, ctx);
+  addHelpCommand(*app, ctx);
+  return app;
+}
+
+// ---- Running ------------------------------------------------------------------------------
+
+namespace {
+
+// The chosen command, deepest first: "quib stl merge" gives merge.
+CLI::App* chosen(CLI::App& app) {
+  CLI::App* at = &app;
+  for (;;) {
+    auto const picked = at->get_subcommands();
+    if (picked.empty()) return at;
+    at = picked.front();
   }
-  return true;
+}
+
+std::string fullName(CLI::App const& app) {
+  std::string name = app.get_name();
+  for (CLI::App const* p = app.get_parent(); p; p = p->get_parent())
+    name = p->get_name() + " " + name;
+  return name;
+}
+
+int usageError(Context& ctx, CLI::App const& where, std::string const& message) {
+  ctx.out.flush();
+  const std::string name = fullName(where);
+  ctx.err << name << ": " << oneLine(message) << " (see '" << name << " --help')" << std::endl;
+  return exit_code::bad_usage;
+}
+
+// Levenshtein distance, for suggesting a command name.
+std::size_t distance(std::string const& a, std::string const& b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  for (std::size_t j = 0; j <= b.size(); ++j)
+    row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0];
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t up = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+      diagonal = up;
+    }
+  }
+  return row[b.size()];
+}
+
+std::vector<CLI::App*> visibleCommands(CLI::App& app) {
+  return app.get_subcommands([](CLI::App* a) { return !a->get_group().empty(); });
+}
+
+std::string listOf(std::vector<CLI::App*> const& commands) {
+  std::string list;
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    if (i) list += i + 1 == commands.size() ? " or " : ", ";
+    list += commands[i]->get_name();
+  }
+  return list;
+}
+
+// Follows the command words of `args` down the tree. A word that names no command, or a group
+// left without its action, gives the message to print and the group it belongs to.
+std::pair<CLI::App*, std::string> checkCommandWords(CLI::App& app,
+                                                    std::vector<std::string> const& args) {
+  CLI::App* at = &app;
+  std::size_t i = 0;
+  while (!at->get_subcommands({}).empty()) {
+    // Options of a group are flags (--help, --version), so the first other word is a command.
+    for (; i < args.size() && args[i].size() > 1 && args[i][0] == '-' && args[i] != "--"; ++i) {
+      const std::string name = args[i].substr(0, args[i].find('='));
+      if (!at->get_option_no_throw(name)) return {at, "unknown option '" + args[i] + "'"};
+    }
+    const bool top = at == &app;
+    const char* what = top ? "command" : "action";
+    if (i >= args.size() || args[i] == "--") {
+      for (std::string const& a : args)
+        if (a == "-h" || a == "--help" || (top && a == "--version")) return {nullptr, ""};
+      if (top) return {at, ""};  // bare "quib": the usage
+      return {at, std::string("missing action (") + listOf(visibleCommands(*at)) + ")"};
+    }
+    std::string const& word = args[i];
+    CLI::App* next = nullptr;
+    for (CLI::App* c : at->get_subcommands({}))
+      if (c->check_name(word)) next = c;
+    if (!next) {
+      std::string message = std::string("unknown ") + what + " '" + word + "'";
+      std::string best;
+      std::size_t bestDistance = 3;
+      for (CLI::App* c : visibleCommands(*at)) {
+        const std::size_t d = distance(word, c->get_name());
+        const bool prefix = word.size() >= 2 && c->get_name().rfind(word, 0) == 0;
+        if (d < bestDistance || (prefix && bestDistance > 1)) {
+          best = c->get_name();
+          bestDistance = prefix ? 1 : d;
+        }
+      }
+      if (!best.empty()) message += "; did you mean '" + best + "'?";
+      return {at, message};
+    }
+    at = next;
+    ++i;
+  }
+  return {nullptr, ""};
+}
+
+// CLI11's message, with unknown options named as such.
+std::string describe(CLI::ParseError const& e, CLI::App const& where) {
+  if (dynamic_cast<CLI::ExtrasError const*>(&e)) {
+    std::vector<std::string> extra = where.remaining();
+    for (CLI::App const* p = where.get_parent(); extra.empty() && p; p = p->get_parent())
+      extra = p->remaining();
+    for (std::string const& a : extra)
+      if (a.size() > 1 && a[0] == '-') return "unknown option '" + a + "'";
+    if (!extra.empty()) return "unexpected argument '" + extra.front() + "'";
+  }
+  return e.what();
+}
+
+}  // namespace
+
+int run(CLI::App& app, Context& ctx, std::vector<std::string> const& args) {
+  const auto [group, message] = checkCommandWords(app, args);
+  if (group == &app && message.empty()) {
+    ctx.err << app.help();
+    return exit_code::bad_usage;
+  }
+  if (group) return usageError(ctx, *group, message);
+
+  std::vector<std::string> reversed(args.rbegin(), args.rend());
+  try {
+    app.parse(reversed);
+  } catch (CLI::CallForHelp const&) {
+    ctx.out << chosen(app)->help();
+    return exit_code::ok;
+  } catch (CLI::CallForAllHelp const&) {
+    ctx.out << chosen(app)->help();
+    return exit_code::ok;
+  } catch (CLI::CallForVersion const& e) {
+    ctx.out << e.what() << '\n';
+    return exit_code::ok;
+  } catch (CLI::ParseError const& e) {
+    CLI::App const& where = *chosen(app);
+    return usageError(ctx, where, describe(e, where));
+  } catch (UsageError const& e) {
+    return usageError(ctx, *chosen(app), e.what());
+  } catch (Failure const& e) {
+    ctx.fail(e.file(), e.what());
+  } catch (cv::Exception const& e) {
+    ctx.fail(ctx.subject.empty() ? fullName(*chosen(app)) : ctx.subject, "OpenCV: " + e.err);
+  } catch (std::bad_alloc const&) {
+    ctx.fail(ctx.subject.empty() ? fullName(*chosen(app)) : ctx.subject, "out of memory");
+  } catch (std::exception const& e) {
+    ctx.fail(ctx.subject.empty() ? fullName(*chosen(app)) : ctx.subject, e.what());
+  }
+  return ctx.status;
+}
+
+// ---- Files --------------------------------------------------------------------------------
+
+std::wstring widePath(std::string const& path) {
+  std::wstring wide = quib::convert::to_wstring(path);
+  if (quib::convert::to_string(wide) != path)
+    throw Failure(path, "the file name is not valid UTF-8");
+  return wide;
 }
 
 std::string unreadableReason(std::string const& path) {
@@ -404,6 +328,43 @@ std::string unreadableReason(std::string const& path) {
     return e ? std::string(std::strerror(e)) : std::string("cannot be opened");
   }
   return "";
+}
+
+InputFile::InputFile(std::string name) : given(std::move(name)), local(given) {
+  if (given != "-") return;
+  std::string pattern = (std::filesystem::temp_directory_path() / "quib-stdin-XXXXXX").string();
+  const int fd = ::mkstemp(pattern.data());
+  if (fd < 0) throw Failure("-", std::string("no temporary file: ") + std::strerror(errno));
+  local = pattern;
+  temporary = true;
+  char block[1 << 16];
+  for (;;) {
+    const ssize_t n = ::read(STDIN_FILENO, block, sizeof block);
+    if (n == 0) break;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      const int e = errno;
+      ::close(fd);
+      std::remove(local.c_str());
+      throw Failure("-", std::string("read error: ") + std::strerror(e));
+    }
+    for (ssize_t done = 0; done < n;) {
+      const ssize_t w = ::write(fd, block + done, static_cast<std::size_t>(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) {
+        const int e = errno;
+        ::close(fd);
+        std::remove(local.c_str());
+        throw Failure("-", std::string("cannot copy to a temporary file: ") + std::strerror(e));
+      }
+      done += w;
+    }
+  }
+  ::close(fd);
+}
+
+InputFile::~InputFile() {
+  if (temporary) std::remove(local.c_str());
 }
 
 }  // namespace quib::tool

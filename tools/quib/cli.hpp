@@ -1,12 +1,15 @@
-// The frame every quib subcommand runs in: option parsing, JSON and text output, progress lines
-// and the two kinds of error (bad usage, failed operation) that decide the exit code.
+// The frame every quib command runs in: how a command is declared on the CLI11 command tree,
+// JSON and text output, progress lines and the two kinds of error (bad usage, failed
+// operation) that decide the exit code.
 #pragma once
 
-#include <cstdint>
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <functional>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -15,7 +18,8 @@ namespace quib::tool {
 /// Exit codes of the tool.
 enum exit_code : int { ok = 0, failed = 1, bad_usage = 2 };
 
-/// Bad arguments: the tool prints "quib CMD: message (see 'quib CMD --help')" and exits 2.
+/// Bad arguments found after parsing (options that exclude each other and the like): the tool
+/// prints "quib CMD: message (see 'quib CMD --help')" and exits 2.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -32,112 +36,18 @@ class Failure : public std::runtime_error {
   std::string subject;
 };
 
-/// A JSON value: null, boolean, number, string, array or object (keys keep their order).
-/// Strings are escaped on output; bytes that are not valid UTF-8 become U+FFFD, and numbers
-/// that are not finite are written as null, so the output is always valid JSON.
-///
-///     Json o = Json::object();
-///     o.set("file", "a.bmp").set("width", 640);
-///     o.write(std::cout);
-class Json {
- public:
-  enum class kind_t { null, boolean, integer, unsigned_integer, number, string, array, object };
+/// A JSON value whose objects keep their keys in the order they were set.
+using Json = nlohmann::ordered_json;
 
-  Json() = default;
-  Json(bool v) : kind(kind_t::boolean), flag(v) {}
-  Json(double v) : kind(kind_t::number), real(v) {}
-  Json(float v) : Json(static_cast<double>(v)) {}
-  Json(char const* v) : kind(kind_t::string), text(v) {}
-  Json(std::string v) : kind(kind_t::string), text(std::move(v)) {}
-  template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
-  Json(T v) {
-    if constexpr (std::is_signed_v<T>) {
-      kind = kind_t::integer;
-      whole = static_cast<std::int64_t>(v);
-    } else {
-      kind = kind_t::unsigned_integer;
-      uwhole = static_cast<std::uint64_t>(v);
-    }
-  }
+/// Writes `value` indented by two spaces per level, then a newline. Bytes of strings that are
+/// not valid UTF-8 come out as U+FFFD and numbers that are not finite as null, so the output
+/// is always valid JSON.
+void writeJson(std::ostream& out, Json const& value);
 
-  static Json array();
-  static Json object();
-  /// An array of numbers.
-  static Json numbers(std::vector<double> const& values);
-  /// An array of strings.
-  static Json strings(std::vector<std::string> const& values);
-
-  /// Appends to an array.
-  Json& push(Json v);
-  /// Adds a key to an object (a repeated key replaces the earlier value in place).
-  Json& set(std::string const& key, Json v);
-
-  kind_t type() const { return kind; }
-  std::size_t size() const { return items.size(); }
-
-  /// Writes the value, indented by two spaces per level, followed by a newline.
-  void write(std::ostream& out) const;
-  std::string dump() const;
-
- private:
-  void writeAt(std::ostream& out, int depth) const;
-
-  kind_t kind = kind_t::null;
-  bool flag = false;
-  std::int64_t whole = 0;
-  std::uint64_t uwhole = 0;
-  double real = 0;
-  std::string text;
-  std::vector<std::string> keys;
-  std::vector<Json> items;
-};
-
-/// Writes `s` as a quoted JSON string.
-void writeJsonString(std::ostream& out, std::string const& s);
-/// The shortest decimal text that reads back as `v`; "nan", "inf" or "-inf" when not finite.
-std::string formatNumber(double v);
 /// `v` with `digits` significant digits (printf %g style), for human-readable output.
 std::string formatShort(double v, int digits = 6);
 
-/// One option a subcommand accepts.
-struct OptionDef {
-  std::string name;  // with its dashes: "--board"
-  bool takesValue = false;
-  bool repeatable = false;
-};
-
-/// The parsed arguments of one subcommand. "--name value" and "--name=value" are both accepted;
-/// "--" ends the options. Unknown options, a missing value, a value given to a flag and a
-/// repeated single option are usage errors (UsageError). "--help" and "-h" are always known.
-class Args {
- public:
-  Args(std::vector<std::string> const& argv, std::vector<OptionDef> const& defs);
-
-  bool help() const { return wantsHelp; }
-  bool has(std::string const& name) const;
-  /// The value of an option, or `fallback` when it was not given.
-  std::string value(std::string const& name, std::string const& fallback = "") const;
-  std::vector<std::string> values(std::string const& name) const;
-  std::vector<std::string> const& positional() const { return rest; }
-
-  /// A finite number within [low, high]; UsageError otherwise.
-  double number(std::string const& name, double fallback, double low, double high) const;
-  /// A whole number within [low, high]; UsageError otherwise.
-  long long integer(std::string const& name, long long fallback, long long low,
-                    long long high) const;
-
- private:
-  bool wantsHelp = false;
-  std::vector<std::pair<std::string, std::string>> given;
-  std::vector<std::string> rest;
-};
-
-/// Parses a whole decimal number that must fill `text`; false when it does not.
-bool parseInteger(std::string const& text, long long& out);
-/// Parses a finite decimal number that must fill `text`; false when it does not.
-bool parseNumber(std::string const& text, double& out);
-
-/// Where a subcommand writes: results on `out`, errors and progress on `err`.
+/// Where a command writes: results on `out`, errors and progress on `err`.
 struct Context {
   Context(std::ostream& results, std::ostream& errors) : out(results), err(errors) {}
 
@@ -147,7 +57,9 @@ struct Context {
   bool json = false;
   /// True when standard error is a terminal (progress lines are shown only then).
   bool terminal = false;
-  /// Exit code so far: a subcommand that works on several files reports a failed one with
+  /// When set, commands are parsed and checked but not run (for the fuzzer).
+  bool parseOnly = false;
+  /// Exit code so far: a command that works on several files reports a failed one with
   /// fail() and goes on with the next.
   int status = exit_code::ok;
   /// The file being worked on; an unexpected exception is reported against it.
@@ -176,12 +88,80 @@ class Progress {
   bool shown = false;
 };
 
-/// UTF-8 text as a wide string (one wchar_t per code point); false when `text` is not valid
-/// UTF-8. The library's path-taking calls want wide strings.
-bool toWide(std::string const& text, std::wstring& out);
+// ---- Declaring commands -------------------------------------------------------------------
+//
+// Each command lives in its own cmd_<name>.cpp, which exposes `void add_<name>_command(
+// CLI::App& quib, Context& ctx)` (listed once in commands.cpp). It declares the command, each
+// option once with its help and its check, and the body that runs after the whole command line
+// has been parsed and checked:
+//
+//     void add_hash_command(CLI::App& quib, Context& ctx) {
+//       auto o = std::make_shared<HashOptions>();
+//       CLI::App& cmd = addCommand(quib, "hash", "fingerprint files\n\nLonger description...");
+//       cmd.add_option("FILES", o->files, "files to read ('-' for standard input)")->required();
+//       cmd.add_flag("--sha256", o->sha, "SHA-256 instead of the 64-bit hash");
+//       addJsonFlag(cmd, ctx);
+//       onRun(cmd, ctx, [o, &ctx] { hash(ctx, *o); });
+//     }
+
+/// Adds the command `name` under `parent` (the quib app, or a group such as the one commandGroup
+/// returns). `description` is a one-line summary, listed by the parent's help, optionally
+/// followed by a blank line and the paragraphs that the command's own help shows.
+CLI::App& addCommand(CLI::App& parent, std::string const& name, std::string const& description);
+
+/// The group command `name` under `parent` (made on the first call with its description), whose
+/// actions other files add with addCommand: `addCommand(commandGroup(quib, "dicom", ...),
+/// "pixels", ...)`. A group wants exactly one action.
+CLI::App& commandGroup(CLI::App& parent, std::string const& name, std::string const& description);
+
+/// The --json flag of a command (one help text for all of them).
+void addJsonFlag(CLI::App& command, Context& ctx);
+
+/// Runs `body` when the command is the one chosen, after parsing (not at all in parse-only
+/// mode). The body reports failed files with ctx.fail and throws Failure or UsageError.
+void onRun(CLI::App& command, Context& ctx, std::function<void()> body);
+
+/// A check that a value is a whole number of the form "WxH" (or a single number, meaning both,
+/// when `single`) with both parts from `low` to `high`.
+CLI::Validator sizePair(bool single, int low, int high);
+
+/// Splits a value that passed sizePair into its two numbers.
+std::pair<int, int> parseSizePair(std::string const& text);
+
+/// The whole quib command tree, every command in it, writing to `ctx`.
+std::unique_ptr<CLI::App> makeApp(Context& ctx, std::string const& version);
+
+/// Parses `args` (without the program name) and runs the chosen command; returns the exit
+/// code. Usage errors print one line, and "did you mean" for a mistyped command or action.
+int run(CLI::App& app, Context& ctx, std::vector<std::string> const& args);
+
+// ---- Files --------------------------------------------------------------------------------
+
+/// `path` as the wide string the library's path-taking calls want, through the library's own
+/// conversion; Failure when the name is not valid UTF-8 (it could not name the same file).
+std::wstring widePath(std::string const& path);
 
 /// The reason an existing path could not be read as a file: "no such file or directory",
 /// "is a directory", the system's message for an open failure, or "" when it opens.
 std::string unreadableReason(std::string const& path);
+
+/// A file a command reads by name: the name itself, or for "-" a temporary copy of standard
+/// input (removed with this object), for readers that want a file they can seek in.
+class InputFile {
+ public:
+  explicit InputFile(std::string name);
+  ~InputFile();
+  InputFile(InputFile const&) = delete;
+  InputFile& operator=(InputFile const&) = delete;
+  /// The name to open.
+  std::string const& path() const { return local; }
+  /// The name to show in messages and output ("-" stays "-").
+  std::string const& name() const { return given; }
+
+ private:
+  std::string given;
+  std::string local;
+  bool temporary = false;
+};
 
 }  // namespace quib::tool

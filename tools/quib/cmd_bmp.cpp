@@ -1,4 +1,4 @@
-// quib bmp info FILE: the geometry and layout of an uncompressed bitmap file.
+// quib bmp info FILES...: the geometry and layout of uncompressed bitmap files.
 #include <quib/dib.hpp>
 
 #include "commands.hpp"
@@ -8,19 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const bmpHelp =
-    "usage: quib bmp info [--json] FILE\n"
-    "\n"
-    "Describes an uncompressed bitmap file: size, depth, samples per pixel, row length,\n"
-    "resolution, row order, where the pixel rows start and the colour table size.\n"
-    "A 24- or 32-bit file is described as 8-bit samples, 3 or 4 per pixel.\n"
-    "\n"
-    "Options:\n"
-    "  --json   print one JSON object\n";
 
 namespace {
 
@@ -38,33 +29,30 @@ std::string refusal(std::string const& path) {
   return "not an uncompressed bitmap, or its headers do not fit the file";
 }
 
-int info(Context& ctx, std::string const& path) {
-  ctx.subject = path;
-  quib::Dib dib(path);
-  if (!dib) throw Failure(path, refusal(path));
+Json info(Context& ctx, std::string const& name) {
+  ctx.subject = name;
+  const InputFile input(name);
+  quib::Dib dib(input.path());
+  if (!dib) throw Failure(name, refusal(input.path()));
 
   const int bitsPerPixel = dib.getBits() * dib.getColorCount();
-  Json j = Json::object();
-  j.set("file", path)
-      .set("width", dib.getWidth())
-      .set("height", dib.getHeight())
-      .set("bits_per_pixel", bitsPerPixel)
-      .set("bits_per_sample", dib.getBits())
-      .set("samples_per_pixel", dib.getColorCount())
-      .set("line_bytes", dib.getLineBytes())
-      .set("planes", dib.getPlaneCount())
-      .set("x_dpi", dib.getXDpi())
-      .set("y_dpi", dib.getYDpi())
-      .set("top_down", dib.isTopDown())
-      .set("data_offset", dib.getDataOffset())
-      .set("image_bytes", dib.getImageSize())
-      .set("palette_entries", dib.getPalette().size());
-  if (ctx.json) {
-    j.write(ctx.out);
-    return exit_code::ok;
-  }
+  Json j = {{"file", name},
+            {"width", dib.getWidth()},
+            {"height", dib.getHeight()},
+            {"bits_per_pixel", bitsPerPixel},
+            {"bits_per_sample", dib.getBits()},
+            {"samples_per_pixel", dib.getColorCount()},
+            {"line_bytes", dib.getLineBytes()},
+            {"planes", dib.getPlaneCount()},
+            {"x_dpi", dib.getXDpi()},
+            {"y_dpi", dib.getYDpi()},
+            {"top_down", dib.isTopDown()},
+            {"data_offset", dib.getDataOffset()},
+            {"image_bytes", dib.getImageSize()},
+            {"palette_entries", dib.getPalette().size()}};
+  if (ctx.json) return j;
   std::ostream& o = ctx.out;
-  o << path << '\n'
+  o << name << '\n'
     << "  size          " << dib.getWidth() << " x " << dib.getHeight() << " pixels\n"
     << "  depth         " << bitsPerPixel << " bits per pixel (" << dib.getColorCount()
     << (dib.getColorCount() == 1 ? " sample" : " samples") << " of " << dib.getBits() << " bits)\n"
@@ -75,18 +63,34 @@ int info(Context& ctx, std::string const& path) {
     << "  pixel data    " << dib.getImageSize() << " bytes at offset " << dib.getDataOffset()
     << '\n'
     << "  colour table  " << dib.getPalette().size() << " entries\n";
-  return exit_code::ok;
+  return j;
 }
 
 }  // namespace
 
-int runBmp(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {});
-  auto const& pos = args.positional();
-  if (pos.empty()) throw UsageError("missing action (info)");
-  if (pos[0] != "info") throw UsageError("unknown action '" + pos[0] + "'");
-  if (pos.size() != 2) throw UsageError("'info' takes exactly one FILE");
-  return info(ctx, pos[1]);
+void add_bmp_command(CLI::App& quib, Context& ctx) {
+  CLI::App& bmp = commandGroup(quib, "bmp", "describe uncompressed bitmap files");
+  auto files = std::make_shared<std::vector<std::string>>();
+  CLI::App& cmd = addCommand(
+      bmp, "info",
+      "size, depth and layout of uncompressed bitmap files\n\n"
+      "Describes each bitmap file: size, depth, samples per pixel, row length, resolution, row "
+      "order, where the pixel rows start and the colour table size. A 24- or 32-bit file is "
+      "described as 8-bit samples, 3 or 4 per pixel. With --json, an array with one object "
+      "per file.");
+  cmd.add_option("FILES", *files, "bitmap files; '-' reads standard input")->required();
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [files, &ctx] {
+    Json all = Json::array();
+    for (std::string const& name : *files) {
+      try {
+        all.push_back(info(ctx, name));
+      } catch (Failure const& f) {
+        ctx.fail(f.file(), f.what());
+      }
+    }
+    if (ctx.json) writeJson(ctx.out, all);
+  });
 }
 
 }  // namespace quib::tool

@@ -7,61 +7,27 @@
 #include "image_io.hpp"
 
 #include <filesystem>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
 
-char const* const calibrateHelp =
-    "usage: quib calibrate --board CxR --square S [--out FILE] [--draw DIR] [--json] IMAGES...\n"
-    "\n"
-    "Calibrates a camera from pictures of a flat chessboard. Each picture gets one line:\n"
-    "accepted, with its corner count, or why not. The accepted views are solved for the\n"
-    "camera matrix and the lens distortion (k1, k2, p1, p2), which are saved in a camera file\n"
-    "and printed with the reprojection error of every view and their root mean square (the\n"
-    "distance in pixels between the detected corners and the board projected back through\n"
-    "the camera). At least 3 accepted views are needed; 10 or more from varied angles give a\n"
-    "good camera. All pictures must have the same size.\n"
-    "\n"
-    "Options:\n"
-    "  --board CxR    inner corners of the board per row and per column, e.g. 9x6\n"
-    "  --square S     corner spacing in your length unit, e.g. 24 (or WxH when the squares\n"
-    "                 are not square); whole numbers\n"
-    "  --out FILE     the camera file to write (default camera.yml; .xml works too)\n"
-    "  --draw DIR     write each accepted view with its corners and board outline drawn\n"
-    "  --json         print one JSON object\n";
-
 namespace {
 
-// "9x6" as two whole numbers from `low` to `high`; a single number means both.
-std::pair<int, int> pairOf(std::string const& option, std::string const& text, bool single,
-                           long long low, long long high) {
-  const auto x = text.find_first_of("xX");
-  long long a = 0, b = 0;
-  bool ok = false;
-  if (x == std::string::npos) {
-    ok = single && parseInteger(text, a);
-    b = a;
-  } else {
-    ok = parseInteger(text.substr(0, x), a) && parseInteger(text.substr(x + 1), b);
-  }
-  if (!ok || a < low || a > high || b < low || b > high)
-    throw UsageError("option '" + option + "' wants " + (single ? "N or " : "") + "WxH with " +
-                     std::to_string(low) + " to " + std::to_string(high) + ", not '" + text + "'");
-  return {static_cast<int>(a), static_cast<int>(b)};
-}
+struct CalibrateOptions {
+  std::vector<std::string> images;
+  std::string board;
+  std::string square;
+  std::string out = "camera.yml";
+  std::string draw;
+};
 
-}  // namespace
-
-int runCalibrate(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--board", true}, {"--square", true}, {"--out", true}, {"--draw", true}});
-  if (!args.has("--board")) throw UsageError("--board CxR is required");
-  if (!args.has("--square")) throw UsageError("--square S is required");
-  const auto board = pairOf("--board", args.value("--board"), false, 2, 100);
-  const auto square = pairOf("--square", args.value("--square"), true, 1, 100000);
-  auto const& images = args.positional();
-  if (images.empty()) throw UsageError("no IMAGES given");
-  const std::string out = args.value("--out", "camera.yml");
-  const std::string drawDir = args.value("--draw");
+void calibrate(Context& ctx, CalibrateOptions const& o) {
+  const auto board = parseSizePair(o.board);
+  const auto square = parseSizePair(o.square);
+  auto const& images = o.images;
+  std::string const& out = o.out;
+  std::string const& drawDir = o.draw;
   if (!drawDir.empty()) makeDirectory(drawDir);
 
   quib::Calibration calibration;
@@ -145,26 +111,23 @@ int runCalibrate(Context& ctx, std::vector<std::string> const& argv) {
   if (ctx.json) {
     Json list = Json::array();
     for (View const& v : views) {
-      Json j = Json::object();
-      j.set("file", v.file).set("accepted", v.index != std::string::npos).set("status", v.status);
-      if (v.index != std::string::npos) j.set("error", errors[v.index]);
-      list.push(j);
+      Json j = {{"file", v.file}, {"accepted", v.index != std::string::npos}, {"status", v.status}};
+      if (v.index != std::string::npos) j["error"] = errors[v.index];
+      list.push_back(std::move(j));
     }
-    Json j = Json::object();
-    j.set("camera_file", out)
-        .set("width", size.width)
-        .set("height", size.height)
-        .set("fx", matrix[0])
-        .set("fy", matrix[4])
-        .set("cx", matrix[2])
-        .set("cy", matrix[5])
-        .set("k1", distortion[0])
-        .set("k2", distortion[1])
-        .set("p1", distortion[2])
-        .set("p2", distortion[3])
-        .set("views", list)
-        .set("mean_error", mean);
-    j.write(ctx.out);
+    writeJson(ctx.out, {{"camera_file", out},
+                        {"width", size.width},
+                        {"height", size.height},
+                        {"fx", matrix[0]},
+                        {"fy", matrix[4]},
+                        {"cx", matrix[2]},
+                        {"cy", matrix[5]},
+                        {"k1", distortion[0]},
+                        {"k2", distortion[1]},
+                        {"p1", distortion[2]},
+                        {"p2", distortion[3]},
+                        {"views", list},
+                        {"mean_error", mean}});
   } else {
     std::ostream& o = ctx.out;
     o << "camera (" << accepted.size() << " views, " << size.width << 'x' << size.height << ")\n"
@@ -177,7 +140,42 @@ int runCalibrate(Context& ctx, std::vector<std::string> const& argv) {
       o << "  " << accepted[v] << "  " << formatShort(errors[v], 4) << '\n';
     o << "  mean  " << formatShort(mean, 4) << '\n' << "camera file: " << out << '\n';
   }
-  return ctx.status;
+}
+
+}  // namespace
+
+void add_calibrate_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<CalibrateOptions>();
+  CLI::App& cmd = addCommand(
+      quib, "calibrate",
+      "calibrate a camera from chessboard pictures\n\n"
+      "Calibrates a camera from pictures of a flat chessboard. Each picture gets one line: "
+      "accepted, with its corner count, or why not. The accepted views are solved for the "
+      "camera matrix and the lens distortion (k1, k2, p1, p2), which are saved in a camera file "
+      "and printed with the reprojection error of every view and their root mean square (the "
+      "distance in pixels between the detected corners and the board projected back through "
+      "the camera). At least 3 accepted views are needed; 10 or more from varied angles give a "
+      "good camera. All pictures must have the same size.");
+  cmd.add_option("IMAGES", o->images, "the chessboard pictures; '-' reads standard input")
+      ->required();
+  cmd.add_option("--board", o->board, "inner corners of the board per row and per column, e.g. 9x6")
+      ->type_name("CxR")
+      ->required()
+      ->check(sizePair(false, 2, 100));
+  cmd.add_option("--square", o->square,
+                 "corner spacing in your length unit, e.g. 24 (or WxH when the squares are not "
+                 "square); whole numbers")
+      ->type_name("S")
+      ->required()
+      ->check(sizePair(true, 1, 100000));
+  cmd.add_option("--out", o->out, "the camera file to write (.yml or .xml)")
+      ->type_name("FILE")
+      ->capture_default_str();
+  cmd.add_option("--draw", o->draw,
+                 "write each accepted view with its corners and board outline drawn")
+      ->type_name("DIR");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { calibrate(ctx, *o); });
 }
 
 }  // namespace quib::tool

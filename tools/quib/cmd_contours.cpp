@@ -6,29 +6,22 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
 
-char const* const contoursHelp =
-    "usage: quib contours [--background V] [--overlay OUT] [--json] MASK\n"
-    "\n"
-    "Traces the outer boundary of every region of a mask picture (read as 8-bit grey):\n"
-    "a region is a set of 8-connected pixels whose value differs from the background.\n"
-    "Regions are found in row order; each is listed with its number of boundary points,\n"
-    "the area enclosed by its boundary polygon and its bounding box (x, y, width, height).\n"
-    "Regions that lie inside another one are not listed again.\n"
-    "\n"
-    "Options:\n"
-    "  --background V   the background value, 0 to 255 (default 0)\n"
-    "  --overlay OUT    write the mask with the outlines drawn in colour\n"
-    "  --json           print JSON, with every boundary point\n";
+namespace {
 
-int runContours(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--background", true}, {"--overlay", true}});
-  if (args.positional().size() != 1) throw UsageError("wants exactly one MASK");
-  const auto background = static_cast<unsigned char>(args.integer("--background", 0, 0, 255));
-  std::string const& path = args.positional()[0];
+struct ContoursOptions {
+  std::string mask;
+  std::string out;
+  int background = 0;
+};
+
+void contours(Context& ctx, ContoursOptions const& options) {
+  const auto background = static_cast<unsigned char>(options.background);
+  std::string const& path = options.mask;
   ctx.subject = path;
   cv::Mat mask = readImage(path, read_as::grey);
 
@@ -55,26 +48,21 @@ int runContours(Context& ctx, std::vector<std::string> const& argv) {
     if (ctx.json) {
       Json pts = Json::array();
       for (cv::Point const& p : c)
-        pts.push(Json::numbers({double(p.x), double(p.y)}));
-      Json j = Json::object();
-      j.set("points", c.size())
-          .set("area", area)
-          .set("box",
-               Json::numbers({double(box.x), double(box.y), double(box.width), double(box.height)}))
-          .set("contour", pts);
-      list.push(j);
+        pts.push_back({p.x, p.y});
+      list.push_back({{"points", c.size()},
+                      {"area", area},
+                      {"box", {box.x, box.y, box.width, box.height}},
+                      {"contour", std::move(pts)}});
     } else {
       o << "  " << i + 1 << ": " << c.size() << " points, area " << formatShort(area) << ", box "
         << box.x << ',' << box.y << ' ' << box.width << 'x' << box.height << '\n';
     }
   }
-  if (ctx.json) {
-    Json j = Json::object();
-    j.set("file", path).set("width", mask.cols).set("height", mask.rows).set("regions", list);
-    j.write(ctx.out);
-  }
+  if (ctx.json)
+    writeJson(ctx.out,
+              {{"file", path}, {"width", mask.cols}, {"height", mask.rows}, {"regions", list}});
 
-  if (args.has("--overlay")) {
+  if (!options.out.empty()) {
     cv::Mat overlay;
     cv::cvtColor(mask, overlay, cv::COLOR_GRAY2BGR);
     for (std::size_t i = 0; i < contours.size(); ++i) {
@@ -84,10 +72,33 @@ int runContours(Context& ctx, std::vector<std::string> const& argv) {
             cv::Vec3b(static_cast<unsigned char>(colour[0]), static_cast<unsigned char>(colour[1]),
                       static_cast<unsigned char>(colour[2]));
     }
-    ctx.subject = args.value("--overlay");
-    writeImage(args.value("--overlay"), overlay);
+    ctx.subject = options.out;
+    writeImage(options.out, overlay);
   }
-  return exit_code::ok;
+}
+
+}  // namespace
+
+void add_contours_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<ContoursOptions>();
+  CLI::App& cmd = addCommand(
+      quib, "contours",
+      "trace the regions of a mask\n\n"
+      "Traces the outer boundary of every region of a mask picture (read as 8-bit grey): a "
+      "region is a set of 8-connected pixels whose value differs from the background. Regions "
+      "are found in row order; each is listed with its number of boundary points, the area "
+      "enclosed by its boundary polygon and its bounding box (x, y, width, height). Regions "
+      "that lie inside another one are not listed again. With --json, every boundary point "
+      "too.");
+  cmd.add_option("MASK", o->mask, "the mask picture; '-' reads standard input")->required();
+  cmd.add_option("--background", o->background, "the background value")
+      ->type_name("V")
+      ->check(CLI::Range(0, 255))
+      ->capture_default_str();
+  cmd.add_option("--out,--overlay", o->out, "write the mask with the outlines drawn in colour")
+      ->type_name("FILE");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { contours(ctx, *o); });
 }
 
 }  // namespace quib::tool

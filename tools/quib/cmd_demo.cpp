@@ -15,24 +15,10 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const demoHelp =
-    "usage: quib demo [--out DIR] [--json]\n"
-    "\n"
-    "Shows the measurement road end to end without any data files: renders chessboard\n"
-    "views through a known camera with lens distortion, calibrates from them, saves and\n"
-    "reloads the camera file, removes the distortion from a view, and measures a printed\n"
-    "disc (circle fit) and the board's plane (plane fit) through the recovered camera.\n"
-    "It prints the true against the recovered camera, the errors, and where it wrote its\n"
-    "pictures.\n"
-    "\n"
-    "Options:\n"
-    "  --out DIR   where to write the views, the camera file and the corrected view\n"
-    "              (default: quib-demo in the temporary directory)\n"
-    "  --json      print one JSON object\n";
 
 namespace {
 
@@ -80,14 +66,10 @@ double degrees(double radians) {
   return radians * 180 / M_PI;
 }
 
-}  // namespace
-
-int runDemo(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--out", true}});
-  if (!args.positional().empty()) throw UsageError("takes no arguments");
+void demo(Context& ctx, std::string const& outDir) {
   const auto started = std::chrono::steady_clock::now();
   const std::string dir =
-      args.value("--out", (std::filesystem::temp_directory_path() / "quib-demo").string());
+      outDir.empty() ? (std::filesystem::temp_directory_path() / "quib-demo").string() : outDir;
   makeDirectory(dir);
   ctx.subject = dir;
 
@@ -206,36 +188,29 @@ int runDemo(Context& ctx, std::vector<std::string> const& argv) {
 
   if (ctx.json) {
     Json cam = Json::object();
-    for (int i = 0; i < 8; ++i) {
-      Json pair = Json::object();
-      pair.set("true", truth[i]).set("recovered", found[i]);
-      cam.set(names[i], pair);
-    }
-    Json j = Json::object();
-    j.set("views", poses.size())
-        .set("accepted", views)
-        .set("camera", cam)
-        .set("view_errors", Json::numbers(errors))
-        .set("mean_error", mean);
-    Json disc = Json::object();
-    disc.set("edge_points", edge.size())
-        .set("true_radius", board.discRadius)
-        .set("radius", circle.r())
-        .set("true_centre", Json::numbers({board.discX, board.discY}))
-        .set("centre", Json::numbers({circle.x(), circle.y()}));
-    Json pl = Json::object();
-    pl.set("normal_error_degrees", tilt)
-        .set("true_distance", trueDistance)
-        .set("distance", fitDistance);
-    j.set("disc", disc).set("plane", pl);
-    Json files = Json::object();
-    files.set("directory", dir)
-        .set("views", Json::strings(written))
-        .set("camera_file", cameraFile)
-        .set("undistorted", correctedFile);
-    j.set("files", files).set("seconds", seconds);
-    j.write(ctx.out);
-    return exit_code::ok;
+    for (int i = 0; i < 8; ++i)
+      cam[names[i]] = {{"true", truth[i]}, {"recovered", found[i]}};
+    const Json disc = {{"edge_points", edge.size()},
+                       {"true_radius", board.discRadius},
+                       {"radius", circle.r()},
+                       {"true_centre", {board.discX, board.discY}},
+                       {"centre", {circle.x(), circle.y()}}};
+    const Json plane = {
+        {"normal_error_degrees", tilt}, {"true_distance", trueDistance}, {"distance", fitDistance}};
+    const Json files = {{"directory", dir},
+                        {"views", written},
+                        {"camera_file", cameraFile},
+                        {"undistorted", correctedFile}};
+    writeJson(ctx.out, {{"views", poses.size()},
+                        {"accepted", views},
+                        {"camera", cam},
+                        {"view_errors", errors},
+                        {"mean_error", mean},
+                        {"disc", disc},
+                        {"plane", plane},
+                        {"files", files},
+                        {"seconds", seconds}});
+    return;
   }
   std::ostream& o = ctx.out;
   o << "quib demo: " << poses.size() << " synthetic chessboard views (9x6 corners, 24 mm), "
@@ -261,7 +236,26 @@ int runDemo(Context& ctx, std::vector<std::string> const& argv) {
     << "pictures and camera file in " << dir << ":\n"
     << "  view1.png ... view" << poses.size() << ".png, camera.yml, view1-undistorted.png\n"
     << "done in " << formatShort(seconds, 3) << " s\n";
-  return exit_code::ok;
+}
+
+}  // namespace
+
+void add_demo_command(CLI::App& quib, Context& ctx) {
+  auto dir = std::make_shared<std::string>();
+  CLI::App& cmd = addCommand(
+      quib, "demo",
+      "calibrate and measure on synthetic views, end to end\n\n"
+      "Shows the measurement road end to end without any data files: renders chessboard views "
+      "through a known camera with lens distortion, calibrates from them, saves and reloads "
+      "the camera file, removes the distortion from a view, and measures a printed disc "
+      "(circle fit) and the board's plane (plane fit) through the recovered camera. It prints "
+      "the true against the recovered camera, the errors, and where it wrote its pictures.");
+  cmd.add_option("--out", *dir,
+                 "where to write the views, the camera file and the corrected view (default: "
+                 "quib-demo in the temporary directory)")
+      ->type_name("DIR");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [dir, &ctx] { demo(ctx, *dir); });
 }
 
 }  // namespace quib::tool

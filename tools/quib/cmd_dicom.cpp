@@ -5,24 +5,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const dicomHelp =
-    "usage: quib dicom dump [--tag gggg,eeee]... [--full] [--json] FILE\n"
-    "\n"
-    "Lists the elements of a DICOM file in tag order: tag, value representation and name\n"
-    "from the data dictionary, the value length, and the value itself for text elements\n"
-    "(binary values are shown by their size). Items of sequences with undefined length are\n"
-    "listed as top-level elements; members of repeating groups appear under the group's\n"
-    "first tag (60xx as 6000).\n"
-    "\n"
-    "Options:\n"
-    "  --tag gggg,eeee   show only this element (hexadecimal; may be repeated); a tag\n"
-    "                    that the file does not hold is an error\n"
-    "  --full            do not shorten long text values\n"
-    "  --json            print one JSON object\n";
 
 namespace {
 
@@ -86,28 +72,35 @@ bool parseTag(std::string const& text, std::uint16_t& group, std::uint16_t& numb
   return true;
 }
 
-}  // namespace
+struct DumpOptions {
+  std::vector<std::string> files;
+  std::vector<std::string> tags;
+  bool full = false;
+};
 
-int runDicom(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--tag", true, true}, {"--full"}});
-  auto const& pos = args.positional();
-  if (pos.empty()) throw UsageError("missing action (dump)");
-  if (pos[0] != "dump") throw UsageError("unknown action '" + pos[0] + "'");
-  if (pos.size() != 2) throw UsageError("'dump' takes exactly one FILE");
+const CLI::Validator tagName(
+    [](std::string& text) -> std::string {
+      std::uint16_t g = 0, n = 0;
+      return parseTag(text, g, n) ? std::string() : "'" + text + "' is not a tag like 0010,0010";
+    },
+    "");
+
+void dump(Context& ctx, DumpOptions const& o) {
+  if (o.files.size() != 1) throw UsageError("'dump' takes exactly one FILE");
   std::vector<std::uint32_t> wanted;
-  for (std::string const& t : args.values("--tag")) {
+  for (std::string const& t : o.tags) {
     std::uint16_t g = 0, n = 0;
-    if (!parseTag(t, g, n)) throw UsageError("'" + t + "' is not a tag like 0010,0010");
+    parseTag(t, g, n);
     wanted.push_back(quib::dicom::tag_key(g, n));
   }
 
-  std::string const& path = pos[1];
+  std::string const& path = o.files.front();
   ctx.subject = path;
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
-  std::wstring wide;
-  if (!toWide(path, wide)) throw Failure(path, "the file name is not valid UTF-8");
+  const InputFile input(path);
+  if (std::string reason = unreadableReason(input.path()); !reason.empty())
+    throw Failure(path, reason);
   quib::Dicom file;
-  if (file.load(wide) < 0)
+  if (file.load(widePath(input.path())) < 0)
     throw Failure(path, "not a DICOM file (no zero preamble and DICM magic)");
 
   std::vector<Entry> entries;
@@ -125,7 +118,7 @@ int runDicom(Context& ctx, std::vector<std::string> const& argv) {
                                              static_cast<std::uint16_t>(key >> 16)));
   }
 
-  const bool full = args.has("--full") || ctx.json;
+  const bool full = o.full || ctx.json;
   Json list = Json::array();
   for (Entry const& e : entries) {
     const std::string vr = vrOf(e.group, e.number);
@@ -134,13 +127,12 @@ int runDicom(Context& ctx, std::vector<std::string> const& argv) {
     const bool text = isText(vr);
     std::string value = text ? textValue(*e.value) : std::string();
     if (ctx.json) {
-      Json j = Json::object();
-      j.set("tag", tagText(e.group, e.number))
-          .set("vr", vr)
-          .set("name", name)
-          .set("length", e.value->size());
-      if (text) j.set("value", value);
-      list.push(j);
+      Json j = {{"tag", tagText(e.group, e.number)},
+                {"vr", vr},
+                {"name", name},
+                {"length", e.value->size()}};
+      if (text) j["value"] = value;
+      list.push_back(std::move(j));
       continue;
     }
     if (!full && value.size() > 64) value = value.substr(0, 61) + "...";
@@ -152,12 +144,35 @@ int runDicom(Context& ctx, std::vector<std::string> const& argv) {
     else
       ctx.out << '(' << e.value->size() << " bytes)\n";
   }
-  if (ctx.json) {
-    Json j = Json::object();
-    j.set("file", path).set("elements", list);
-    j.write(ctx.out);
-  }
-  return ctx.status;
+  if (ctx.json) writeJson(ctx.out, {{"file", path}, {"elements", list}});
+}
+
+}  // namespace
+
+CLI::App& dicomGroup(CLI::App& quib) {
+  return commandGroup(quib, "dicom", "list and read the contents of DICOM files");
+}
+
+void add_dicom_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<DumpOptions>();
+  CLI::App& cmd = addCommand(
+      dicomGroup(quib), "dump",
+      "list the elements of a DICOM file\n\n"
+      "Lists the elements of a DICOM file in tag order: tag, value representation and name "
+      "from the data dictionary, the value length, and the value itself for text elements "
+      "(binary values are shown by their size). Items of sequences with undefined length are "
+      "listed as top-level elements; members of repeating groups appear under the group's "
+      "first tag (60xx as 6000).");
+  cmd.add_option("FILE", o->files, "the DICOM file; '-' reads standard input");
+  cmd.add_option("--tag", o->tags,
+                 "show only this element (hexadecimal); a tag that the file does not hold is an "
+                 "error")
+      ->type_name("gggg,eeee")
+      ->allow_extra_args(false)
+      ->check(tagName);
+  cmd.add_flag("--full", o->full, "do not shorten long text values");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { dump(ctx, *o); });
 }
 
 }  // namespace quib::tool

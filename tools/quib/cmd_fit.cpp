@@ -9,35 +9,11 @@
 #include <charconv>
 #include <cmath>
 #include <fstream>
+#include <iostream>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const fitHelp =
-    "usage: quib fit MODEL [--robust K] [--ransac THRESHOLD] [--json] POINTS.csv\n"
-    "\n"
-    "Fits a model to the points of a text file and prints its coefficients, the derived\n"
-    "values and statistics of the residuals.\n"
-    "\n"
-    "Models:\n"
-    "  line      y = a*x + b                           (2-D points, vertical residuals)\n"
-    "  circle    x^2 + y^2 + a*x + b*y + c = 0         (2-D; centre and radius)\n"
-    "  plane     z = a*x + b*y + c                     (3-D; unit normal and offset)\n"
-    "  sphere    x^2+y^2+z^2 + a*x + b*y + c*z + d = 0  (3-D; centre and radius)\n"
-    "  poly:N    y = c0*x^N + ... + cN                 (2-D, degree N from 1 to 12)\n"
-    "\n"
-    "The file holds one point per line, its coordinates separated by commas, semicolons or\n"
-    "blanks; further columns are ignored. Blank lines, lines starting with '#' and a header\n"
-    "line at the top are skipped. Points with a coordinate that is not finite are ignored.\n"
-    "Residuals are vertical (y or z) for line, plane and poly, and radial distances from\n"
-    "the surface for circle and sphere.\n"
-    "\n"
-    "Options:\n"
-    "  --robust K          refit once with Tukey weights, cutting at median + K * MAD/0.6745\n"
-    "  --ransac THRESHOLD  plane only: search a plane by random sampling, keep the points\n"
-    "                      closer to it than THRESHOLD, then fit the plane to those\n"
-    "  --probability P     wanted RANSAC success probability (default 0.99)\n"
-    "  --json              print one JSON object\n";
 
 namespace {
 
@@ -56,9 +32,13 @@ bool field(std::string const& text, double& v) {
 
 // Reads rows of at least `columns` numbers.
 std::vector<std::vector<double>> readPoints(std::string const& path, std::size_t columns) {
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw Failure(path, "cannot be opened");
+  std::ifstream file;
+  if (path != "-") {
+    if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
+    file.open(path, std::ios::binary);
+    if (!file) throw Failure(path, "cannot be opened");
+  }
+  std::istream& in = path == "-" ? std::cin : file;
   std::vector<std::vector<double>> rows;
   std::string line;
   std::size_t number = 0;
@@ -183,31 +163,28 @@ Fit fitWith(typename Fit::points_type const& pts, bool robust, double k) {
 void output(Context& ctx, std::string const& path, Report const& r) {
   const Stats s = statistics(r.residuals);
   if (ctx.json) {
-    Json j = Json::object();
-    j.set("file", path).set("model", r.model).set("equation", r.equation);
-    j.set("points", r.points).set("used", r.used);
+    Json j = {{"file", path},
+              {"model", r.model},
+              {"equation", r.equation},
+              {"points", r.points},
+              {"used", r.used}};
     Json c = Json::object();
     for (auto const& [name, v] : r.coefficients)
-      c.set(name, v);
-    j.set("coefficients", c);
+      c[name] = v;
+    j["coefficients"] = c;
     for (auto const& [name, v] : r.derived)
-      j.set(name, v.size() == 1 ? Json(v[0]) : Json::numbers(v));
-    Json res = Json::object();
-    res.set("count", s.count)
-        .set("rms", s.rms)
-        .set("mean_abs", s.meanAbs)
-        .set("median_abs", s.medianAbs)
-        .set("max_abs", s.maxAbs);
-    j.set("residuals", res);
-    if (r.ransac) {
-      Json search = Json::object();
-      search.set("threshold", r.threshold)
-          .set("inliers", r.inliers)
-          .set("point", Json::numbers(r.ransacPoint))
-          .set("normal", Json::numbers(r.ransacNormal));
-      j.set("ransac", search);
-    }
-    j.write(ctx.out);
+      j[name] = v.size() == 1 ? Json(v[0]) : Json(v);
+    j["residuals"] = {{"count", s.count},
+                      {"rms", s.rms},
+                      {"mean_abs", s.meanAbs},
+                      {"median_abs", s.medianAbs},
+                      {"max_abs", s.maxAbs}};
+    if (r.ransac)
+      j["ransac"] = {{"threshold", r.threshold},
+                     {"inliers", r.inliers},
+                     {"point", r.ransacPoint},
+                     {"normal", r.ransacNormal}};
+    writeJson(ctx.out, j);
     return;
   }
   std::ostream& o = ctx.out;
@@ -235,32 +212,48 @@ void output(Context& ctx, std::string const& path, Report const& r) {
     << ", median |r| " << formatShort(s.medianAbs) << ", max |r| " << formatShort(s.maxAbs) << '\n';
 }
 
-}  // namespace
+struct FitOptions {
+  std::string model;
+  std::string points;
+  double k = 0;
+  double threshold = 0;
+  double probability = 0.99;
+  bool robust = false;
+  bool ransac = false;
+};
 
-int runFit(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--robust", true}, {"--ransac", true}, {"--probability", true}});
-  auto const& pos = args.positional();
-  if (pos.empty()) throw UsageError("missing MODEL (line, circle, plane, sphere or poly:N)");
-  const std::string model = pos[0];
-  int degree = 0;
-  if (model.rfind("poly:", 0) == 0) {
-    long long n = 0;
-    if (!parseInteger(model.substr(5), n) || n < 1 || n > 12)
-      throw UsageError("'" + model + "': the degree of poly:N must be from 1 to 12");
-    degree = static_cast<int>(n);
-  } else if (model != "line" && model != "circle" && model != "plane" && model != "sphere") {
-    throw UsageError("unknown model '" + model + "'");
-  }
-  if (pos.size() != 2) throw UsageError("wants exactly one POINTS file");
-  const bool robust = args.has("--robust");
-  const double k = args.number("--robust", 0, 0, 1e6);
-  const bool ransac = args.has("--ransac");
+// "line", "circle", "plane", "sphere" or "poly:N" with N from 1 to 12; the degree, 0 for the
+// others.
+int degreeOf(std::string const& model) {
+  if (model.rfind("poly:", 0) != 0) return 0;
+  const std::string n = model.substr(5);
+  if (n.empty() || n.size() > 2 || n.find_first_not_of("0123456789") != std::string::npos)
+    return -1;
+  const int d = std::stoi(n);
+  return d >= 1 && d <= 12 ? d : -1;
+}
+
+const CLI::Validator modelName(
+    [](std::string& model) -> std::string {
+      if (model == "line" || model == "circle" || model == "plane" || model == "sphere") return {};
+      if (model.rfind("poly:", 0) == 0 && degreeOf(model) < 0)
+        return "'" + model + "': the degree of poly:N must be from 1 to 12";
+      if (degreeOf(model) > 0) return {};
+      return "unknown model '" + model + "' (line, circle, plane, sphere or poly:N)";
+    },
+    "");
+
+void fit(Context& ctx, FitOptions const& o) {
+  std::string const& model = o.model;
+  const int degree = degreeOf(model);
+  const bool robust = o.robust;
+  const double k = o.k;
+  const bool ransac = o.ransac;
   if (ransac && model != "plane") throw UsageError("--ransac works with the plane model only");
-  const double threshold = args.number("--ransac", 0, 0, 1e300);
-  if (ransac && !(threshold > 0)) throw UsageError("the RANSAC threshold must be positive");
-  const double probability = args.number("--probability", 0.99, 0, 1);
+  const double threshold = o.threshold;
+  const double probability = o.probability;
 
-  std::string const& path = pos[1];
+  std::string const& path = o.points;
   ctx.subject = path;
   const bool threeD = model == "plane" || model == "sphere";
   const auto rows = readPoints(path, threeD ? 3 : 2);
@@ -330,7 +323,51 @@ int runFit(Context& ctx, std::vector<std::string> const& argv) {
     throw Failure(path, "the points do not determine a " + model + " (" + std::to_string(r.used) +
                             " usable points)");
   output(ctx, path, r);
-  return exit_code::ok;
+}
+
+}  // namespace
+
+void add_fit_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<FitOptions>();
+  CLI::App& cmd = addCommand(
+      quib, "fit",
+      "fit lines, circles, planes, spheres and polynomials to points\n\n"
+      "Fits a model to the points of a text file and prints its coefficients, the derived "
+      "values and statistics of the residuals.\n\n"
+      "Models:\n"
+      "  line      y = a*x + b                            (2-D points, vertical residuals)\n"
+      "  circle    x^2 + y^2 + a*x + b*y + c = 0          (2-D; centre and radius)\n"
+      "  plane     z = a*x + b*y + c                      (3-D; unit normal and offset)\n"
+      "  sphere    x^2+y^2+z^2 + a*x + b*y + c*z + d = 0  (3-D; centre and radius)\n"
+      "  poly:N    y = c0*x^N + ... + cN                  (2-D, degree N from 1 to 12)\n\n"
+      "The file holds one point per line, its coordinates separated by commas, semicolons or "
+      "blanks; further columns are ignored. Blank lines, lines starting with '#' and a header "
+      "line at the top are skipped. Points with a coordinate that is not finite are ignored. "
+      "Residuals are vertical (y or z) for line, plane and poly, and radial distances from the "
+      "surface for circle and sphere.");
+  cmd.add_option("MODEL", o->model, "line, circle, plane, sphere or poly:N")
+      ->required()
+      ->check(modelName);
+  cmd.add_option("POINTS", o->points, "the points file; '-' reads standard input")->required();
+  cmd.add_option("--robust", o->k,
+                 "refit once with Tukey weights, cutting at median + K * MAD/0.6745")
+      ->type_name("K")
+      ->check(CLI::Range(0.0, 1e6));
+  cmd.add_option("--ransac", o->threshold,
+                 "plane only: search a plane by random sampling, keep the points closer to it "
+                 "than THRESHOLD, then fit the plane to those")
+      ->type_name("THRESHOLD")
+      ->check(CLI::PositiveNumber);
+  cmd.add_option("--probability", o->probability, "wanted RANSAC success probability")
+      ->type_name("P")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &cmd, &ctx] {
+    o->robust = cmd.count("--robust") > 0;
+    o->ransac = cmd.count("--ransac") > 0;
+    fit(ctx, *o);
+  });
 }
 
 }  // namespace quib::tool

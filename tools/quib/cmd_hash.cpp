@@ -7,21 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const hashHelp =
-    "usage: quib hash [--sha256] [--json] FILES...\n"
-    "\n"
-    "Prints a fingerprint of each file's bytes, one line per file: the digest, two blanks\n"
-    "and the file name. The default fingerprint is the library's fast 64-bit hash (16\n"
-    "hexadecimal digits; not for security); --sha256 gives the SHA-256 digest (64 digits),\n"
-    "the same value sha256sum prints. A FILE of '-' reads standard input.\n"
-    "\n"
-    "Options:\n"
-    "  --sha256   SHA-256 instead of the 64-bit hash\n"
-    "  --json     print a JSON array of {file, algorithm, digest}\n";
 
 namespace {
 
@@ -60,17 +49,11 @@ std::vector<unsigned char> slurp(std::string const& path) {
   return data;
 }
 
-}  // namespace
-
-int runHash(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--sha256"}});
-  if (args.positional().empty()) throw UsageError("no FILES given");
-  const bool sha = args.has("--sha256");
+void hashFiles(Context& ctx, std::vector<std::string> const& files, bool sha) {
   char const* const algorithm = sha ? "sha256" : "hash64";
-
   Json all = Json::array();
-  Progress progress(ctx, args.positional().size());
-  for (std::string const& path : args.positional()) {
+  Progress progress(ctx, files.size());
+  for (std::string const& path : files) {
     progress.step(path);
     ctx.subject = path;
     std::string digest;
@@ -90,17 +73,35 @@ int runHash(Context& ctx, std::vector<std::string> const& argv) {
       continue;
     }
     if (ctx.json) {
-      Json j = Json::object();
-      j.set("file", path).set("algorithm", algorithm).set("digest", digest);
-      all.push(j);
+      all.push_back({{"file", path}, {"algorithm", algorithm}, {"digest", digest}});
     } else {
       progress.done();
       ctx.out << digest << "  " << path << '\n';
     }
   }
   progress.done();
-  if (ctx.json) all.write(ctx.out);
-  return ctx.status;
+  if (ctx.json) writeJson(ctx.out, all);
+}
+
+}  // namespace
+
+void add_hash_command(CLI::App& quib, Context& ctx) {
+  struct Options {
+    std::vector<std::string> files;
+    bool sha = false;
+  };
+  auto o = std::make_shared<Options>();
+  CLI::App& cmd = addCommand(
+      quib, "hash",
+      "fingerprint files (64-bit hash or SHA-256)\n\n"
+      "Prints a fingerprint of each file's bytes, one line per file: the digest, two blanks and "
+      "the file name. The default fingerprint is the library's fast 64-bit hash (16 hexadecimal "
+      "digits; not for security); --sha256 gives the SHA-256 digest (64 digits), the same value "
+      "sha256sum prints. With --json, an array of {file, algorithm, digest}.");
+  cmd.add_option("FILES", o->files, "files to read; '-' reads standard input")->required();
+  cmd.add_flag("--sha256", o->sha, "SHA-256 instead of the 64-bit hash");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { hashFiles(ctx, o->files, o->sha); });
 }
 
 }  // namespace quib::tool

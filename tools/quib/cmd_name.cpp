@@ -6,30 +6,10 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const nameHelp =
-    "usage: quib name next   [--ext EXT] [--json] PATHS...\n"
-    "       quib name number [--ext EXT] [--json] PATHS...\n"
-    "       quib name strip  [--ext EXT] [--json] PATHS...\n"
-    "\n"
-    "Works out the names of a numbered file series, where the number follows a '#' just\n"
-    "before the extension (scan#1.png, scan#2.png, ...). Only the names are computed: no\n"
-    "file is touched.\n"
-    "\n"
-    "  next     the name that follows: scan#7.png gives scan#8.png, scan.png gives scan#1.png\n"
-    "  number   the '#' number of each name, and the plain number at its end if any\n"
-    "           ('-' when there is none)\n"
-    "  strip    the name without its number: scan#7.png gives scan.png; a name without a\n"
-    "           '#' number loses its trailing number and the character before it\n"
-    "           (frame_12.png gives frame.png)\n"
-    "\n"
-    "Options:\n"
-    "  --ext EXT   the extension of the series (e.g. .png), matched without regard to case;\n"
-    "              by default each name's own extension is used\n"
-    "  --json      print a JSON array with one object per path\n";
 
 namespace {
 
@@ -68,56 +48,82 @@ std::int64_t sharpNumber(std::string const& path, std::string const& stem) {
   return n;
 }
 
-}  // namespace
+enum class action { next, number, strip };
 
-int runName(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--ext", true}});
-  auto const& pos = args.positional();
-  if (pos.empty()) throw UsageError("missing action (next, number or strip)");
-  const std::string action = pos[0];
-  if (action != "next" && action != "number" && action != "strip")
-    throw UsageError("unknown action '" + action + "'");
-  if (pos.size() < 2) throw UsageError("no PATHS given");
-  const std::string ext = args.value("--ext");
-
+void nameAll(Context& ctx, action what, std::vector<std::string> const& paths,
+             std::string const& ext) {
   Json all = Json::array();
-  for (std::size_t i = 1; i < pos.size(); ++i) {
-    std::string const& path = pos[i];
+  for (std::string const& path : paths) {
     ctx.subject = path;
     const Parts p = split(path, ext);
-    Json j = Json::object();
-    j.set("path", path);
+    Json j = {{"path", path}};
     std::string line;
     try {
-      if (action == "next") {
+      if (what == action::next) {
         const std::int64_t n = sharpNumber(path, p.stem);
         if (n == std::numeric_limits<std::int64_t>::max())
           throw Failure(path, "the number cannot grow any further");
         line = quib::add_sharp_number(quib::sub_sharp_number(p.stem), n < 0 ? 1 : n + 1) + p.ext;
-        j.set("next", line);
-      } else if (action == "number") {
+        j["next"] = line;
+      } else if (what == action::number) {
         const std::int64_t n = sharpNumber(path, p.stem);
         const std::string suffix = quib::get_suffix_number(p.stem);
-        j.set("number", n < 0 ? Json() : Json(n));
-        j.set("suffix", suffix.empty() ? Json() : Json(suffix));
+        j["number"] = n < 0 ? Json() : Json(n);
+        j["suffix"] = suffix.empty() ? Json() : Json(suffix);
         line = (n < 0 ? std::string("-") : std::to_string(n)) + '\t' +
                (suffix.empty() ? std::string("-") : suffix) + '\t' + path;
       } else {
         const std::string plain = quib::sub_sharp_number(p.stem);
         line = (plain != p.stem ? plain : quib::sub_suffix_number(p.stem)) + p.ext;
-        j.set("stripped", line);
+        j["stripped"] = line;
       }
     } catch (Failure const& f) {
       ctx.fail(f.file(), f.what());
       continue;
     }
     if (ctx.json)
-      all.push(j);
+      all.push_back(j);
     else
       ctx.out << line << '\n';
   }
-  if (ctx.json) all.write(ctx.out);
-  return ctx.status;
+  if (ctx.json) writeJson(ctx.out, all);
+}
+
+}  // namespace
+
+void add_name_command(CLI::App& quib, Context& ctx) {
+  CLI::App& name = commandGroup(
+      quib, "name",
+      "next, number and plain names of a numbered file series\n\n"
+      "Works out the names of a numbered file series, where the number follows a '#' just "
+      "before the extension (scan#1.png, scan#2.png, ...). Only the names are computed: no "
+      "file is touched.");
+  const auto add = [&](action what, char const* word, char const* description) {
+    struct Options {
+      std::vector<std::string> paths;
+      std::string ext;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App& cmd = addCommand(name, word, description);
+    cmd.add_option("PATHS", o->paths, "names of the series")->required();
+    cmd.add_option("--ext", o->ext,
+                   "the extension of the series (e.g. .png), matched without regard to case; "
+                   "by default each name's own extension is used")
+        ->type_name("EXT");
+    addJsonFlag(cmd, ctx);
+    onRun(cmd, ctx, [o, what, &ctx] { nameAll(ctx, what, o->paths, o->ext); });
+  };
+  add(action::next, "next",
+      "the name that follows each one\n\n"
+      "scan#7.png gives scan#8.png, scan.png gives scan#1.png.");
+  add(action::number, "number",
+      "the '#' number of each name, and the plain number at its end\n\n"
+      "Prints the '#' number, the plain number at the end of the name ('-' when there is none) "
+      "and the path, separated by tabs.");
+  add(action::strip, "strip",
+      "each name without its number\n\n"
+      "scan#7.png gives scan.png; a name without a '#' number loses its trailing number and the "
+      "character before it (frame_12.png gives frame.png).");
 }
 
 }  // namespace quib::tool

@@ -8,27 +8,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
-
-char const* const registerHelp =
-    "usage: quib register [--limit PX] [--ratio R] [--matcher NAME]\n"
-    "                     [--method ransac|lmeds|all] [--overlay OUT] [--json] IMAGE1 IMAGE2\n"
-    "\n"
-    "Finds the perspective transform (homography) that maps IMAGE1 onto IMAGE2 from AKAZE\n"
-    "features, and reports how many features and matches survived each step: key points,\n"
-    "descriptors, matches, matches whose points lie at most PX pixels apart, matches whose\n"
-    "descriptor distance is at most R times the mean (clamped to the smallest and largest).\n"
-    "\n"
-    "Options:\n"
-    "  --limit PX       how far a true match may move between the pictures (default 50)\n"
-    "  --ratio R        distance threshold as a multiple of the mean distance (default 1)\n"
-    "  --matcher NAME   BruteForce-Hamming (default), BruteForce-Hamming(2), BruteForce,\n"
-    "                   BruteForce-SL2, BruteForce-L1 or FlannBased\n"
-    "  --method M       ransac (default), lmeds, or all (least squares over every match)\n"
-    "  --overlay OUT    write IMAGE2 with IMAGE1 mapped onto it, half and half\n"
-    "  --json           print one JSON object\n";
 
 namespace {
 
@@ -46,31 +29,42 @@ quib::Feature::match_t matcherOf(std::string const& name) {
     lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   for (auto const& n : names)
     if (lower == n.first) return n.second;
-  throw UsageError("unknown matcher '" + name + "'");
+  return quib::Feature::MATCH_BRUTE_FORCE_HAMMING;
 }
 
-}  // namespace
+const CLI::Validator matcherName(
+    [](std::string& name) -> std::string {
+      std::string lower;
+      for (char c : name)
+        lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      for (char const* known : {"flannbased", "bruteforce", "bruteforce-sl2", "bruteforce-l1",
+                                "bruteforce-hamming", "bruteforce-hamming(2)"})
+        if (lower == known) return {};
+      return "unknown matcher '" + name + "'";
+    },
+    "");
 
-int runRegister(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--limit", true},
-                         {"--ratio", true},
-                         {"--matcher", true},
-                         {"--method", true},
-                         {"--overlay", true}});
-  auto const& pos = args.positional();
-  if (pos.size() != 2) throw UsageError("wants IMAGE1 and IMAGE2");
-  const double limit = args.number("--limit", 50, 0, 1e9);
-  const double ratio = args.number("--ratio", 1, 0, 1e9);
-  const std::string matcherName = args.value("--matcher", "BruteForce-Hamming");
+struct RegisterOptions {
+  std::vector<std::string> images;
+  double limit = 50;
+  double ratio = 1;
+  std::string matcher = "BruteForce-Hamming";
+  std::string method = "ransac";
+  std::string out;
+};
+
+void registerImages(Context& ctx, RegisterOptions const& o) {
+  auto const& pos = o.images;
+  const double limit = o.limit;
+  const double ratio = o.ratio;
+  std::string const& matcherName = o.matcher;
   const auto matcher = matcherOf(matcherName);
-  const std::string methodName = args.value("--method", "ransac");
+  std::string const& methodName = o.method;
   quib::Feature::find_t method = quib::Feature::FIND_RANSAC;
   if (methodName == "lmeds")
     method = quib::Feature::FIND_LMEDS;
   else if (methodName == "all")
     method = quib::Feature::FIND_ALL_POINTS;
-  else if (methodName != "ransac")
-    throw UsageError("unknown method '" + methodName + "' (ransac, lmeds or all)");
 
   const cv::Mat image1 = readImage(pos[0], read_as::colour);
   const cv::Mat image2 = readImage(pos[1], read_as::colour);
@@ -99,14 +93,10 @@ int runRegister(Context& ctx, std::vector<std::string> const& argv) {
   if (!near.empty()) feature.extract_hamming_distance(close, near, threshold);
   progress.done();
 
-  Json steps = Json::object();
-  steps.set("keypoints1", detected1)
-      .set("keypoints2", detected2)
-      .set("described1", keys1.size())
-      .set("described2", keys2.size())
-      .set("matches", matches.size())
-      .set("within_limit", near.size())
-      .set("within_distance", close.size());
+  const Json steps = {{"keypoints1", detected1},        {"keypoints2", detected2},
+                      {"described1", keys1.size()},     {"described2", keys2.size()},
+                      {"matches", matches.size()},      {"within_limit", near.size()},
+                      {"within_distance", close.size()}};
   if (!ctx.json) {
     ctx.out << "key points      " << detected1 << " in " << pos[0] << ", " << detected2 << " in "
             << pos[1] << '\n'
@@ -129,19 +119,17 @@ int runRegister(Context& ctx, std::vector<std::string> const& argv) {
 
   Json hj = Json::array();
   for (int r = 0; r < 3; ++r)
-    hj.push(Json::numbers({h.at<double>(r, 0), h.at<double>(r, 1), h.at<double>(r, 2)}));
+    hj.push_back({h.at<double>(r, 0), h.at<double>(r, 1), h.at<double>(r, 2)});
   if (ctx.json) {
-    Json j = Json::object();
-    j.set("image1", pos[0])
-        .set("image2", pos[1])
-        .set("limit", limit)
-        .set("ratio", ratio)
-        .set("matcher", matcherName)
-        .set("method", methodName)
-        .set("distance_threshold", threshold)
-        .set("steps", steps)
-        .set("homography", hj);
-    j.write(ctx.out);
+    writeJson(ctx.out, {{"image1", pos[0]},
+                        {"image2", pos[1]},
+                        {"limit", limit},
+                        {"ratio", ratio},
+                        {"matcher", matcherName},
+                        {"method", methodName},
+                        {"distance_threshold", threshold},
+                        {"steps", steps},
+                        {"homography", hj}});
   } else {
     ctx.out << "homography (" << methodName << ")\n";
     for (int r = 0; r < 3; ++r)
@@ -150,14 +138,54 @@ int runRegister(Context& ctx, std::vector<std::string> const& argv) {
               << '\n';
   }
 
-  if (args.has("--overlay")) {
+  if (!o.out.empty()) {
     cv::Mat warped, blend;
     cv::warpPerspective(image1, warped, h, image2.size());
     cv::addWeighted(image2, 0.5, warped, 0.5, 0, blend);
-    ctx.subject = args.value("--overlay");
-    writeImage(args.value("--overlay"), blend);
+    ctx.subject = o.out;
+    writeImage(o.out, blend);
   }
-  return exit_code::ok;
+}
+
+}  // namespace
+
+void add_register_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<RegisterOptions>();
+  CLI::App& cmd = addCommand(
+      quib, "register",
+      "map one picture onto another by features\n\n"
+      "Finds the perspective transform (homography) that maps IMAGE1 onto IMAGE2 from AKAZE "
+      "features, and reports how many features and matches survived each step: key points, "
+      "descriptors, matches, matches whose points lie at most --limit pixels apart, matches "
+      "whose descriptor distance is at most --ratio times the mean (clamped to the smallest "
+      "and largest).");
+  cmd.add_option("IMAGES", o->images, "IMAGE1 and IMAGE2; '-' reads standard input")
+      ->required()
+      ->expected(2);
+  cmd.add_option("--limit", o->limit,
+                 "how far a true match may move between the pictures, in pixels")
+      ->type_name("PX")
+      ->check(CLI::Range(0.0, 1e9))
+      ->capture_default_str();
+  cmd.add_option("--ratio", o->ratio, "distance threshold as a multiple of the mean distance")
+      ->type_name("R")
+      ->check(CLI::Range(0.0, 1e9))
+      ->capture_default_str();
+  cmd.add_option("--matcher", o->matcher,
+                 "BruteForce-Hamming, BruteForce-Hamming(2), BruteForce, BruteForce-SL2, "
+                 "BruteForce-L1 or FlannBased")
+      ->type_name("NAME")
+      ->check(matcherName)
+      ->capture_default_str();
+  cmd.add_option("--method", o->method, "ransac, lmeds, or all (least squares over every match)")
+      ->type_name("M")
+      ->check(CLI::IsMember({"ransac", "lmeds", "all"}))
+      ->capture_default_str();
+  cmd.add_option("--out,--overlay", o->out,
+                 "write IMAGE2 with IMAGE1 mapped onto it, half and half")
+      ->type_name("FILE");
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { registerImages(ctx, *o); });
 }
 
 }  // namespace quib::tool

@@ -15,33 +15,7 @@
 
 namespace quib::tool {
 
-char const* const stlHelp =
-    "usage: quib stl info    [--json] FILES...\n"
-    "       quib stl convert [--ascii | --binary] [--precision N] [--name NAME] IN OUT\n"
-    "       quib stl merge   [--ascii | --binary] [--precision N] [--name NAME] OUT IN...\n"
-    "\n"
-    "  info     the solid's name, encoding, triangle and distinct vertex counts and the\n"
-    "           bounding box of each file\n"
-    "  convert  writes IN to OUT in the other encoding (ASCII <-> binary), or in the one\n"
-    "           chosen with --ascii or --binary\n"
-    "  merge    writes the triangles of all IN files into one file OUT; identical\n"
-    "           vertices are shared and counted once\n"
-    "\n"
-    "Options:\n"
-    "  --ascii         write ASCII STL\n"
-    "  --binary        write binary STL\n"
-    "  --precision N   digits after the decimal point in ASCII output (1 to 9, default 6;\n"
-    "                  implies --ascii)\n"
-    "  --name NAME     the solid's name in the output (default: that of the first input)\n"
-    "  --json          print JSON\n";
-
 namespace {
-
-std::wstring widePath(std::string const& path) {
-  std::wstring wide;
-  if (!toWide(path, wide)) throw Failure(path, "the file name is not valid UTF-8");
-  return wide;
-}
 
 // The encoding the reader will pick: binary when the length matches the stored count.
 bool isBinary(std::string const& path) {
@@ -55,16 +29,26 @@ bool isBinary(std::string const& path) {
   return !ec && size == count * 50 + 84;
 }
 
-quib::Stl load(Context& ctx, std::string const& path, bool merge) {
-  ctx.subject = path;
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
+// A mesh, and the encoding it was read from.
+struct Loaded {
   quib::Stl mesh;
-  if (mesh.load(widePath(path), merge) < 0) throw Failure(path, "not an STL file");
-  return mesh;
+  bool binary = false;
+};
+
+Loaded load(Context& ctx, std::string const& name, bool merge) {
+  ctx.subject = name;
+  const InputFile input(name);
+  std::string const& path = input.path();
+  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(name, reason);
+  Loaded loaded;
+  if (loaded.mesh.load(widePath(path), merge) < 0) throw Failure(name, "not an STL file");
+  loaded.binary = isBinary(path);
+  return loaded;
 }
 
 Json info(Context& ctx, std::string const& path) {
-  const quib::Stl mesh = load(ctx, path, true);
+  const Loaded loaded = load(ctx, path, true);
+  quib::Stl const& mesh = loaded.mesh;
   const float inf = std::numeric_limits<float>::infinity();
   std::vector<double> lo(3, inf), hi(3, -inf);
   for (auto const& p : mesh.points()) {
@@ -74,25 +58,22 @@ Json info(Context& ctx, std::string const& path) {
       hi[std::size_t(i)] = std::max<double>(hi[std::size_t(i)], p[i]);
     }
   }
-  Json j = Json::object();
-  j.set("file", path)
-      .set("name", mesh.get_name())
-      .set("encoding", isBinary(path) ? "binary" : "ascii")
-      .set("triangles", mesh.size_polygon())
-      .set("vertices", mesh.size());
-  Json box = Json::object();
+  Json j = {{"file", path},
+            {"name", mesh.get_name()},
+            {"encoding", loaded.binary ? "binary" : "ascii"},
+            {"triangles", mesh.size_polygon()},
+            {"vertices", mesh.size()}};
   if (mesh.is() && lo[0] <= hi[0]) {
-    box.set("min", Json::numbers(lo)).set("max", Json::numbers(hi));
-    box.set("size", Json::numbers({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}));
-    j.set("bounding_box", box);
+    const std::vector<double> size = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
+    j["bounding_box"] = {{"min", lo}, {"max", hi}, {"size", size}};
   } else {
-    j.set("bounding_box", Json());
+    j["bounding_box"] = nullptr;
   }
   if (!ctx.json) {
     std::ostream& o = ctx.out;
     o << path << '\n'
       << "  name          " << (mesh.get_name().empty() ? "(none)" : mesh.get_name()) << '\n'
-      << "  encoding      " << (isBinary(path) ? "binary" : "ASCII") << '\n'
+      << "  encoding      " << (loaded.binary ? "binary" : "ASCII") << '\n'
       << "  triangles     " << mesh.size_polygon() << '\n'
       << "  vertices      " << mesh.size() << " distinct\n";
     if (mesh.is() && lo[0] <= hi[0]) {
@@ -135,113 +116,134 @@ void save(Context& ctx, quib::Stl const& mesh, std::string const& out, int preci
   if (!complete) throw Failure(out, "the file was not written completely");
 }
 
-struct Output {
-  bool ascii;
-  int precision;
+struct WriteOptions {
+  std::vector<std::string> inputs;
+  std::string out;
+  std::string name;
+  int precision = 6;
+  bool ascii = false;
+  bool binary = false;
 };
 
-// The output encoding: as chosen, else `ascii`.
-Output outputMode(Args const& args, bool ascii) {
-  if (args.has("--ascii") && args.has("--binary"))
-    throw UsageError("--ascii and --binary exclude each other");
-  if (args.has("--binary") && args.has("--precision"))
-    throw UsageError("--precision applies to ASCII output only");
-  const int precision = static_cast<int>(args.integer("--precision", 6, 1, 9));
-  if (args.has("--ascii") || args.has("--precision")) ascii = true;
-  if (args.has("--binary")) ascii = false;
-  return {ascii, precision};
+// Writes the triangles of all inputs into one file: convert (one input, to the other encoding
+// by default) and merge (shared vertices, binary by default).
+void write(Context& ctx, WriteOptions const& o, bool merge, bool precisionGiven) {
+  std::vector<quib::Stl::Point> points;
+  std::vector<quib::Stl::Polygon> polygons;
+  std::string name;
+  bool firstBinary = false;
+  Progress progress(ctx, o.inputs.size());
+  for (std::size_t i = 0; i < o.inputs.size(); ++i) {
+    progress.step(o.inputs[i]);
+    const Loaded loaded = load(ctx, o.inputs[i], false);
+    quib::Stl const& mesh = loaded.mesh;
+    if (i == 0) {
+      name = mesh.get_name();
+      firstBinary = loaded.binary;
+    }
+    const std::size_t base = points.size();
+    if (base + static_cast<std::size_t>(mesh.size()) >
+        static_cast<std::size_t>(std::numeric_limits<int>::max()))
+      throw Failure(o.inputs[i], "too many vertices in all");
+    points.insert(points.end(), mesh.points().begin(), mesh.points().end());
+    for (auto const& poly : mesh.polygons()) {
+      quib::Stl::Polygon shifted(poly);
+      for (int& v : shifted)
+        v += static_cast<int>(base);
+      polygons.push_back(std::move(shifted));
+    }
+  }
+  progress.done();
+  // convert goes to the other encoding by default; merge writes binary.
+  bool ascii = !merge && firstBinary;
+  if (o.ascii || precisionGiven) ascii = true;
+  if (o.binary) ascii = false;
+  quib::Stl result;
+  result.assign(points, polygons);
+  result.set_name(o.name.empty() ? name : o.name);
+  if (merge) result.compress();
+  save(ctx, result, o.out, ascii ? o.precision : 0);
+  if (ctx.json)
+    writeJson(ctx.out, {{"file", o.out},
+                        {"encoding", ascii ? "ascii" : "binary"},
+                        {"name", result.get_name()},
+                        {"triangles", result.size_polygon()},
+                        {"vertices", result.size()},
+                        {"inputs", o.inputs.size()}});
+  else
+    ctx.out << o.out << ": " << result.size_polygon() << " triangles, "
+            << (ascii ? "ASCII" : "binary")
+            << (merge ? ", " + std::to_string(result.size()) + " distinct vertices" : std::string())
+            << '\n';
 }
 
 }  // namespace
 
-int runStl(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--ascii"}, {"--binary"}, {"--precision", true}, {"--name", true}});
-  auto const& pos = args.positional();
-  if (pos.empty()) throw UsageError("missing action (info, convert or merge)");
-  const std::string action = pos[0];
-  const std::vector<std::string> files(pos.begin() + 1, pos.end());
+void add_stl_command(CLI::App& quib, Context& ctx) {
+  CLI::App& stl = commandGroup(quib, "stl", "describe, convert and merge STL meshes");
 
-  if (action == "info") {
-    if (files.empty()) throw UsageError("no FILES given");
-    if (args.has("--ascii") || args.has("--binary") || args.has("--precision") ||
-        args.has("--name"))
-      throw UsageError("'info' takes no output options");
+  auto files = std::make_shared<std::vector<std::string>>();
+  CLI::App& describe =
+      addCommand(stl, "info",
+                 "name, encoding, counts and bounding box of STL meshes\n\n"
+                 "Reads each file with identical vertices merged and prints the solid's name, its "
+                 "encoding, the triangle and distinct vertex counts and the bounding box.");
+  describe.add_option("FILES", *files, "STL files; '-' reads standard input")->required();
+  addJsonFlag(describe, ctx);
+  onRun(describe, ctx, [files, &ctx] {
     Json all = Json::array();
-    Progress progress(ctx, files.size());
-    for (std::string const& f : files) {
+    Progress progress(ctx, files->size());
+    for (std::string const& f : *files) {
       progress.step(f);
       try {
         Json j = info(ctx, f);
-        all.push(j);
+        all.push_back(std::move(j));
       } catch (Failure const& e) {
         progress.done();
         ctx.fail(e.file(), e.what());
       }
     }
     progress.done();
-    if (ctx.json) all.write(ctx.out);
-    return ctx.status;
-  }
+    if (ctx.json) writeJson(ctx.out, all);
+  });
 
-  if (action == "convert" || action == "merge") {
-    std::vector<std::string> inputs;
-    std::string out;
-    if (action == "convert") {
-      if (files.size() != 2) throw UsageError("'convert' wants IN and OUT");
-      inputs = {files[0]};
-      out = files[1];
-    } else {
-      if (files.size() < 2) throw UsageError("'merge' wants OUT and at least one IN");
-      out = files[0];
-      inputs.assign(files.begin() + 1, files.end());
-    }
-    outputMode(args, false);  // bad options are found before any work
-    std::vector<quib::Stl::Point> points;
-    std::vector<quib::Stl::Polygon> polygons;
-    std::string name;
-    Progress progress(ctx, inputs.size());
-    for (std::size_t i = 0; i < inputs.size(); ++i) {
-      progress.step(inputs[i]);
-      const quib::Stl mesh = load(ctx, inputs[i], false);
-      if (i == 0) name = mesh.get_name();
-      const std::size_t base = points.size();
-      if (base + static_cast<std::size_t>(mesh.size()) >
-          static_cast<std::size_t>(std::numeric_limits<int>::max()))
-        throw Failure(inputs[i], "too many vertices in all");
-      points.insert(points.end(), mesh.points().begin(), mesh.points().end());
-      for (auto const& poly : mesh.polygons()) {
-        quib::Stl::Polygon shifted(poly);
-        for (int& v : shifted)
-          v += static_cast<int>(base);
-        polygons.push_back(std::move(shifted));
-      }
-    }
-    progress.done();
-    // convert goes to the other encoding by default; merge writes binary.
-    const Output mode = outputMode(args, action == "convert" && isBinary(inputs[0]));
-    quib::Stl result;
-    result.assign(points, polygons);
-    result.set_name(args.value("--name", name));
-    if (action == "merge") result.compress();
-    save(ctx, result, out, mode.ascii ? mode.precision : 0);
-    Json j = Json::object();
-    j.set("file", out)
-        .set("encoding", mode.ascii ? "ascii" : "binary")
-        .set("name", result.get_name())
-        .set("triangles", result.size_polygon())
-        .set("vertices", result.size())
-        .set("inputs", static_cast<std::uint64_t>(inputs.size()));
-    if (ctx.json)
-      j.write(ctx.out);
+  // convert and merge write a file with the same options.
+  const auto writer = [&](char const* word, char const* description, bool merge) {
+    auto o = std::make_shared<WriteOptions>();
+    CLI::App& cmd = addCommand(stl, word, description);
+    if (merge)
+      cmd.add_option("IN", o->inputs, "the meshes to merge; '-' reads standard input")->required();
     else
-      ctx.out << out << ": " << result.size_polygon() << " triangles, "
-              << (mode.ascii ? "ASCII" : "binary")
-              << (action == "merge" ? ", " + std::to_string(result.size()) + " distinct vertices"
-                                    : std::string())
-              << '\n';
-    return exit_code::ok;
-  }
-  throw UsageError("unknown action '" + action + "'");
+      cmd.add_option("IN", o->inputs, "the mesh to convert; '-' reads standard input")
+          ->required()
+          ->expected(1);
+    cmd.add_option("--out", o->out, "the STL file to write")->type_name("FILE")->required();
+    CLI::Option* ascii = cmd.add_flag("--ascii", o->ascii, "write ASCII STL");
+    CLI::Option* binary = cmd.add_flag("--binary", o->binary, "write binary STL");
+    CLI::Option* precision =
+        cmd.add_option("--precision", o->precision,
+                       "digits after the decimal point in ASCII output (implies --ascii)")
+            ->type_name("N")
+            ->check(CLI::Range(1, 9))
+            ->capture_default_str();
+    ascii->excludes(binary);
+    precision->excludes(binary);
+    cmd.add_option("--name", o->name,
+                   "the solid's name in the output (default: that of the first input)")
+        ->type_name("NAME");
+    addJsonFlag(cmd, ctx);
+    onRun(cmd, ctx, [o, merge, precision, &ctx] { write(ctx, *o, merge, precision->count() > 0); });
+  };
+  writer("convert",
+         "write a mesh in the other encoding\n\n"
+         "Writes IN to the --out file in the other encoding (ASCII <-> binary), or in the one "
+         "chosen with --ascii or --binary.",
+         false);
+  writer("merge",
+         "merge meshes into one\n\n"
+         "Writes the triangles of all IN files into the --out file (binary unless --ascii or "
+         "--precision is given); identical vertices are shared and counted once.",
+         true);
 }
 
 }  // namespace quib::tool

@@ -5,43 +5,37 @@
 #include "image_io.hpp"
 
 #include <filesystem>
+#include <memory>
 #include <ostream>
 
 namespace quib::tool {
 
-char const* const undistortHelp =
-    "usage: quib undistort --camera FILE --out DIR [--json] IMAGES...\n"
-    "\n"
-    "Removes the lens distortion described by a camera file (written by quib calibrate)\n"
-    "from each picture and writes the result under the same file name into DIR, in the\n"
-    "same format. Any picture that OpenCV reads is accepted; uncompressed bitmaps are read\n"
-    "and written through the library's bitmap streamer. A picture whose size differs from\n"
-    "the camera's is handled with the camera scaled to it.\n"
-    "\n"
-    "Options:\n"
-    "  --camera FILE   the camera file (.yml or .xml)\n"
-    "  --out DIR       where to write the corrected pictures (created when missing)\n"
-    "  --json          print a JSON array of {file, output}\n";
+namespace {
 
-int runUndistort(Context& ctx, std::vector<std::string> const& argv) {
-  const Args args(argv, {{"--camera", true}, {"--out", true}});
-  if (!args.has("--camera")) throw UsageError("--camera FILE is required");
-  if (!args.has("--out")) throw UsageError("--out DIR is required");
-  if (args.positional().empty()) throw UsageError("no IMAGES given");
-  const std::string cameraFile = args.value("--camera");
-  const std::string dir = args.value("--out");
+struct UndistortOptions {
+  std::vector<std::string> images;
+  std::string camera;
+  std::string out;
+};
+
+void undistort(Context& ctx, UndistortOptions const& o) {
+  for (std::string const& path : o.images)
+    if (path == "-") throw UsageError("a picture from standard input has no name to write under");
+  std::string const& cameraFile = o.camera;
+  std::string const& dir = o.out;
 
   ctx.subject = cameraFile;
-  if (std::string reason = unreadableReason(cameraFile); !reason.empty())
+  const InputFile cameraInput(cameraFile);
+  if (std::string reason = unreadableReason(cameraInput.path()); !reason.empty())
     throw Failure(cameraFile, reason);
   quib::Projection camera;
-  if (!camera.load_setup(cameraFile) || camera.empty())
+  if (!camera.load_setup(cameraInput.path()) || camera.empty())
     throw Failure(cameraFile, "not a camera file");
   makeDirectory(dir);
 
   Json all = Json::array();
-  Progress progress(ctx, args.positional().size());
-  for (std::string const& path : args.positional()) {
+  Progress progress(ctx, o.images.size());
+  for (std::string const& path : o.images) {
     progress.step(path);
     ctx.subject = path;
     const std::string target = outputPath(dir, path, "");
@@ -62,17 +56,37 @@ int runUndistort(Context& ctx, std::vector<std::string> const& argv) {
       continue;
     }
     if (ctx.json) {
-      Json j = Json::object();
-      j.set("file", path).set("output", target);
-      all.push(j);
+      all.push_back({{"file", path}, {"output", target}});
     } else {
       progress.done();
       ctx.out << path << " -> " << target << '\n';
     }
   }
   progress.done();
-  if (ctx.json) all.write(ctx.out);
-  return ctx.status;
+  if (ctx.json) writeJson(ctx.out, all);
+}
+
+}  // namespace
+
+void add_undistort_command(CLI::App& quib, Context& ctx) {
+  auto o = std::make_shared<UndistortOptions>();
+  CLI::App& cmd = addCommand(
+      quib, "undistort",
+      "remove lens distortion from pictures\n\n"
+      "Removes the lens distortion described by a camera file (written by quib calibrate) from "
+      "each picture and writes the result under the same file name into the --out directory, "
+      "in the same format. Any picture that OpenCV reads is accepted; uncompressed bitmaps are "
+      "read and written through the library's bitmap streamer. A picture whose size differs "
+      "from the camera's is handled with the camera scaled to it.");
+  cmd.add_option("IMAGES", o->images, "the pictures to correct")->required();
+  cmd.add_option("--camera", o->camera, "the camera file (.yml or .xml); '-' reads standard input")
+      ->type_name("FILE")
+      ->required();
+  cmd.add_option("--out", o->out, "where to write the corrected pictures (created when missing)")
+      ->type_name("DIR")
+      ->required();
+  addJsonFlag(cmd, ctx);
+  onRun(cmd, ctx, [o, &ctx] { undistort(ctx, *o); });
 }
 
 }  // namespace quib::tool

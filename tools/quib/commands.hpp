@@ -1,48 +1,27 @@
-// The table of quib subcommands. Each one lives in its own cmd_<name>.cpp.
+// The quib commands. Each one lives in its own cmd_<name>.cpp and adds itself to the command
+// tree with one function, called once from addCommands (commands.cpp).
 #pragma once
 
 #include "cli.hpp"
 
-#include <string>
-#include <vector>
-
 namespace quib::tool {
 
-/// One subcommand: its name, a one-line summary for `quib --help`, its full help text and the
-/// function that runs it on the arguments after its name. The function returns the exit code,
-/// throws UsageError for bad arguments and Failure for a failed operation on a file.
-struct Command {
-  char const* name;
-  char const* summary;
-  char const* help;
-  int (*run)(Context& ctx, std::vector<std::string> const& argv);
-};
+/// Adds every command to the quib app, in the order `quib --help` lists them.
+void addCommands(CLI::App& quib, Context& ctx);
 
-/// All subcommands, in the order `quib --help` lists them.
-std::vector<Command> const& commands();
+void add_bmp_command(CLI::App& quib, Context& ctx);
+void add_hash_command(CLI::App& quib, Context& ctx);
+void add_name_command(CLI::App& quib, Context& ctx);
+void add_fit_command(CLI::App& quib, Context& ctx);
+void add_stl_command(CLI::App& quib, Context& ctx);
+void add_dicom_command(CLI::App& quib, Context& ctx);
+void add_calibrate_command(CLI::App& quib, Context& ctx);
+void add_undistort_command(CLI::App& quib, Context& ctx);
+void add_contours_command(CLI::App& quib, Context& ctx);
+void add_register_command(CLI::App& quib, Context& ctx);
+void add_demo_command(CLI::App& quib, Context& ctx);
 
-// One entry point and one help text per subcommand.
-int runBmp(Context& ctx, std::vector<std::string> const& argv);
-int runHash(Context& ctx, std::vector<std::string> const& argv);
-int runName(Context& ctx, std::vector<std::string> const& argv);
-int runFit(Context& ctx, std::vector<std::string> const& argv);
-int runStl(Context& ctx, std::vector<std::string> const& argv);
-int runDicom(Context& ctx, std::vector<std::string> const& argv);
-int runCalibrate(Context& ctx, std::vector<std::string> const& argv);
-int runUndistort(Context& ctx, std::vector<std::string> const& argv);
-int runContours(Context& ctx, std::vector<std::string> const& argv);
-int runRegister(Context& ctx, std::vector<std::string> const& argv);
-int runDemo(Context& ctx, std::vector<std::string> const& argv);
-extern char const* const bmpHelp;
-extern char const* const hashHelp;
-extern char const* const nameHelp;
-extern char const* const fitHelp;
-extern char const* const stlHelp;
-extern char const* const dicomHelp;
-extern char const* const calibrateHelp;
-extern char const* const undistortHelp;
-extern char const* const contoursHelp;
-extern char const* const registerHelp;
-extern char const* const demoHelp;
+/// The "dicom" group, to which cmd_dicom*.cpp files add their actions.
+CLI::App& dicomGroup(CLI::App& quib);
 
 }  // namespace quib::tool

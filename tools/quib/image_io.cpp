@@ -90,13 +90,15 @@ void writeBitmap(std::string const& path, cv::Mat const& image) {
 
 }  // namespace
 
-cv::Mat readImage(std::string const& path, read_as mode) {
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
+cv::Mat readImage(std::string const& name, read_as mode) {
+  const InputFile input(name);
+  std::string const& path = input.path();
+  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(name, reason);
   cv::Mat picture;
   if (startsWithBm(path)) picture = readBitmap(path);
   if (picture.empty())
     picture = cv::imread(path, mode == read_as::grey ? cv::IMREAD_GRAYSCALE : cv::IMREAD_COLOR);
-  if (picture.empty()) throw Failure(path, "not a picture that can be read");
+  if (picture.empty()) throw Failure(name, "not a picture that can be read");
   if (mode == read_as::grey && picture.channels() == 3)
     cv::cvtColor(picture, picture, cv::COLOR_BGR2GRAY);
   if (mode == read_as::colour && picture.channels() == 1)

@@ -10,7 +10,8 @@ namespace quib::tool {
 
 enum class read_as { colour, grey };
 
-/// Reads a picture as 8-bit BGR (colour) or 8-bit grey; throws Failure naming the file.
+/// Reads a picture as 8-bit BGR (colour) or 8-bit grey ("-" reads standard input); throws
+/// Failure naming the file.
 cv::Mat readImage(std::string const& path, read_as mode);
 /// Writes an 8-bit grey or BGR picture; the format follows the extension (".bmp" through
 /// quib::Dib). Throws Failure naming the file.
