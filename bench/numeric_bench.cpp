@@ -180,13 +180,23 @@ QUIB_FIT_BENCH(quib::LeastSquaresCircle, BM_PlainSums_Circle);
 QUIB_FIT_BENCH(quib::LeastSquaresPlane, BM_PlainSums_Plane);
 QUIB_FIT_BENCH(quib::LeastSquaresSphere, BM_PlainSums_Sphere);
 
+// Samples of a degree-6 polynomial on [-1, 1).
+const std::vector<P2>& sextic_points() {
+  static const std::vector<P2> pts = [] {
+    const std::size_t n = bench::smoke() ? 1000 : 1000000;
+    std::vector<P2> p(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
+      p[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
+    }
+    return p;
+  }();
+  return pts;
+}
+
 void BM_Dimension6(benchmark::State& state) {
-  const std::size_t n = bench::smoke() ? 1000 : 1000000;
-  std::vector<P2> pts(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = -1.0 + 2.0 * static_cast<double>(i) / static_cast<double>(n);
-    pts[i] = P2(x, ((((x - 0.5) * x + 0.25) * x - 1.0) * x + 2.0) * x * x + 0.1);
-  }
+  const std::vector<P2>& pts = sextic_points();
+  const std::size_t n = pts.size();
   quib::LeastSquaresDimension poly;
   for (auto _ : state) {
     benchmark::DoNotOptimize(poly.calculate(6, pts));
@@ -195,6 +205,68 @@ void BM_Dimension6(benchmark::State& state) {
   per_point(state, n);
 }
 BENCHMARK(BM_Dimension6)->Unit(benchmark::kMillisecond);
+
+// The limit of the degree-6 fit: its 20 moments (x^0..x^12, x^0·y..x^6·y) with plain sums.
+void BM_PlainSums_Dimension6(benchmark::State& state) {
+  const std::vector<P2>& pts = sextic_points();
+  const std::size_t n = pts.size();
+  for (auto _ : state) {
+    double s[20] = {};
+    for (const P2& p : pts) {
+      if (!p.allFinite()) continue;
+      double xp = 1.0;
+      for (int j = 0; j < 13; ++j) {
+        s[j] += xp;
+        if (j <= 6) s[13 + j] += xp * p[1];
+        xp *= p[0];
+      }
+    }
+    benchmark::DoNotOptimize(s);
+  }
+  per_point(state, n);
+}
+BENCHMARK(BM_PlainSums_Dimension6)->Unit(benchmark::kMillisecond);
+
+// ---- geometric fits ---------------------------------------------------------------------
+
+// 1,000 noisy points on a 120-degree arc: one geometric fit (algebraic start, then
+// Levenberg-Marquardt) beside the algebraic fit of the same points.
+const std::vector<P2>& arc_points() {
+  static const std::vector<P2> pts = [] {
+    std::mt19937 gen(4);
+    std::normal_distribution<double> noise(0.0, 0.05);
+    std::vector<P2> p(1000);
+    for (std::size_t i = 0; i < p.size(); ++i) {
+      const double t = 2.0943951023931953 * static_cast<double>(i) / 999.0;
+      const double r = 25.0 + noise(gen);
+      p[i] = P2(640.0 + r * std::cos(t), 480.0 + r * std::sin(t));
+    }
+    return p;
+  }();
+  return pts;
+}
+
+void BM_GeometricCircle1000(benchmark::State& state) {
+  quib::GeometricCircle fit;
+  quib::FitInfo info;
+  for (auto _ : state) {
+    if (state.range(0)) {
+      benchmark::DoNotOptimize(fit.calculate(arc_points(), info));
+    } else {
+      benchmark::DoNotOptimize(fit.calculate(arc_points()));
+    }
+    benchmark::DoNotOptimize(fit);
+  }
+}
+void BM_AlgebraicCircle1000(benchmark::State& state) {
+  quib::LeastSquaresCircle fit;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(fit.calculate(arc_points()));
+    benchmark::DoNotOptimize(fit);
+  }
+}
+BENCHMARK(BM_GeometricCircle1000)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_AlgebraicCircle1000)->Unit(benchmark::kMicrosecond);
 
 // ---- RANSAC -----------------------------------------------------------------------------
 

@@ -1,9 +1,11 @@
-// Reads a DICOM file and prints a few elements, looked up by tag and by dictionary name.
+// Reads a DICOM file as DICOM toolkits do and prints a few values, looked up by keyword, then
+// every top-level element with its VR and dictionary name.
 //   dicom_read scan.dcm
 #include <quib/dicom.hpp>
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -11,31 +13,38 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string narrow = argv[1];
-  quib::Dicom file(std::wstring(narrow.begin(), narrow.end()));  // an ASCII path, for brevity
-  if (file.empty()) {
+  quib::Dicom file;
+  // An ASCII path, for brevity.
+  if (file.load(std::wstring(narrow.begin(), narrow.end()), quib::Dicom::READ_STANDARD) < 0) {
     std::fprintf(stderr, "not a DICOM file: %s\n", argv[1]);
     return 1;
   }
 
-  // By tag: (0010,0010) Patient's Name, a text value.
-  auto name = file->find(quib::dicom::tag_key(0x0010, 0x0010));
-  if (name != file->end()) {
-    std::printf("patient: %.*s\n", int(name->second.size()),
-                reinterpret_cast<const char*>(name->second.data()));
+  // Text in UTF-8, whatever the file's character set.
+  std::vector<quib::Dicom::Name> names;
+  if (file.get_names("PatientName", names) > 0) {
+    std::printf("patient: %s, %s\n", names[0].family.c_str(), names[0].given.c_str());
   }
+  // Numbers in the file's byte order, decoded.
+  std::vector<std::int64_t> rows;
+  if (file.get_integers("Rows", rows) == 1) std::printf("rows: %lld\n", (long long)rows[0]);
+  // Sequences as their items.
+  std::vector<quib::Dicom> items;
+  const int n = file.read_items("ReferencedImageSequence", items);
+  if (n >= 0) std::printf("referenced images: %d\n", n);
 
-  // By dictionary name: Rows is an unsigned 16-bit value in the file's byte order.
-  auto rows = file->find(quib::dicom::tag_key(quib::dicom::Rows));
-  if (rows != file->end() && rows->second.size() == 2) {
-    std::printf("rows (little-endian file): %u\n", rows->second[0] | (rows->second[1] << 8));
+  // Every element in tag order, with the VR it was read with.
+  for (const quib::Dicom::Entry& e : file.get_entries()) {
+    const quib::Dicom::Tag tag(e.key);
+    const quib::Dicom::Data element(tag.get_group(), tag.get_number(), 0);
+    const char vr[3] = {char(e.type & 0xFF), char(e.type >> 8), '\0'};
+    std::printf("(%04X,%04X) %s %8zu bytes  %s\n", tag.get_group(), tag.get_number(),
+                e.type != 0 ? vr : "UN", file.find(tag)->size(), element.get_name().c_str());
   }
-
-  // Every element with its dictionary name.
-  for (const auto& [key, value] : *file) {
-    quib::Dicom::Data element(std::uint16_t(key & 0xFFFF), std::uint16_t(key >> 16),
-                              std::uint32_t(value.size()));
-    std::printf("(%04X,%04X) %6zu bytes  %s\n", element.get_group(), element.get_number(),
-                value.size(), element.get_name().c_str());
+  if (!file.is_complete()) {
+    std::fprintf(stderr, "reading stopped early at byte %llu\n",
+                 (unsigned long long)file.get_stop_offset());
+    return 1;
   }
   return 0;
 }

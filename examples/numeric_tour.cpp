@@ -30,6 +30,16 @@ int main() {
               robust.y(), robust.r());
   // [fits]
 
+  // [uncertainty] How well is the rim determined? A geometric fit with its statistics.
+  quib::GeometricCircle rim_fit;
+  quib::FitInfo info;
+  if (rim_fit.calculate(rim, info) && info.is()) {
+    // Parameters x, y, r; standard errors from sigma² (JᵀJ)⁻¹.
+    std::printf("geometric: r=%.3f ± %.3f, rms %.4f over %zu points\n", rim_fit.r(),
+                info.get_standard_error(2), info.get_rms(), info.get_count());
+  }
+  // [uncertainty]
+
   // [robust] Weights from residuals, with the threshold set from median and MAD.
   const std::vector<double> residuals{0.1, -0.2, 0.05, 3.0, -0.15};
   const double m = quib::RobustM::get_med(residuals);

@@ -1,23 +1,47 @@
 // Feeds arbitrary bytes to frame decoding. The first 12 bytes choose the transfer syntax and the
 // pixel module's attributes (small sizes, so that runs stay fast); the rest is the Pixel Data
-// value. Encapsulated data that does not start with an item is wrapped as one fragment after
+// value. They are written as a DICOM file and read back with the standard reading. Encapsulated data that does not start with an item is wrapped as one fragment after
 // an empty offset table, so that every codec sees the bytes. Every frame is decoded, raw and
 // for display.
 #include <quib/dicom_image.hpp>
 
 #include <cstddef>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-std::vector<unsigned char> us(unsigned v) {
-  return {static_cast<unsigned char>(v & 0xFF), static_cast<unsigned char>(v >> 8)};
-}
-std::vector<unsigned char> text(const std::string& s) {
-  return {s.begin(), s.end()};
-}
+// A DICOM file written element by element, in the byte order of its transfer syntax.
+struct Writer {
+  std::string bytes = std::string(128, '\0') + "DICM";
+  bool little = true;
+
+  void u16(unsigned v) {
+    const char lo = char(v & 0xFF), hi = char((v >> 8) & 0xFF);
+    bytes += little ? std::string{lo, hi} : std::string{hi, lo};
+  }
+  void u32(std::uint32_t v) {
+    u16(little ? v & 0xFFFF : v >> 16);
+    u16(little ? v >> 16 : v & 0xFFFF);
+  }
+  void put(unsigned group, unsigned number, const std::string& vr, std::string value) {
+    if (value.size() % 2) value += vr == "UI" ? '\0' : ' ';
+    u16(group), u16(number);
+    bytes += vr;
+    if (vr == "OB" || vr == "OW" || vr == "OV") {
+      u16(0), u32(std::uint32_t(value.size()));
+    } else {
+      u16(unsigned(value.size()));
+    }
+    bytes += value;
+  }
+  std::string us(unsigned v) {
+    const char lo = char(v & 0xFF), hi = char((v >> 8) & 0xFF);
+    return little ? std::string{lo, hi} : std::string{hi, lo};
+  }
+};
 
 }  // namespace
 
@@ -32,50 +56,48 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const int kBits[] = {1, 8, 16, 32};
   const std::string syntax = kSyntaxes[data[0] % 8];
   const bool encapsulated = data[0] % 8 >= 2;
-  quib::Dicom file;
-  auto put = [&](std::uint16_t group, std::uint16_t number, std::vector<unsigned char> value) {
-    (*file)[quib::dicom::tag_key(group, number)] = std::move(value);
-  };
-  put(0x0002, 0x0010, text(syntax));
-  const int samples = data[3] & 1 ? 3 : 1;
+  const std::string rest(reinterpret_cast<const char*>(data) + 12, size - 12);
+  Writer w;
+  w.put(0x0002, 0x0010, "UI", syntax);
+  w.little = syntax != "1.2.840.10008.1.2.2";
   const int bits = kBits[data[4] % 4];
-  put(0x0028, 0x0010, us(1 + data[1] % 64));
-  put(0x0028, 0x0011, us(1 + data[2] % 64));
-  put(0x0028, 0x0002, us(samples));
-  put(0x0028, 0x0100, us(bits));
-  put(0x0028, 0x0101, us(1 + data[5] % (bits == 0 ? 1 : bits)));
-  put(0x0028, 0x0103, us(data[6] & 1));
-  put(0x0028, 0x0006, us((data[6] >> 1) & 1));
-  put(0x0028, 0x0008, text(std::to_string(1 + data[7] % 4)));
-  put(0x0028, 0x0004, text(kPhotometric[data[8] % 6]));
-  if (data[9] & 1) put(0x0028, 0x1050, text("40\\400"));
-  if (data[9] & 2) put(0x0028, 0x1051, text("400\\2000"));
+  w.put(0x0028, 0x0002, "US", w.us(data[3] & 1 ? 3 : 1));
+  w.put(0x0028, 0x0004, "CS", kPhotometric[data[8] % 6]);
+  w.put(0x0028, 0x0006, "US", w.us((data[6] >> 1) & 1));
+  w.put(0x0028, 0x0008, "IS", std::to_string(1 + data[7] % 4));
+  w.put(0x0028, 0x0010, "US", w.us(1 + data[1] % 64));
+  w.put(0x0028, 0x0011, "US", w.us(1 + data[2] % 64));
+  w.put(0x0028, 0x0100, "US", w.us(unsigned(bits)));
+  w.put(0x0028, 0x0101, "US", w.us(1u + data[5] % unsigned(bits)));
+  w.put(0x0028, 0x0103, "US", w.us(data[6] & 1));
+  if (data[9] & 1) w.put(0x0028, 0x1050, "DS", "40\\400");
+  if (data[9] & 2) w.put(0x0028, 0x1051, "DS", "400\\2000");
   if (data[9] & 4) {
-    put(0x0028, 0x1101, {0, 1, 0, 0, 16, 0});
-    put(0x0028, 0x1102, {0, 1, 0, 0, 8, 0});
-    put(0x0028, 0x1103, {16, 0, 0, 0, 16, 0});
-    put(0x0028, 0x1201, std::vector<unsigned char>(data + 12, data + size));
-    put(0x0028, 0x1202, std::vector<unsigned char>(data + 12, data + size));
-    put(0x0028, 0x1203, std::vector<unsigned char>(data + 12, data + size));
-  }
-  std::vector<unsigned char> pixels(data + 12, data + size);
-  const bool items = pixels.size() >= 4 && pixels[0] == 0xFE && pixels[1] == 0xFF &&
-                     pixels[2] == 0x00 && pixels[3] == 0xE0;
-  if (encapsulated && !items) {
-    std::vector<unsigned char> wrapped = {0xFE, 0xFF, 0x00, 0xE0, 0,    0,
-                                          0,    0,    0xFE, 0xFF, 0x00, 0xE0};
-    const std::size_t n = pixels.size();
-    for (int b = 0; b < 4; ++b)
-      wrapped.push_back(static_cast<unsigned char>(n >> (8 * b)));
-    wrapped.insert(wrapped.end(), pixels.begin(), pixels.end());
-    pixels.swap(wrapped);
+    w.put(0x0028, 0x1101, "US", w.us(256) + w.us(0) + w.us(16));
+    w.put(0x0028, 0x1102, "US", w.us(256) + w.us(0) + w.us(8));
+    w.put(0x0028, 0x1103, "US", w.us(16) + w.us(0) + w.us(16));
+    w.put(0x0028, 0x1201, "OW", rest);
+    w.put(0x0028, 0x1202, "OW", rest);
+    w.put(0x0028, 0x1203, "OW", rest);
   }
   if (data[10] & 1) {  // an Extended Offset Table from the next bytes
-    put(0x7FE0, 0x0001, std::vector<unsigned char>(data + 12, data + (size < 28 ? 12 : 28)));
-    if (data[10] & 2)
-      put(0x7FE0, 0x0002, std::vector<unsigned char>(data + 12, data + (size < 28 ? 12 : 28)));
+    w.put(0x7FE0, 0x0001, "OV", rest.substr(0, 16));
+    if (data[10] & 2) w.put(0x7FE0, 0x0002, "OV", rest.substr(0, 16));
   }
-  put(0x7FE0, 0x0010, std::move(pixels));
+  if (encapsulated) {  // items as given, or the bytes as one fragment after an empty table
+    w.u16(0x7FE0), w.u16(0x0010), w.bytes += "OB", w.u16(0), w.u32(0xFFFFFFFFu);
+    if (rest.compare(0, 4, "\xFE\xFF\x00\xE0") != 0) {
+      w.u16(0xFFFE), w.u16(0xE000), w.u32(0);
+      w.u16(0xFFFE), w.u16(0xE000), w.u32(std::uint32_t(rest.size()));
+    }
+    w.bytes += rest;
+    w.u16(0xFFFE), w.u16(0xE0DD), w.u32(0);
+  } else {
+    w.put(0x7FE0, 0x0010, bits > 8 ? "OW" : "OB", rest);
+  }
+  std::istringstream in(w.bytes);
+  quib::Dicom file;
+  if (file.load(in, quib::Dicom::READ_STANDARD) < 0) return 0;
 
   quib::DicomPixels module;
   if (!module.load(file, std::uint64_t{1} << 20)) {

@@ -7,6 +7,8 @@
 #include <quib/robust.hpp>
 #include <quib/slope.hpp>
 
+#include "number_reader.hpp"
+
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -15,27 +17,11 @@
 
 namespace {
 
-class Reader {
+// Doubles of any bits; near the end of the input, small multiples of 0.25.
+class Reader : public fuzz::Reader {
  public:
-  Reader(const std::uint8_t* data, std::size_t size) : p(data), left(size) {}
-  std::size_t remaining() const { return left; }
-  std::uint8_t byte() {
-    if (left == 0) return 0;
-    --left;
-    return *p++;
-  }
-  double number() {
-    double v = 0.0;
-    if (left < sizeof v) return byte() * 0.25;
-    std::memcpy(&v, p, sizeof v);
-    p += sizeof v;
-    left -= sizeof v;
-    return v;
-  }
-
- private:
-  const std::uint8_t* p;
-  std::size_t left;
+  using fuzz::Reader::Reader;
+  double number() { return remaining() < sizeof(double) ? byte() * 0.25 : raw(0.0); }
 };
 
 }  // namespace

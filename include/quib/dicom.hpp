@@ -348,7 +348,7 @@ class QUIB_API Dicom {
     Tag(std::uint16_t group, std::uint16_t number) : key(dicom::tag_key(group, number)) {}
     Tag(dicom::element_t element);
     Tag(std::string_view text);
-    Tag(const char* text) : Tag(std::string_view(text)) {}
+    Tag(const char* text) : Tag(std::string_view(text != nullptr ? text : "")) {}
     std::uint32_t get_key() const { return key; }
     std::uint16_t get_group() const { return std::uint16_t(key & 0xFFFF); }
     std::uint16_t get_number() const { return std::uint16_t(key >> 16); }

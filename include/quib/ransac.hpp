@@ -15,7 +15,8 @@ namespace quib {
 /// the threshold, the probability, the iteration bounds and the generator; a derived class
 /// says whether a sample is usable, builds candidate models from it and measures them.
 /// Each compute() seeds a fresh Mersenne Twister with the current time in seconds, so two
-/// calls within the same second draw the same samples and agree.
+/// calls within the same second draw the same samples and agree; compute_seeded() takes the
+/// seed from the caller for a repeatable search.
 /// The object owns the best model and its inlier indices; points are never kept.
 /// compute() returns false when no model was found (empty point set, no usable sample),
 /// leaving result() and indices() empty; with n < 1 it returns false and changes nothing.
@@ -43,6 +44,9 @@ class RANSAC {
   /// or 1, or a ratio so small that the count overflows, stops after the first iteration.
   [[nodiscard]] bool compute(const std::vector<V>& points, S threshold, int n, double p,
                              std::uint64_t max_iterations);
+  /// The same search with the generator seeded by `seed` instead of the time: repeatable.
+  [[nodiscard]] bool compute_seeded(const std::vector<V>& points, S threshold, int n, double p,
+                                    std::uint64_t max_iterations, std::uint32_t seed);
 
   /// The best model's defining vectors.
   const std::vector<V>& result() const { return best_model; }
@@ -93,6 +97,10 @@ class RANSAC_Plane : public RANSAC<V, S> {
   /// compute(points, threshold, 3, p, max_iterations).
   [[nodiscard]] bool compute(const std::vector<V>& points, S threshold, double p,
                              std::uint64_t max_iterations);
+  using RANSAC<V, S>::compute_seeded;
+  /// compute_seeded(points, threshold, 3, p, max_iterations, seed).
+  [[nodiscard]] bool compute_seeded(const std::vector<V>& points, S threshold, double p,
+                                    std::uint64_t max_iterations, std::uint32_t seed);
 
  protected:
   bool invalid(const std::vector<V>& points, const std::vector<int>& sample) override;

@@ -12,7 +12,7 @@ from collections.abc import Mapping as _Mapping
 from . import errors
 from .errors import (ArgumentError, Error, FormatError, IsADirectoryError, NotFoundError,
                      WriteError)
-from ._quib import (Bitmap, Camera, Sha256, Volume, mesh_measures, read_volume, Circle, Image, Line, Mesh, Plane, Polynomial, Sphere,
+from ._quib import (GeometricCircle, GeometricSphere, Bitmap, Camera, Sha256, Volume, mesh_measures, read_volume, Circle, Image, Line, Mesh, Plane, Polynomial, Sphere,
                     add_sharp_number, add_suffix_number, fit_circle, fit_line, fit_plane,
                     fit_polynomial, fit_sphere, get_sharp_number, get_suffix_number, hash64,
                     ransac_plane, read_bmp, read_camera, read_stl, sha256, sub_sharp_number,
@@ -124,7 +124,7 @@ def read_dicom(path, classic=False):
 
 
 __all__ = [
-    "ArgumentError", "Bitmap", "Sha256", "Volume", "mesh_measures", "read_volume", "Camera", "Circle", "DicomFile", "Error", "FormatError",
+    "ArgumentError", "Bitmap", "GeometricCircle", "GeometricSphere", "Sha256", "Volume", "mesh_measures", "read_volume", "Camera", "Circle", "DicomFile", "Error", "FormatError",
     "Image", "IsADirectoryError", "Line", "Mesh", "NotFoundError", "Plane", "Polynomial",
     "Sphere", "WriteError", "add_sharp_number", "add_suffix_number", "errors", "fit_circle",
     "fit_line", "fit_plane", "fit_polynomial", "fit_sphere", "get_sharp_number",

@@ -103,8 +103,8 @@ def fit_report(path, primitive="plane"):
         out.update(normal=result.normal.tolist(), distance=float(result.distance))
     else:
         out.update(center=result.center.tolist(), radius=float(result.radius))
-    residuals = result.residuals(points)
-    out["rms"] = float(_np.sqrt(_np.mean(residuals * residuals))) if result.ok else float("nan")
+    out["rms"] = float(result.rms)
+    out["standard_errors"] = result.standard_errors.tolist()
     return out
 
 

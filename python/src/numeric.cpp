@@ -1,5 +1,5 @@
-// Fits of lines, circles, planes, spheres and polynomials to (N, 2) / (N, 3) arrays, and the
-// RANSAC plane search.
+// Fits of lines, circles, planes, spheres and polynomials to (N, 2) / (N, 3) arrays, with their
+// uncertainty, and the RANSAC plane search.
 #include "common.hpp"
 
 #include <quib/curve.hpp>
@@ -16,32 +16,55 @@ namespace {
 using P2 = Eigen::Matrix<double, 2, 1>;
 using P3 = Eigen::Matrix<double, 3, 1>;
 
+/// A fit and how well it determined its parameters, as Python sees one result.
+template <class Fit>
+struct Fitted {
+  Fit fit;
+  FitInfo info;
+};
+
+struct Request {
+  std::vector<double> weights;
+  bool weighted = false;
+  bool robust = false;
+  double k = 0.0;
+};
+
+template <class Point>
+Request request(std::vector<Point> const& pts, py::handle weights, py::handle k) {
+  Request r;
+  r.weights = weights_of(weights, static_cast<py::ssize_t>(pts.size()));
+  r.weighted = !weights.is_none();
+  r.robust = !k.is_none();
+  if (r.robust && r.weighted) fail_value("give either weights or k (a robust refit), not both");
+  if (r.robust) r.k = k.cast<double>();
+  return r;
+}
+
 /// The fit of `points`: plain, weighted, or refitted once with Tukey weights when `k` is given.
+/// A failed fit holds NaN coefficients and an empty covariance, which the result reports.
 template <class Fit, class Point>
-Fit fit(py::handle points, py::handle weights, py::handle k) {
+Fitted<Fit> fit(py::handle points, py::handle weights, py::handle k) {
   std::vector<Point> pts = points_of<Point>(points, "points");
-  std::vector<double> w = weights_of(weights, static_cast<py::ssize_t>(pts.size()));
-  const bool robust = !k.is_none();
-  if (robust && !weights.is_none())
-    fail_value("give either weights or k (a robust refit), not both");
-  const double kk = robust ? k.cast<double>() : 0.0;
+  const Request r = request(pts, weights, k);
   py::gil_scoped_release release;
-  if (robust) return Fit::create(pts, kk);
-  Fit f;  // a failed fit holds NaN coefficients, which the result object reports
-  if (weights.is_none())
-    static_cast<void>(f.calculate(pts));
+  Fitted<Fit> out;
+  if (r.robust)
+    out.fit = Fit::create(pts, r.k, out.info);
+  else if (r.weighted)
+    static_cast<void>(out.fit.calculate(pts, r.weights, out.info));
   else
-    static_cast<void>(f.calculate(pts, w));
-  return f;
+    static_cast<void>(out.fit.calculate(pts, out.info));
+  return out;
 }
 
 template <class Fit, class Point>
-py::array_t<double> residuals(Fit const& f, py::handle points) {
+py::array_t<double> residuals(Fitted<Fit> const& f, py::handle points) {
   std::vector<Point> pts = points_of<Point>(points, "points");
   std::vector<double> d;
   {
     py::gil_scoped_release release;
-    if (!f.get_d(d, pts)) d.assign(pts.size(), std::nan(""));
+    if (!f.fit.get_d(d, pts)) d.assign(pts.size(), std::nan(""));
   }
   return py::array_t<double>(static_cast<py::ssize_t>(d.size()), d.data());
 }
@@ -50,13 +73,57 @@ py::array_t<double> vec(std::initializer_list<double> v) {
   return py::array_t<double>(static_cast<py::ssize_t>(v.size()), v.begin());
 }
 
+py::array_t<double> matrix(Eigen::MatrixXd const& m) {
+  py::array_t<double> a({static_cast<py::ssize_t>(m.rows()), static_cast<py::ssize_t>(m.cols())});
+  for (Eigen::Index i = 0; i < m.rows(); ++i)
+    for (Eigen::Index j = 0; j < m.cols(); ++j)
+      a.mutable_at(i, j) = m(i, j);
+  return a;
+}
+
+/// The members every result shares: ok, the uncertainty, and residuals.
+template <class Fit, class Point>
+py::class_<Fitted<Fit>> result(py::module_& m, char const* name, char const* doc,
+                               char const* order) {
+  using F = Fitted<Fit>;
+  const std::string cov = std::string("Parameter covariance sigma²·(JᵀJ)⁻¹, parameters ") + order +
+                          "; (0, 0) after a failed fit, NaN with as many points as parameters.";
+  return py::class_<F>(m, name, doc)
+      .def_property_readonly(
+          "ok", [](F const& f) { return f.fit.is(); },
+          "False when the points did not determine a result (numbers are NaN).")
+      .def_property_readonly(
+          "rms", [](F const& f) { return f.info.get_rms(); }, "RMS residual sqrt(Σ w·r² / Σ w).")
+      .def_property_readonly(
+          "sigma", [](F const& f) { return f.info.get_sigma(); }, "sqrt(Σ w·r² / (n - p)).")
+      .def_property_readonly(
+          "count", [](F const& f) { return f.info.get_count(); },
+          "Points used (finite, weight not 0).")
+      .def_property_readonly(
+          "covariance", [](F const& f) { return matrix(f.info.get_covariance()); }, cov.c_str())
+      .def_property_readonly(
+          "standard_errors",
+          [](F const& f) {
+            Eigen::VectorXd e =
+                f.info.get_covariance().size() ? f.info.get_standard_errors() : Eigen::VectorXd();
+            return py::array_t<double>(static_cast<py::ssize_t>(e.size()), e.data());
+          })
+      .def("residuals", &residuals<Fit, Point>, py::arg("points"));
+}
+
+template <class F>
+std::string repr(F const& f, std::string body) {
+  return "<quib." + body + (f.fit.is() ? "" : " (no fit)") + ">";
+}
+
 char const* const kFitNote = R"doc(
 ``points`` is an (N, {D}) array (float64; other real dtypes are converted). Points with a
 non-finite coordinate are skipped. ``weights`` (N,) weights the points; ``k`` instead refits
 once with Tukey biweights (threshold MAD/0.6745·k + median residual). Too few usable points or
 a singular system give a result whose ``ok`` is False and whose numbers are NaN: no exception,
 as with NumPy's fits of degenerate data. Wrong shapes raise quib.ArgumentError (ValueError).
-The GIL is released while the points are copied and fitted.
+The result carries ``rms``, ``covariance`` and ``standard_errors``. The GIL is released while
+the points are copied and fitted.
 )doc";
 
 std::string note(char const* head, int dims) {
@@ -65,141 +132,184 @@ std::string note(char const* head, int dims) {
   return s;
 }
 
-template <class Fit>
-std::string repr_ok(Fit const& f, std::string body) {
-  return f.is() ? body : body + " (no fit)";
+std::string num(double v) {
+  return std::to_string(v);
 }
 
 }  // namespace
 
 void bind_numeric(py::module_& m) {
-  py::class_<LeastSquaresLine>(m, "Line", "The line y = slope·x + intercept (vertical residuals).")
-      .def_property_readonly("ok", &LeastSquaresLine::is)
-      .def_property_readonly("slope", &LeastSquaresLine::a)
-      .def_property_readonly("intercept", &LeastSquaresLine::b)
-      .def("y", py::vectorize(&LeastSquaresLine::get_y), py::arg("x"))
-      .def("residuals", &residuals<LeastSquaresLine, P2>, py::arg("points"),
-           "y - (slope·x + intercept) per point, as an (N,) array.")
-      .def("__repr__", [](LeastSquaresLine const& f) {
-        return repr_ok(
-            f, "<quib.Line y = " + std::to_string(f.a()) + "·x + " + std::to_string(f.b()) + ">");
+  using Line = Fitted<LeastSquaresLine>;
+  result<LeastSquaresLine, P2>(m, "Line", "The line y = slope·x + intercept (vertical residuals).",
+                               "(slope, intercept)")
+      .def_property_readonly("slope", [](Line const& f) { return f.fit.a(); })
+      .def_property_readonly("intercept", [](Line const& f) { return f.fit.b(); })
+      .def(
+          "y",
+          [](Line const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"))
+      .def("__repr__", [](Line const& f) {
+        return repr(f, "Line y = " + num(f.fit.a()) + "·x + " + num(f.fit.b()));
       });
   m.def("fit_line", &fit<LeastSquaresLine, P2>, py::arg("points"), py::arg("weights") = py::none(),
         py::arg("k") = py::none(),
         note("Fits y = slope·x + intercept to (N, 2) points.", 2).c_str());
 
-  py::class_<LeastSquaresCircle>(m, "Circle", "A circle fitted by its algebraic residual.")
-      .def_property_readonly("ok", &LeastSquaresCircle::is)
+  using Circle = Fitted<LeastSquaresCircle>;
+  result<LeastSquaresCircle, P2>(m, "Circle", "A circle fitted by its algebraic residual.",
+                                 "(a, b, c)")
       .def_property_readonly("center",
-                             [](LeastSquaresCircle const& f) {
-                               return vec({f.x(), f.y()});
+                             [](Circle const& f) {
+                               return vec({f.fit.x(), f.fit.y()});
                              })
-      .def_property_readonly("radius", &LeastSquaresCircle::r)
+      .def_property_readonly("radius", [](Circle const& f) { return f.fit.r(); })
       .def_property_readonly(
           "coefficients",
-          [](LeastSquaresCircle const& f) {
-            return vec({f.a(), f.b(), f.c()});
+          [](Circle const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c()});
           },
           "(a, b, c) of x² + y² + a·x + b·y + c = 0.")
-      .def("residuals", &residuals<LeastSquaresCircle, P2>, py::arg("points"),
-           "Algebraic residuals |p - center|² - radius² per point.")
-      .def("__repr__", [](LeastSquaresCircle const& f) {
-        return repr_ok(f, "<quib.Circle center=(" + std::to_string(f.x()) + ", " +
-                              std::to_string(f.y()) + ") radius=" + std::to_string(f.r()) + ">");
+      .def("__repr__", [](Circle const& f) {
+        return repr(f, "Circle center=(" + num(f.fit.x()) + ", " + num(f.fit.y()) +
+                           ") radius=" + num(f.fit.r()));
       });
-  m.def("fit_circle", &fit<LeastSquaresCircle, P2>, py::arg("points"),
-        py::arg("weights") = py::none(), py::arg("k") = py::none(),
-        note("Fits a circle to (N, 2) points (algebraic residual).", 2).c_str());
+  using GCircle = Fitted<GeometricCircle>;
+  result<GeometricCircle, P2>(m, "GeometricCircle", "A circle fitted by orthogonal distance.",
+                              "(x, y, radius)")
+      .def_property_readonly("center",
+                             [](GCircle const& f) {
+                               return vec({f.fit.x(), f.fit.y()});
+                             })
+      .def_property_readonly("radius", [](GCircle const& f) { return f.fit.r(); })
+      .def("__repr__", [](GCircle const& f) {
+        return repr(f, "GeometricCircle center=(" + num(f.fit.x()) + ", " + num(f.fit.y()) +
+                           ") radius=" + num(f.fit.r()));
+      });
+  m.def(
+      "fit_circle",
+      [](py::handle points, py::handle weights, py::handle k, bool geometric) -> py::object {
+        if (geometric) return py::cast(fit<GeometricCircle, P2>(points, weights, k));
+        return py::cast(fit<LeastSquaresCircle, P2>(points, weights, k));
+      },
+      py::arg("points"), py::arg("weights") = py::none(), py::arg("k") = py::none(),
+      py::arg("geometric") = false,
+      note("Fits a circle to (N, 2) points: by the algebraic residual, or with geometric=True by "
+           "orthogonal distance (unbiased on short arcs; parameters x, y, radius).",
+           2)
+          .c_str());
 
-  py::class_<LeastSquaresPlane>(m, "Plane", "The plane z = a·x + b·y + c (vertical residuals).")
-      .def_property_readonly("ok", &LeastSquaresPlane::is)
+  using Plane = Fitted<LeastSquaresPlane>;
+  result<LeastSquaresPlane, P3>(m, "Plane", "The plane z = a·x + b·y + c (vertical residuals).",
+                                "(a, b, c)")
       .def_property_readonly(
           "normal",
-          [](LeastSquaresPlane const& f) {
-            return vec({f.x(), f.y(), f.z()});
+          [](Plane const& f) {
+            return vec({f.fit.x(), f.fit.y(), f.fit.z()});
           },
           "Unit normal; normal · p = distance on the plane.")
-      .def_property_readonly("distance", &LeastSquaresPlane::d)
+      .def_property_readonly("distance", [](Plane const& f) { return f.fit.d(); })
       .def_property_readonly(
           "coefficients",
-          [](LeastSquaresPlane const& f) {
-            return vec({f.a(), f.b(), f.c()});
+          [](Plane const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c()});
           },
           "(a, b, c) of z = a·x + b·y + c.")
-      .def("residuals", &residuals<LeastSquaresPlane, P3>, py::arg("points"),
-           "z - (a·x + b·y + c) per point.")
-      .def("__repr__", [](LeastSquaresPlane const& f) {
-        return repr_ok(f, "<quib.Plane normal=(" + std::to_string(f.x()) + ", " +
-                              std::to_string(f.y()) + ", " + std::to_string(f.z()) +
-                              ") distance=" + std::to_string(f.d()) + ">");
+      .def("__repr__", [](Plane const& f) {
+        return repr(f, "Plane normal=(" + num(f.fit.x()) + ", " + num(f.fit.y()) + ", " +
+                           num(f.fit.z()) + ") distance=" + num(f.fit.d()));
       });
   m.def("fit_plane", &fit<LeastSquaresPlane, P3>, py::arg("points"),
         py::arg("weights") = py::none(), py::arg("k") = py::none(),
         note("Fits z = a·x + b·y + c to (N, 3) points.", 3).c_str());
 
-  py::class_<LeastSquaresSphere>(m, "Sphere", "A sphere fitted by its algebraic residual.")
-      .def_property_readonly("ok", &LeastSquaresSphere::is)
+  using Sphere = Fitted<LeastSquaresSphere>;
+  result<LeastSquaresSphere, P3>(m, "Sphere", "A sphere fitted by its algebraic residual.",
+                                 "(a, b, c, d)")
       .def_property_readonly("center",
-                             [](LeastSquaresSphere const& f) {
-                               return vec({f.x(), f.y(), f.z()});
+                             [](Sphere const& f) {
+                               return vec({f.fit.x(), f.fit.y(), f.fit.z()});
                              })
-      .def_property_readonly("radius", &LeastSquaresSphere::r)
+      .def_property_readonly("radius", [](Sphere const& f) { return f.fit.r(); })
       .def_property_readonly(
           "coefficients",
-          [](LeastSquaresSphere const& f) {
-            return vec({f.a(), f.b(), f.c(), f.d()});
+          [](Sphere const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c(), f.fit.d()});
           },
           "(a, b, c, d) of x² + y² + z² + a·x + b·y + c·z + d = 0.")
-      .def("residuals", &residuals<LeastSquaresSphere, P3>, py::arg("points"))
-      .def("__repr__", [](LeastSquaresSphere const& f) {
-        return repr_ok(f, "<quib.Sphere center=(" + std::to_string(f.x()) + ", " +
-                              std::to_string(f.y()) + ", " + std::to_string(f.z()) +
-                              ") radius=" + std::to_string(f.r()) + ">");
+      .def("__repr__", [](Sphere const& f) {
+        return repr(f, "Sphere center=(" + num(f.fit.x()) + ", " + num(f.fit.y()) + ", " +
+                           num(f.fit.z()) + ") radius=" + num(f.fit.r()));
       });
-  m.def("fit_sphere", &fit<LeastSquaresSphere, P3>, py::arg("points"),
-        py::arg("weights") = py::none(), py::arg("k") = py::none(),
-        note("Fits a sphere to (N, 3) points (algebraic residual).", 3).c_str());
+  using GSphere = Fitted<GeometricSphere>;
+  result<GeometricSphere, P3>(m, "GeometricSphere", "A sphere fitted by orthogonal distance.",
+                              "(x, y, z, radius)")
+      .def_property_readonly("center",
+                             [](GSphere const& f) {
+                               return vec({f.fit.x(), f.fit.y(), f.fit.z()});
+                             })
+      .def_property_readonly("radius", [](GSphere const& f) { return f.fit.r(); });
+  m.def(
+      "fit_sphere",
+      [](py::handle points, py::handle weights, py::handle k, bool geometric) -> py::object {
+        if (geometric) return py::cast(fit<GeometricSphere, P3>(points, weights, k));
+        return py::cast(fit<LeastSquaresSphere, P3>(points, weights, k));
+      },
+      py::arg("points"), py::arg("weights") = py::none(), py::arg("k") = py::none(),
+      py::arg("geometric") = false,
+      note("Fits a sphere to (N, 3) points: algebraic residual, or orthogonal distance with "
+           "geometric=True.",
+           3)
+          .c_str());
 
-  py::class_<LeastSquaresDimension>(m, "Polynomial",
-                                    "y = Σ c[i]·x^(degree-i), highest power first.")
-      .def_property_readonly("ok", &LeastSquaresDimension::is)
-      .def_property_readonly("degree", &LeastSquaresDimension::get_numeric)
+  using Poly = Fitted<LeastSquaresDimension>;
+  result<LeastSquaresDimension, P2>(
+      m, "Polynomial", "y = Σ c[i]·x^(degree-i), highest power first.", "highest power first")
+      .def_property_readonly("degree", [](Poly const& f) { return f.fit.get_numeric(); })
       .def_property_readonly(
           "coefficients",
-          [](LeastSquaresDimension const& f) {
-            py::array_t<double> c(f.size());
-            for (int i = 0; i < f.size(); ++i)
-              c.mutable_at(i) = f[i];
+          [](Poly const& f) {
+            py::array_t<double> c(f.fit.size());
+            for (int i = 0; i < f.fit.size(); ++i)
+              c.mutable_at(i) = f.fit[i];
             return c;
           },
           "Highest power first, as numpy.polyfit gives them.")
-      .def("y", py::vectorize(&LeastSquaresDimension::get_y), py::arg("x"))
-      .def("slope", py::vectorize(&LeastSquaresDimension::get_slope), py::arg("x"))
-      .def("area", &LeastSquaresDimension::get_area, py::arg("x0"), py::arg("x1"))
-      .def("residuals", &residuals<LeastSquaresDimension, P2>, py::arg("points"));
+      .def(
+          "y",
+          [](Poly const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"))
+      .def(
+          "slope",
+          [](Poly const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_slope(v); })(x);
+          },
+          py::arg("x"))
+      .def(
+          "area", [](Poly const& f, double x0, double x1) { return f.fit.get_area(x0, x1); },
+          py::arg("x0"), py::arg("x1"));
   m.def(
       "fit_polynomial",
       [](py::handle points, int degree, py::handle weights, py::handle k, double scale) {
         std::vector<P2> pts = points_of<P2>(points, "points");
-        std::vector<double> w = weights_of(weights, static_cast<py::ssize_t>(pts.size()));
         if (degree < 0) fail_value("degree must be 0 or more");
-        if (!k.is_none() && !weights.is_none())
-          fail_value("give either weights or k (a robust refit), not both");
-        const bool robust = !k.is_none();
-        const double kk = robust ? k.cast<double>() : 0.0;
+        const Request r = request(pts, weights, k);
         py::gil_scoped_release release;
-        if (robust) return LeastSquaresDimension::create(scale, degree, pts, kk);
-        LeastSquaresDimension f(scale);
-        if (weights.is_none())
-          static_cast<void>(f.calculate(degree, pts));
+        Poly out{LeastSquaresDimension(scale), FitInfo()};
+        if (r.robust)
+          out.fit = LeastSquaresDimension::create(scale, degree, pts, r.k, out.info);
+        else if (r.weighted)
+          static_cast<void>(out.fit.calculate(degree, pts, r.weights, out.info));
         else
-          static_cast<void>(f.calculate(degree, pts, w));
-        return f;
+          static_cast<void>(out.fit.calculate(degree, pts, out.info));
+        return out;
       },
       py::arg("points"), py::arg("degree"), py::arg("weights") = py::none(),
       py::arg("k") = py::none(), py::arg("scale") = 1.0,
       note("Fits a polynomial of the given degree to (N, 2) points.", 2).c_str());
-
   m.def(
       "ransac_plane",
       [](py::handle points, double threshold, double probability, std::uint64_t max_iterations) {

@@ -91,3 +91,38 @@ def test_ransac_plane_finds_inliers(rng):
     assert len(inliers) >= 360 and list(inliers) == sorted(inliers)
     with pytest.raises(ValueError):
         quib.ransac_plane(points, -1.0)
+
+
+def test_uncertainty_of_fits(rng):
+    xy = rng.uniform(-50, 50, (2000, 2))
+    noise = rng.normal(0, 0.1, 2000)
+    points = np.c_[xy, 0.3 * xy[:, 0] - 1.2 * xy[:, 1] + 4.0 + noise]
+    plane = quib.fit_plane(points)
+    assert plane.count == 2000 and plane.covariance.shape == (3, 3)
+    np.testing.assert_allclose(plane.covariance, plane.covariance.T)
+    assert plane.rms == pytest.approx(np.sqrt(np.mean(plane.residuals(points) ** 2)))
+    assert plane.rms == pytest.approx(0.1, rel=0.1)
+    np.testing.assert_allclose(plane.standard_errors, np.sqrt(np.diag(plane.covariance)))
+    # the intercept's standard error as ordinary least squares gives it
+    a = np.c_[xy, np.ones(2000)]
+    expected = plane.sigma ** 2 * np.linalg.inv(a.T @ a)
+    np.testing.assert_allclose(plane.covariance, expected, rtol=1e-6)
+    failed = quib.fit_plane(np.zeros((2, 3)))
+    assert not failed.ok and failed.covariance.shape == (0, 0) and np.isnan(failed.rms)
+
+
+def test_geometric_circle_on_a_short_arc(rng):
+    t = rng.uniform(0, np.pi / 6, 400)  # a 30 degree arc
+    points = np.c_[50 * np.cos(t), 50 * np.sin(t)] + rng.normal(0, 0.5, (400, 2))
+    geometric = quib.fit_circle(points, geometric=True)
+    algebraic = quib.fit_circle(points)
+    assert geometric.ok and type(geometric).__name__ == "GeometricCircle"
+    assert abs(geometric.radius - 50) < 3 * geometric.standard_errors[2]
+    assert geometric.covariance.shape == (3, 3) and algebraic.covariance.shape == (3, 3)
+    sphere = quib.fit_sphere(_sphere(rng), geometric=True)
+    assert sphere.radius == pytest.approx(7, abs=1e-6)
+
+
+def _sphere(rng):
+    u = rng.normal(size=(500, 3))
+    return u / np.linalg.norm(u, axis=1)[:, None] * 7 + [1, -2, 3]

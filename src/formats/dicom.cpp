@@ -478,6 +478,10 @@ bool read_classic(std::istream& in, detail::DicomParts& parts) {
   for (auto& [key, bytes] : read)
     parts.table.insert_or_assign(key, std::move(bytes));  // later wins
   detail::order_entries(parts.entries, true);
+  if (const auto uid = parts.table.find(dicom::tag_key(0x0002, 0x0010)); uid != parts.table.end())
+    parts.info.syntax = std::string(trim_uid(uid->second));
+  if (const auto set = parts.table.find(dicom::tag_key(0x0008, 0x0005)); set != parts.table.end())
+    parts.info.charset.assign(set->second.begin(), set->second.end());
   return true;
 }
 

@@ -32,36 +32,6 @@ codec_t codec_of(const std::string& uid) {
   return codec_t::unknown;
 }
 
-bool split_items(byte_span value, std::vector<byte_span>& items, std::string& error) {
-  items.clear();
-  std::size_t at = 0;
-  while (at < value.size) {
-    if (value.size - at < 8) {
-      error = "encapsulated pixel data ends inside an item header";
-      return false;
-    }
-    const std::uint16_t group = load_le<std::uint16_t>(value.data + at);
-    const std::uint16_t number = load_le<std::uint16_t>(value.data + at + 2);
-    const std::uint32_t length = load_le<std::uint32_t>(value.data + at + 4);
-    if (group == 0xFFFE && number == 0xE0DD) break;  // a delimiter the reading kept
-    if (group != 0xFFFE || number != 0xE000) {
-      error = "encapsulated pixel data holds something other than an item";
-      return false;
-    }
-    if (length > value.size - at - 8) {
-      error = "a pixel data fragment claims more bytes than the file holds";
-      return false;
-    }
-    items.push_back({value.data + at + 8, length});
-    at += 8 + std::size_t(length);
-  }
-  if (items.empty()) {
-    error = "encapsulated pixel data without a Basic Offset Table item";
-    return false;
-  }
-  return true;
-}
-
 namespace {
 
 // True when a fragment ends a codec stream: FFD9 (JPEG EOI, JPEG 2000 EOC) before padding.
@@ -169,56 +139,38 @@ using detail::byte_span;
 using detail::codec_t;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// Attribute values, read from the raw bytes of the table.
+// Attribute values, through the table's typed reading (the VR and byte order each was read in).
 const std::vector<unsigned char>* find(const Dicom& file, std::uint16_t group,
                                        std::uint16_t number) {
-  auto it = file->find(dicom::tag_key(group, number));
-  return it == file->end() ? nullptr : &it->second;
+  return file.find(Dicom::Tag(group, number));
 }
 
+// The first value of a text element; empty when absent.
 std::string text(const Dicom& file, std::uint16_t group, std::uint16_t number) {
-  const auto* v = find(file, group, number);
-  if (!v) return {};
-  std::string s(v->begin(), v->end());
-  const auto pad = [](char c) { return c == ' ' || c == '\0'; };
-  while (!s.empty() && pad(s.back()))
-    s.pop_back();
-  std::size_t start = 0;
-  while (start < s.size() && pad(s[start]))
-    ++start;
-  return s.substr(start);
+  std::vector<std::string> values;
+  return file.get_strings(Dicom::Tag(group, number), values) > 0 ? values[0] : std::string();
 }
 
-// A US value, or -1 when absent or short.
-int us(const Dicom& file, std::uint16_t group, std::uint16_t number, bool little) {
-  const auto* v = find(file, group, number);
-  if (!v || v->size() < 2) return -1;
-  return detail::load<std::uint16_t>(v->data(), little);
+// The first value of a whole-number element (US, SS, IS, ...), or -1 when absent or unreadable.
+long long integer(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+  std::vector<std::int64_t> values;
+  return file.get_integers(Dicom::Tag(group, number), values) > 0 ? values[0] : -1;
 }
 
-// The numbers of a DS or IS value split at backslashes; NaN for an entry that is no number.
+// Every number of an element (DS, IS, binary); empty when absent or unreadable.
 std::vector<double> numbers(const Dicom& file, std::uint16_t group, std::uint16_t number) {
-  std::vector<double> out;
-  const std::string s = text(file, group, number);
-  if (s.empty()) return out;
-  std::size_t start = 0;
-  for (;;) {
-    std::size_t end = s.find('\\', start);
-    if (end == std::string::npos) end = s.size();
-    std::size_t a = start, b = end;
-    while (a < b && s[a] == ' ')
-      ++a;
-    while (b > a && s[b - 1] == ' ')
-      --b;
-    if (a < b && s[a] == '+') ++a;
-    double value = kNaN;
-    auto [p, ec] = std::from_chars(s.data() + a, s.data() + b, value);
-    if (ec != std::errc() || p != s.data() + b) value = kNaN;
-    out.push_back(value);
-    if (end == s.size()) break;
-    start = end + 1;
-  }
-  return out;
+  std::vector<double> values;
+  file.get_numbers(Dicom::Tag(group, number), values);
+  return values;
+}
+
+// The numbers of element (group, number) in the first item of sequence (sequence_group,
+// sequence) of a functional groups item.
+std::vector<double> grouped(const Dicom& groups, std::uint16_t sequence_group,
+                            std::uint16_t sequence, std::uint16_t group, std::uint16_t number) {
+  std::vector<Dicom> items;
+  if (groups.read_items(Dicom::Tag(sequence_group, sequence), items) < 1) return {};
+  return numbers(items[0], group, number);
 }
 
 template <std::size_t N>
@@ -237,15 +189,22 @@ void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count,
                  bool is_signed) {
   using U = std::make_unsigned_t<T>;
   const int shift = int(8 * sizeof(T)) - bits;
-  for (std::size_t i = 0; i < count; ++i) {
-    U v;
-    std::memcpy(&v, in + i * sizeof(T), sizeof(T));
-    if (is_signed) {
-      v = U(T(U(v << shift)) >> shift);
-    } else {
-      v = U(U(v << shift) >> shift);
+  // Two plain loops (no branch inside) so that the compiler vectorises each.
+  if (is_signed) {
+    for (std::size_t i = 0; i < count; ++i) {
+      U v;
+      std::memcpy(&v, in + i * sizeof(T), sizeof(T));
+      const T s = T(T(U(v << shift)) >> shift);
+      std::memcpy(out + i * sizeof(T), &s, sizeof(T));
     }
-    std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+  } else {
+    const U mask = U(U(~U(0)) >> shift);
+    for (std::size_t i = 0; i < count; ++i) {
+      U v;
+      std::memcpy(&v, in + i * sizeof(T), sizeof(T));
+      v = U(v & mask);
+      std::memcpy(out + i * sizeof(T), &v, sizeof(T));
+    }
   }
 }
 
@@ -331,7 +290,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
     error = reason;
     return false;
   };
-  next.transfer_syntax = text(file, 0x0002, 0x0010);
+  next.transfer_syntax = file.get_info().syntax;
   const codec_t codec = detail::codec_of(next.transfer_syntax);
   if (codec == codec_t::unknown)
     return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
@@ -340,14 +299,14 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   if (with_pixels && (!pixel_data || pixel_data->empty()))
     return refuse("the file has no pixel data");
 
-  next.rows = us(file, 0x0028, 0x0010, next.little);
-  next.columns = us(file, 0x0028, 0x0011, next.little);
-  next.samples = us(file, 0x0028, 0x0002, next.little);
-  next.bits_allocated = us(file, 0x0028, 0x0100, next.little);
-  next.bits_stored = us(file, 0x0028, 0x0101, next.little);
-  next.high_bit = us(file, 0x0028, 0x0102, next.little);
-  next.pixel_representation = us(file, 0x0028, 0x0103, next.little);
-  next.planar_configuration = us(file, 0x0028, 0x0006, next.little);
+  next.rows = int(integer(file, 0x0028, 0x0010));
+  next.columns = int(integer(file, 0x0028, 0x0011));
+  next.samples = int(integer(file, 0x0028, 0x0002));
+  next.bits_allocated = int(integer(file, 0x0028, 0x0100));
+  next.bits_stored = int(integer(file, 0x0028, 0x0101));
+  next.high_bit = int(integer(file, 0x0028, 0x0102));
+  next.pixel_representation = int(integer(file, 0x0028, 0x0103));
+  next.planar_configuration = int(integer(file, 0x0028, 0x0006));
   if (next.samples < 0) next.samples = 1;
   if (next.bits_stored < 0) next.bits_stored = next.bits_allocated;
   if (next.high_bit < 0) next.high_bit = next.bits_stored - 1;
@@ -370,15 +329,13 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   if (next.photometric.empty()) next.photometric = next.samples == 1 ? "MONOCHROME2" : "RGB";
   const bool ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
 
-  // Number of Frames is an IS: digits with an optional sign, nothing else.
-  const std::string frame_text = text(file, 0x0028, 0x0008);
-  long long count = 1;
-  if (!frame_text.empty()) {
-    const char* first = frame_text.data() + (frame_text[0] == '+' ? 1 : 0);
-    const char* last = frame_text.data() + frame_text.size();
-    auto [p, ec] = std::from_chars(first, last, count);
-    if (ec != std::errc() || p != last) count = 0;
-  }
+  // Number of Frames is an IS: a whole count, nothing else.
+  const bool has_frames = find(file, 0x0028, 0x0008) != nullptr;
+  const long long count = has_frames ? integer(file, 0x0028, 0x0008) : 1;
+  std::string frame_text;
+  if (const auto* v = find(file, 0x0028, 0x0008)) frame_text.assign(v->begin(), v->end());
+  while (!frame_text.empty() && (frame_text.back() == ' ' || frame_text.back() == '\0'))
+    frame_text.pop_back();
   if (count < 1 || count > std::numeric_limits<std::int32_t>::max())
     return refuse("Number of Frames is " + frame_text);
   next.frames = int(count);
@@ -415,20 +372,36 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
                     std::to_string(next.frames) + " frames");
   } else {
     if (next.bits_allocated == 1) return refuse("compressed pixel data with 1 bit allocated");
+    // The items of the value: the Basic Offset Table, then the fragments. A list that ends
+    // before the value does holds a fragment that claims more bytes than there are.
+    std::vector<std::pair<std::size_t, std::size_t>> listed;
+    if (file.get_fragments(Dicom::Tag(0x7FE0, 0x0010), listed) < 1)
+      return refuse("encapsulated pixel data holds something other than an item");
+    const std::size_t end = listed.back().first + listed.back().second;
+    if (end + 8 <= pixel_data->size() &&
+        !(detail::load_le<std::uint16_t>(pixel_data->data() + end) == 0xFFFE &&
+          detail::load_le<std::uint16_t>(pixel_data->data() + end + 2) == 0xE0DD))
+      return refuse("a pixel data fragment claims more bytes than the file holds");
+    if (end < pixel_data->size() && end + 8 > pixel_data->size())
+      return refuse("encapsulated pixel data ends inside an item header");
     std::vector<byte_span> items;
+    for (const auto& [offset, length] : listed)
+      items.push_back({pixel_data->data() + offset, length});
     std::string reason;
-    if (!detail::split_items({pixel_data->data(), pixel_data->size()}, items, reason))
-      return refuse(reason);
     std::vector<std::uint64_t> offsets, lengths;
-    const auto* eot = find(file, 0x7FE0, 0x0001);
-    const auto* eot_lengths = find(file, 0x7FE0, 0x0002);
-    if (eot && !eot->empty()) {
-      if (eot->size() % 8 != 0 || (eot_lengths && eot_lengths->size() != eot->size()))
-        return refuse("Extended Offset Table has a broken length");
-      for (std::size_t i = 0; i < eot->size(); i += 8) {
-        offsets.push_back(detail::load_le<std::uint64_t>(eot->data() + i));
-        if (eot_lengths) lengths.push_back(detail::load_le<std::uint64_t>(eot_lengths->data() + i));
-      }
+    const auto table = numbers(file, 0x7FE0, 0x0001), table_lengths = numbers(file, 0x7FE0, 0x0002);
+    if (!table_lengths.empty() && table_lengths.size() != table.size())
+      return refuse("Extended Offset Table has a broken length");
+    // Offsets and lengths past the value cannot be right; refusing them here also keeps the
+    // conversion from floating point defined.
+    const double limit = double(pixel_data->size());
+    for (std::size_t i = 0; i < table.size(); ++i) {
+      const double length = table_lengths.empty() ? 0 : table_lengths[i];
+      if (!(table[i] >= 0 && table[i] <= limit && length >= 0 && length <= limit))
+        return refuse("Extended Offset Table entry " + std::to_string(i) +
+                      " lies outside the data");
+      offsets.push_back(std::uint64_t(table[i]));
+      if (!table_lengths.empty()) lengths.push_back(std::uint64_t(length));
     }
     std::vector<std::vector<byte_span>> located;
     if (!detail::locate_frames(items, std::size_t(next.frames), offsets, lengths, codec, located,
@@ -448,6 +421,38 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   const auto thickness = numbers(file, 0x0018, 0x0050);
   next.slice_thickness = thickness.size() == 1 ? thickness[0] : kNaN;
 
+  // Multi-frame files with functional groups: each frame's position, and the shared (else the
+  // first frame's) orientation, pixel spacing and thickness where the top level has none.
+  std::vector<Dicom> per_frame, shared;
+  file.read_items(Dicom::Tag(0x5200, 0x9229), shared);
+  if (file.read_items(Dicom::Tag(0x5200, 0x9230), per_frame) == next.frames) {
+    for (const Dicom& item : per_frame) {
+      const auto p = grouped(item, 0x0020, 0x9113, 0x0020, 0x0032);
+      if (p.size() != 3) {
+        next.frame_positions.clear();
+        break;
+      }
+      next.frame_positions.push_back({p[0], p[1], p[2]});
+    }
+  }
+  for (const auto* groups :
+       {shared.empty() ? nullptr : &shared[0], per_frame.empty() ? nullptr : &per_frame[0]}) {
+    if (!groups) continue;
+    auto fill = [&](auto& target, std::uint16_t sequence_group, std::uint16_t sequence,
+                    std::uint16_t group, std::uint16_t number) {
+      const auto v = grouped(*groups, sequence_group, sequence, group, number);
+      if (!std::isfinite(target[0]) && v.size() == target.size())
+        std::copy(v.begin(), v.end(), target.begin());
+    };
+    fill(next.orientation, 0x0020, 0x9116, 0x0020, 0x0037);    // Plane Orientation
+    fill(next.pixel_spacing, 0x0028, 0x9110, 0x0028, 0x0030);  // Pixel Measures
+    std::array<double, 1> thickness_value{next.slice_thickness};
+    fill(thickness_value, 0x0028, 0x9110, 0x0018, 0x0050);
+    next.slice_thickness = thickness_value[0];
+  }
+  if (!std::isfinite(next.position[0]) && !next.frame_positions.empty())
+    next.position = next.frame_positions[0];
+
   const auto slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
   if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope = slope[0];
   if (intercept.size() == 1 && std::isfinite(intercept[0])) next.rescale_intercept = intercept[0];
@@ -459,15 +464,12 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   if (next.voi_function != "LINEAR_EXACT" && next.voi_function != "SIGMOID")
     next.voi_function = "LINEAR";
   for (int c = 0; c < 3; ++c) {
-    const auto* descriptor = find(file, 0x0028, std::uint16_t(0x1101 + c));
-    const auto* data = find(file, 0x0028, std::uint16_t(0x1201 + c));
-    if (!descriptor || descriptor->size() != 6) continue;
+    std::vector<std::int64_t> descriptor;
+    if (file.get_integers(Dicom::Tag(0x0028, std::uint16_t(0x1101 + c)), descriptor) != 3) continue;
     for (int i = 0; i < 3; ++i)
-      next.palette_descriptor[c][i] =
-          detail::load<std::uint16_t>(descriptor->data() + 2 * i, next.little);
-    if (data)
-      for (std::size_t i = 0; i + 1 < data->size(); i += 2)
-        next.palette[c].push_back(detail::load<std::uint16_t>(data->data() + i, next.little));
+      next.palette_descriptor[c][i] = int(descriptor[i] & 0xFFFF);
+    for (double v : numbers(file, 0x0028, std::uint16_t(0x1201 + c)))
+      next.palette[c].push_back(std::uint16_t(v));
   }
   next.value = with_pixels ? pixel_data : nullptr;
   swap(next);

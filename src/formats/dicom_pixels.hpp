@@ -58,11 +58,6 @@ void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool
 enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };
 codec_t codec_of(const std::string& transfer_syntax);
 
-// The items of an encapsulated Pixel Data value (the bytes after its header up to its
-// Sequence Delimitation Item): the Basic Offset Table first, then the fragments. Fails with a
-// reason when an item header is not an item or claims more bytes than remain.
-bool split_items(byte_span value, std::vector<byte_span>& items, std::string& error);
-
 // The fragments of each frame. `offsets` (the Extended Offset Table, when given, with
 // `lengths`) or else the Basic Offset Table locate frames; otherwise one fragment per frame
 // when the counts agree, or fragments are gathered until one ends with the codec's end marker

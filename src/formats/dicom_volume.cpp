@@ -43,7 +43,7 @@ std::string text_of(const Dicom& file, std::uint16_t group, std::uint16_t number
 }
 
 bool load_file(Dicom& file, const std::wstring& path) {
-  return file.load(path) > 0;
+  return file.load(path, Dicom::READ_STANDARD) > 0;
 }
 
 // The attributes of a file without its pixels: the elements in its first 64 KiB (reading ends
@@ -57,7 +57,8 @@ bool load_head(Dicom& file, const std::wstring& path) {
   head.resize(std::size_t(in.gcount()));
   const bool whole = in.eof();
   std::istringstream prefix(head);
-  if (file.load(prefix) > 0 && file->count(dicom::tag_key(0x0028, 0x0010))) return true;
+  if (file.load(prefix, Dicom::READ_STANDARD) > 0 && file->count(dicom::tag_key(0x0028, 0x0010)))
+    return true;
   return !whole && load_file(file, path);
 }
 

@@ -36,13 +36,20 @@ RANSAC<V, S>::~RANSAC() = default;
 template <class V, class S>
 bool RANSAC<V, S>::compute(const std::vector<V>& points, S threshold, int n, double p,
                            std::uint64_t max_iterations) {
+  return compute_seeded(points, threshold, n, p, max_iterations,
+                        static_cast<std::uint32_t>(std::time(nullptr)));
+}
+
+template <class V, class S>
+bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int n, double p,
+                                  std::uint64_t max_iterations, std::uint32_t seed) {
   if (n < 1) return false;
   best_indices.clear();
   best_model.clear();
   if (points.empty()) return false;  // there is no index to draw
   if (points.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
 
-  MersenneTwister random(static_cast<unsigned int>(std::time(nullptr)));
+  MersenneTwister random(seed);
   const double count = static_cast<double>(points.size());
   const double span = (count - 1.0) + 0.999999;
   const double log_failure = std::log(1.0 - p);
@@ -105,6 +112,11 @@ bool RANSAC_Plane<V, S>::compute(const std::vector<V>& points, S threshold, doub
                                  std::uint64_t max_iterations) {
   return RANSAC<V, S>::compute(points, threshold, 3, p, max_iterations);
 }
+template <class V, class S>
+bool RANSAC_Plane<V, S>::compute_seeded(const std::vector<V>& points, S threshold, double p,
+                                        std::uint64_t max_iterations, std::uint32_t seed) {
+  return RANSAC<V, S>::compute_seeded(points, threshold, 3, p, max_iterations, seed);
+}
 
 template <class V, class S>
 bool RANSAC_Plane<V, S>::invalid(const std::vector<V>&, const std::vector<int>&) {
@@ -135,18 +147,26 @@ int RANSAC_Plane<V, S>::measure(std::vector<int>& inliers, S& score, const std::
     score = std::numeric_limits<S>::max();
     return -1;
   }
-  const V& p0 = models[0][0];
-  const V& normal = models[0][3];
+  const V p0 = models[0][0];
+  const V normal = models[0][3];
   const S limit = static_cast<S>(threshold);
-  inliers.clear();
+  // Every index is written and the count advances only for inliers: no branch to mispredict
+  // on the inlier test. The sum keeps its order, so scores (and the chosen model) stay as they
+  // were.
+  inliers.resize(points.size());
+  int* out = inliers.data();
+  std::size_t kept = 0;
   S sum = 0;
   const int size = static_cast<int>(points.size());
+  const V* p = points.data();
   for (int i = 0; i < size; ++i) {
-    const S t = (points[static_cast<std::size_t>(i)] - p0).dot(normal);
-    if (std::fabs(t) < limit) inliers.push_back(i);
+    const S t = (p[i] - p0).dot(normal);
+    out[kept] = i;
+    kept += std::fabs(t) < limit ? 1 : 0;
     sum += t;
   }
-  score = inliers.empty() ? std::numeric_limits<S>::max() : std::fabs(sum);
+  inliers.resize(kept);
+  score = kept == 0 ? std::numeric_limits<S>::max() : std::fabs(sum);
   return 0;
 }
 

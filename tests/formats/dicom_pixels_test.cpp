@@ -172,54 +172,8 @@ std::string slurp(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Reads a file as the standard reading does: every top-level element with its raw bytes,
-// encapsulated Pixel Data as the items between its header and its delimiter. Explicit VR
-// little endian data sets only (what the compressing tools write); native files go through
-// the library's own reading.
 bool load(Dicom& file, const std::string& path) {
-  if (file.load(std::wstring(path.begin(), path.end())) < 0) return false;
-  const std::string s = slurp(path);
-  auto uid = file->find(quib::dicom::tag_key(0x0002, 0x0010));
-  if (uid == file->end()) return true;
-  std::string syntax(uid->second.begin(), uid->second.end());
-  while (!syntax.empty() && (syntax.back() == '\0' || syntax.back() == ' '))
-    syntax.pop_back();
-  if (syntax == kImplicit || syntax == kExplicit || syntax == kBig) return true;
-  file.clear();
-  auto u16 = [&](std::size_t at) {
-    return unsigned((unsigned char)s[at] | ((unsigned char)s[at + 1] << 8));
-  };
-  auto u32 = [&](std::size_t at) {
-    return std::uint32_t(u16(at) | (std::uint32_t(u16(at + 2)) << 16));
-  };
-  std::size_t at = 132;
-  while (at + 8 <= s.size()) {
-    const unsigned group = u16(at), number = u16(at + 2);
-    const std::string vr = s.substr(at + 4, 2);
-    std::uint32_t length;
-    std::size_t header = 8;
-    if (vr == "OB" || vr == "OW" || vr == "SQ" || vr == "UT" || vr == "UN" || vr == "OV" ||
-        vr == "OF" || vr == "OD" || vr == "OL" || vr == "UC" || vr == "UR") {
-      length = u32(at + 8), header = 12;
-    } else {
-      length = u16(at + 6);
-    }
-    at += header;
-    if (length == 0xFFFFFFFFu) {  // only Pixel Data in these files: its items up to the delimiter
-      std::size_t end = at;
-      while (end + 8 <= s.size() && !(u16(end) == 0xFFFE && u16(end + 2) == 0xE0DD))
-        end += 8 + u32(end + 4);
-      length = std::uint32_t(end - at);
-      file->emplace(quib::dicom::tag_key(group, number), Bytes(s.begin() + at, s.begin() + end));
-      at = end + 8;
-      continue;
-    }
-    if (at + length > s.size()) return false;
-    file->emplace(quib::dicom::tag_key(group, number),
-                  Bytes(s.begin() + at, s.begin() + at + length));
-    at += length;
-  }
-  return true;
+  return file.load(std::wstring(path.begin(), path.end()), Dicom::READ_STANDARD) > 0;
 }
 
 std::string run(const std::string& command) {
@@ -492,8 +446,11 @@ TEST(DicomPixels, RefusesFilesThatLie) {
   extended.extra[0x7FE00001] = u64s({0, 8 + padded.size()});
   extended.extra[0x7FE00002] = u64s({r0.size(), r1.size()});
   EXPECT_EQ(frames_of(dir.write("eot.dcm", extended.bytes())), (std::vector<Bytes>{f0, f1}));
-  extended.extra[0x7FE00001] = u64s({0, 1u << 20});
+  extended.extra[0x7FE00001] = u64s({0, 8 + padded.size() + 8});
   refused(extended, "points to no fragment");
+  // From the fuzzer: offsets beyond any value's size (here 2^64 - 1) are refused as such.
+  extended.extra[0x7FE00001] = u64s({0, ~std::uint64_t{0}});
+  refused(extended, "Extended Offset Table entry 1 lies outside the data");
 
   Native bad = rle;
   bad.pixels = items({0, 12345}, {r0, r1});
@@ -751,6 +708,61 @@ TEST(DicomVolume, OrdersSlicesAlongTheNormalAndChecksTheSeries) {
   EXPECT_EQ(volume.get_depth(), 4);
   EXPECT_EQ(volume.get_spacing()[2], 3);
   EXPECT_EQ(Bytes(volume.get_data(), volume.get_data() + volume.get_bytes()), frames.pixels);
+}
+
+// A multi-frame file whose functional groups give each frame its position: the volume orders
+// the frames by them, whatever order they are stored in.
+TEST(DicomVolume, OrdersFramesByTheirFunctionalGroupPositions) {
+  TempDir dir;
+  auto element = [](unsigned group, unsigned number, const std::string& vr, std::string value) {
+    if (value.size() % 2) value += ' ';
+    std::string out{char(group & 0xFF), char(group >> 8), char(number & 0xFF), char(number >> 8)};
+    const std::uint32_t n = std::uint32_t(value.size());
+    if (vr == "SQ") {
+      out += "SQ" + std::string(2, '\0') +
+             std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+    } else {
+      out += vr + std::string{char(n & 0xFF), char(n >> 8)};
+    }
+    return out + value;
+  };
+  auto item = [](const std::string& body) {
+    const std::uint32_t n = std::uint32_t(body.size());
+    return std::string("\xFE\xFF\x00\xE0", 4) +
+           std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + body;
+  };
+  Native n = picture(16, 16, 1, 4);
+  const double z[4] = {6, 0, 9, 3};  // stored out of order, 3 mm apart
+  std::string frames;
+  for (double at : z)
+    frames +=
+        item(element(0x0020, 0x9113, "SQ",
+                     item(element(0x0020, 0x0032, "DS", "1\\2\\" + std::to_string(int(at))))));
+  const std::string shared =
+      item(element(0x0020, 0x9116, "SQ", item(element(0x0020, 0x0037, "DS", "1\\0\\0\\0\\1\\0"))) +
+           element(0x0028, 0x9110, "SQ", item(element(0x0028, 0x0030, "DS", "0.5\\0.5"))));
+  n.extra[0x52009229] = "SQ" + shared;
+  n.extra[0x52009230] = "SQ" + frames;
+  const std::string path = dir.write("enhanced.dcm", n.bytes());
+  Dicom file;
+  ASSERT_TRUE(load(file, path));
+  DicomPixels pixels(file);
+  ASSERT_EQ(pixels.get_frame_positions().size(), 4u);
+  EXPECT_EQ(pixels.get_frame_positions()[2][2], 9);
+  EXPECT_EQ(pixels.get_orientation()[4], 1);
+  quib::DicomVolume volume;
+  ASSERT_TRUE(volume.load(std::wstring(path.begin(), path.end()))) << volume.get_error();
+  EXPECT_EQ(volume.get_depth(), 4);
+  EXPECT_EQ(volume.get_spacing()[2], 3);
+  EXPECT_EQ(volume.get_spacing()[0], 0.5);
+  EXPECT_EQ(volume.get_origin()[2], 0);
+  const std::size_t frame_bytes = n.pixels.size() / 4;
+  const int stored_at[4] = {1, 3, 0, 2};  // the frame lying at 0, 3, 6 and 9 mm
+  for (int k = 0; k < 4; ++k)
+    EXPECT_EQ(Bytes(volume.get_data() + k * frame_bytes, volume.get_data() + (k + 1) * frame_bytes),
+              Bytes(n.pixels.begin() + stored_at[k] * frame_bytes,
+                    n.pixels.begin() + (stored_at[k] + 1) * frame_bytes))
+        << "slice " << k;
 }
 
 }  // namespace

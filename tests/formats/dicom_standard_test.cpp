@@ -216,6 +216,30 @@ TEST(DicomStandard, StopsWhereTheFileIsDamagedAndSaysWhere) {
   EXPECT_EQ(d.get_stop_offset(), good);
 }
 
+TEST(DicomStandard, ReadsStreamsThatCannotSeekAsFilesThatCan) {
+  Builder b;
+  b.meta(kDeflated);
+  Builder set = body(true, false);
+  set.put(0x0010, 0x0010, "PN", "Doe^John").put(0x0008, 0x1140, "SQ", "", kUndefined);
+  set.put(0xFFFE, 0xE000, "", std::string(10000, 'i')).put(0xFFFE, 0xE0DD, "", "");
+  set.put(0x7FE0, 0x0010, "OW", std::string(300000, 'p'));
+  Builder plain;
+  plain.meta(kExplicit);
+  for (const std::string& bytes : {b.bytes + deflated(set.bytes), plain.bytes + set.bytes}) {
+    Dicom seekable, piped;
+    ASSERT_EQ(load_bytes(seekable, bytes, kStandard), 5);
+    Pipe pipe(bytes);
+    std::istream in(&pipe);
+    ASSERT_EQ(piped.load(in, kStandard), 5);
+    EXPECT_TRUE(piped.is_complete());
+    EXPECT_EQ(piped.elements(), seekable.elements());
+    Pipe cut(bytes.substr(0, bytes.size() - 100));
+    std::istream short_in(&cut);
+    EXPECT_LT(piped.load(short_in, kStandard), 5);
+    EXPECT_FALSE(piped.is_complete());
+  }
+}
+
 TEST(DicomStandard, FoldersAreNoFiles) {
   TempDir dir;
   const std::string folder = dir.path.string();

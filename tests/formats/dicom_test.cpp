@@ -211,21 +211,6 @@ TEST(Analyzer, FailedStepsPutTheStreamBack) {
   EXPECT_EQ(walk.read_buffer(in, sequence, value), Result(false, kUndefined));
 }
 
-// A stream that cannot seek and shows its bytes 4 KB at a time, so it cannot say how many
-// bytes are left.
-struct Pipe : std::streambuf {
-  std::string bytes;
-  std::size_t at = 0;
-  explicit Pipe(std::string b) : bytes(std::move(b)) {}
-  int_type underflow() override {
-    if (at == bytes.size()) return traits_type::eof();
-    std::size_t n = std::min<std::size_t>(4096, bytes.size() - at);
-    setg(&bytes[at], &bytes[at], &bytes[at] + n);
-    at += n;
-    return traits_type::to_int_type(bytes[at - n]);
-  }
-};
-
 TEST(Analyzer, ReadsLargeValuesFromStreamsThatCannotSeek) {
   const std::string pixels(300000, 'p');
   auto data = std::make_shared<Dicom::Data>(0x7FE0, 0x0010, 0x574F, std::uint32_t(pixels.size()));

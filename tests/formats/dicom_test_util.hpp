@@ -5,11 +5,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -109,5 +111,20 @@ inline std::string run(const std::string& command) {
   }
   return out;
 }
+
+// A stream that cannot seek and shows its bytes 4 KB at a time, so it cannot say how many
+// bytes are left.
+struct Pipe : std::streambuf {
+  std::string bytes;
+  std::size_t at = 0;
+  explicit Pipe(std::string b) : bytes(std::move(b)) {}
+  int_type underflow() override {
+    if (at == bytes.size()) return traits_type::eof();
+    std::size_t n = std::min<std::size_t>(4096, bytes.size() - at);
+    setg(&bytes[at], &bytes[at], &bytes[at] + n);
+    at += n;
+    return traits_type::to_int_type(bytes[at - n]);
+  }
+};
 
 }  // namespace quib_test

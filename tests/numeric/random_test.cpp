@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <ctime>
 #include <limits>
 #include <random>
@@ -185,6 +186,54 @@ TEST(RANSAC_Plane, CallsInTheSameSecondAgree) {
     EXPECT_EQ(a.result(), b.result());
     return;
   }
+}
+
+// The measuring pass as it was first written: a branch per inlier. The faster pass must choose
+// the same model and inliers for the same seed.
+template <class V, class S>
+struct FirstPlane : quib::RANSAC_Plane<V, S> {
+  int measure(std::vector<int>& inliers, S& score, const std::vector<V>& points,
+              const std::vector<std::vector<V>>& models, double threshold) override {
+    if (models.empty() || models[0].size() < 4) {
+      score = std::numeric_limits<S>::max();
+      return -1;
+    }
+    const V& p0 = models[0][0];
+    const V& normal = models[0][3];
+    inliers.clear();
+    S sum = 0;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      const S t = (points[i] - p0).dot(normal);
+      if (std::fabs(t) < static_cast<S>(threshold)) inliers.push_back(static_cast<int>(i));
+      sum += t;
+    }
+    score = inliers.empty() ? std::numeric_limits<S>::max() : std::fabs(sum);
+    return 0;
+  }
+};
+
+template <class V, class S>
+void expect_same_choice(S threshold) {
+  const std::vector<V> pts = noisy_plane<V>(700, 300);
+  for (std::uint32_t seed : {1u, 7u, 42u, 2024u, 4000000000u}) {
+    quib::RANSAC_Plane<V, S> fast;
+    FirstPlane<V, S> first;
+    ASSERT_TRUE(fast.compute_seeded(pts, threshold, 0.99, 200, seed));
+    ASSERT_TRUE(first.compute_seeded(pts, threshold, 0.99, 200, seed));
+    EXPECT_EQ(fast.result(), first.result()) << seed;
+    EXPECT_EQ(fast.indices(), first.indices()) << seed;
+  }
+}
+
+TEST(RANSAC_Plane, SameSeedChoosesTheSameModelAsTheFirstPass) {
+  expect_same_choice<Eigen::Vector3f, float>(0.01f);
+  expect_same_choice<Eigen::Vector3d, double>(0.02);
+  // And a seed repeats the search exactly.
+  const std::vector<Eigen::Vector3d> pts = noisy_plane<Eigen::Vector3d>(300, 200);
+  quib::RANSAC_Plane<Eigen::Vector3d, double> a, b;
+  ASSERT_TRUE(a.compute_seeded(pts, 0.05, 0.9, 50, 99u));
+  ASSERT_TRUE(b.compute_seeded(pts, 0.05, 0.9, 50, 99u));
+  EXPECT_EQ(a.indices(), b.indices());
 }
 
 }  // namespace

@@ -18,11 +18,11 @@ class Conventions : public quib::test::ToolFiles {};
 TEST_F(Conventions, RefusesUnknownOptionsLongAndShort) {
   const std::string abc = writeFile("abc", "abc");
   // A short option nobody declared is an error, not a file name...
-  EXPECT_TRUE(failsWith(runTool({"hash", "-c", abc}), 2, "quib hash: unknown option '-c'"));
+  EXPECT_TRUE(failsWith(runTool({"hash", "-x", abc}), 2, "quib hash: unknown option '-x'"));
   EXPECT_TRUE(failsWith(runTool({"stl", "info", "-x", abc}), 2, "quib stl info: unknown option"));
   EXPECT_TRUE(failsWith(runTool({"fit", "line", abc, "--robustt", "2"}), 2, "'--robustt'"));
   // ...while "--" makes the words after it names.
-  EXPECT_TRUE(failsWith(runTool({"hash", "--", "-c"}), 1, "quib: -c: no such file or directory"));
+  EXPECT_TRUE(failsWith(runTool({"hash", "--", "-x"}), 1, "quib: -x: no such file or directory"));
 }
 
 TEST(Suggestions, NameTheCommandThatWasMeant) {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -66,6 +67,43 @@ TEST_F(StlTool, DescribesAMesh) {
   const auto json = runTool({"stl", "info", "--json", cube});
   const auto info = nlohmann::json::parse(json.out);
   EXPECT_EQ(info[0]["bounding_box"]["size"], nlohmann::json({1, 1, 2.5})) << json.out;
+  // The cube's triangles are all wound inwards: a consistent solid of negative volume.
+  auto const& m = info[0]["measures"];
+  EXPECT_EQ(m["volume"], -2.5) << json.out;
+  EXPECT_EQ(m["area"], 2 * (1 + 2.5 + 2.5));
+  const std::vector<double> centre = {-0.5, 0.5, 1.25};
+  for (int i = 0; i < 3; ++i)
+    EXPECT_NEAR(m["centroid"][i].get<double>(), centre[std::size_t(i)], 1e-12);
+  EXPECT_TRUE(m["solid"].get<bool>());
+  EXPECT_EQ(m["boundary_edges"], 0);
+  EXPECT_EQ(m["parts"], 1);
+  EXPECT_EQ(info[0]["odd_facets"], 0);
+  EXPECT_NE(text.out.find("solid         yes"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("volume        -2.5\n"), std::string::npos) << text.out;
+}
+
+TEST_F(StlTool, ReportsOpenMeshesOddFacetsAndNeverWritesNanNormals) {
+  // Two facets, one of them with four vertex lines, and a degenerate triangle.
+  const std::string text =
+      "solid odd\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\nvertex 0 1 0\n"
+      "vertex 0 0 1\nendloop\nendfacet\nfacet normal 0 0 1\nouter loop\nvertex 2 2 2\n"
+      "vertex 2 2 2\nendloop\nendfacet\nendsolid odd\n";
+  const std::string odd = writeFile("odd.stl", text);
+  const auto json = runTool({"stl", "info", "--json", odd});
+  ASSERT_EQ(json.code, 0) << json.err;
+  const auto info = nlohmann::json::parse(json.out);
+  EXPECT_EQ(info[0]["odd_facets"], 2);
+  EXPECT_FALSE(info[0]["measures"]["solid"].get<bool>());
+  EXPECT_EQ(info[0]["measures"]["degenerate_triangles"], 1);
+  const auto described = runTool({"stl", "info", odd});
+  EXPECT_NE(described.out.find("odd facets    2"), std::string::npos) << described.out;
+  EXPECT_NE(described.out.find("(not a solid)"), std::string::npos) << described.out;
+
+  const auto converted = runTool({"stl", "convert", "--out", file("odd_binary.stl"), odd});
+  ASSERT_EQ(converted.code, 0) << converted.err;
+  const std::string bytes = slurp(file("odd_binary.stl"));
+  ASSERT_EQ(bytes.size(), 84u + 2 * 50);
+  EXPECT_EQ(bytes.substr(84 + 50, 12), std::string(12, '\0'));  // degenerate: 0 0 0, not NaN
 }
 
 TEST_F(StlTool, ConvertsBetweenEncodingsAndMerges) {

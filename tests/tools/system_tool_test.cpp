@@ -48,6 +48,48 @@ TEST_F(HashTool, GoesOnAfterAFileThatCannotBeRead) {
   EXPECT_TRUE(failsWith(runTool({"hash", "--md5", abc}), 2, "unknown option '--md5'"));
 }
 
+TEST_F(HashTool, WritesAndChecksListsLikeSha256sum) {
+  const std::string abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+  const std::string plain = writeFile("plain", "abc");
+  const std::string slash = writeFile("back\\slash", "abc");
+  const std::string newline = writeFile("new\nline", "abc");
+
+  // Names holding a backslash or a newline are escaped, on a line that starts with one.
+  const auto listed = runTool({"hash", "--sha256", plain, slash, newline});
+  ASSERT_EQ(listed.code, 0) << listed.err;
+  EXPECT_EQ(listed.out, abc + "  " + plain + "\n\\" + abc + "  " + file("back\\\\slash") + "\n\\" +
+                            abc + "  " + file("new\\nline") + "\n");
+
+  // The list checks out, and so does one in sha256sum's binary form with a 64-bit hash mixed in.
+  const std::string list = writeFile("list", listed.out);
+  const auto ok = runTool({"hash", "--check", list});
+  ASSERT_EQ(ok.code, 0) << ok.err;
+  EXPECT_EQ(ok.out, plain + ": OK\n" + slash + ": OK\n\\" + file("new\\nline") + ": OK\n");
+  const auto mixed = runTool({"hash", "-c", "--quiet", "-"},
+                             abc + " *" + plain + "\n" + "0000000000000000  /dev/null\n");
+  EXPECT_EQ(mixed.code, 0) << mixed.err;
+  EXPECT_EQ(mixed.out, "");
+
+  // A changed file fails; a missing one fails to open; both are counted on one line per list.
+  writeFile("plain", "abd");
+  const auto changed = runTool({"hash", "--check", list});
+  EXPECT_TRUE(failsWith(changed, 1, list + ": 1 computed checksum did NOT match"));
+  EXPECT_EQ(changed.out.rfind(plain + ": FAILED\n", 0), 0u) << changed.out;
+  const auto gone = runTool({"hash", "--check", "--status", "-"}, abc + "  " + file("gone") + "\n");
+  EXPECT_EQ(gone.code, 1);
+  EXPECT_EQ(gone.out, "");
+  EXPECT_NE(gone.err.find(file("gone") + ": no such file or directory\n"), std::string::npos);
+  EXPECT_NE(gone.err.find("-: 1 listed file could not be read\n"), std::string::npos);
+
+  // Lines that are not checksums only warn, unless there is nothing else.
+  const auto noise = runTool({"hash", "-c", "-"}, "hello\n" + abc + "  " + slash + "\n");
+  EXPECT_EQ(noise.code, 0);
+  EXPECT_NE(noise.err.find("1 line is improperly formatted"), std::string::npos) << noise.err;
+  EXPECT_TRUE(failsWith(runTool({"hash", "-c", "-"}, "abc  x\n\\" + abc + "  a\\qb\n"), 1,
+                        "no properly formatted checksum lines found"));
+  EXPECT_TRUE(failsWith(runTool({"hash", "--quiet", plain}), 2, "--quiet requires --check"));
+}
+
 TEST(NameTool, NumbersASeries) {
   const auto next = runTool({"name", "next", "scan#3.png", "scan.png", "SCAN#9.PNG", "dir.v2/scan",
                              "shot_7.jpg", "a/.hidden", "x#"});

@@ -316,6 +316,14 @@ std::wstring widePath(std::string const& path) {
   return wide;
 }
 
+std::string systemMessage(int error) {
+  std::string message = std::strerror(error);
+  if (!message.empty() && message[0] >= 'A' && message[0] <= 'Z' &&
+      (message.size() < 2 || !(message[1] >= 'A' && message[1] <= 'Z')))
+    message[0] = static_cast<char>(message[0] - 'A' + 'a');
+  return message;
+}
+
 std::string unreadableReason(std::string const& path) {
   std::error_code ec;
   const auto st = std::filesystem::status(path, ec);
@@ -325,7 +333,7 @@ std::string unreadableReason(std::string const& path) {
   std::ifstream probe(path, std::ios::binary);
   if (!probe) {
     const int e = errno;
-    return e ? std::string(std::strerror(e)) : std::string("cannot be opened");
+    return e ? systemMessage(e) : std::string("cannot be opened");
   }
   return "";
 }

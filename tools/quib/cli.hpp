@@ -141,6 +141,9 @@ int run(CLI::App& app, Context& ctx, std::vector<std::string> const& args);
 /// conversion; Failure when the name is not valid UTF-8 (it could not name the same file).
 std::wstring widePath(std::string const& path);
 
+/// The system's message for an errno value, starting lower-case ("no such file or directory").
+std::string systemMessage(int error);
+
 /// The reason an existing path could not be read as a file: "no such file or directory",
 /// "is a directory", the system's message for an open failure, or "" when it opens.
 std::string unreadableReason(std::string const& path);

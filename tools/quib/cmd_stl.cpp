@@ -1,4 +1,5 @@
 // quib stl info|convert|merge: STL meshes.
+#include <quib/mesh_measures.hpp>
 #include <quib/stl.hpp>
 
 #include "commands.hpp"
@@ -17,18 +18,6 @@ namespace quib::tool {
 
 namespace {
 
-// The encoding the reader will pick: binary when the length matches the stored count.
-bool isBinary(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char b[4] = {0, 0, 0, 0};
-  in.seekg(80);
-  if (!in.read(reinterpret_cast<char*>(b), 4)) return false;
-  const std::uint64_t count = b[0] | (b[1] << 8) | (b[2] << 16) | (std::uint64_t(b[3]) << 24);
-  std::error_code ec;
-  const auto size = std::filesystem::file_size(path, ec);
-  return !ec && size == count * 50 + 84;
-}
-
 // A mesh, and the encoding it was read from.
 struct Loaded {
   quib::Stl mesh;
@@ -42,52 +31,103 @@ Loaded load(Context& ctx, std::string const& name, bool merge) {
   if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(name, reason);
   Loaded loaded;
   if (loaded.mesh.load(widePath(path), merge) < 0) throw Failure(name, "not an STL file");
-  loaded.binary = isBinary(path);
+  loaded.binary = loaded.mesh.info().binary;
   return loaded;
+}
+
+std::vector<double> values(Eigen::Vector3d const& v) {
+  return {v.x(), v.y(), v.z()};
 }
 
 Json info(Context& ctx, std::string const& path) {
   const Loaded loaded = load(ctx, path, true);
   quib::Stl const& mesh = loaded.mesh;
-  const float inf = std::numeric_limits<float>::infinity();
-  std::vector<double> lo(3, inf), hi(3, -inf);
-  for (auto const& p : mesh.points()) {
-    for (int i = 0; i < 3; ++i) {
-      if (!std::isfinite(p[i])) continue;
-      lo[std::size_t(i)] = std::min<double>(lo[std::size_t(i)], p[i]);
-      hi[std::size_t(i)] = std::max<double>(hi[std::size_t(i)], p[i]);
-    }
-  }
+  const quib::MeshMeasures m(mesh);
+  const bool box = std::isfinite(m.box_min.x());
+  const std::int64_t odd = mesh.info().odd_facets;
   Json j = {{"file", path},
             {"name", mesh.get_name()},
             {"encoding", loaded.binary ? "binary" : "ascii"},
             {"triangles", mesh.size_polygon()},
-            {"vertices", mesh.size()}};
-  if (mesh.is() && lo[0] <= hi[0]) {
-    const std::vector<double> size = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
-    j["bounding_box"] = {{"min", lo}, {"max", hi}, {"size", size}};
+            {"vertices", mesh.size()},
+            {"odd_facets", odd}};
+  if (box) {
+    j["bounding_box"] = {{"min", values(m.box_min)},
+                         {"max", values(m.box_max)},
+                         {"size", values(m.box_max - m.box_min)}};
   } else {
     j["bounding_box"] = nullptr;
   }
+  // NaN is no JSON number: a measure without a value is null.
+  const auto number = [](double v) { return std::isfinite(v) ? Json(v) : Json(nullptr); };
+  const auto vector = [&](Eigen::Vector3d const& v) {
+    return v.allFinite() ? Json(values(v)) : Json(nullptr);
+  };
+  Json inertia = nullptr;
+  if (m.inertia.allFinite()) {
+    inertia = Json::array();
+    for (int r = 0; r < 3; ++r)
+      inertia.push_back(values(m.inertia.row(r).transpose()));
+  }
+  j["measures"] = {{"area", number(m.area)},
+                   {"volume", number(m.volume)},
+                   {"centroid", vector(m.centroid)},
+                   {"inertia", inertia},
+                   {"closed", m.closed},
+                   {"oriented", m.oriented},
+                   {"solid", m.solid},
+                   {"edges", m.edges},
+                   {"boundary_edges", m.boundary_edges},
+                   {"non_manifold_edges", m.non_manifold_edges},
+                   {"inconsistent_edges", m.inconsistent_edges},
+                   {"degenerate_triangles", m.degenerate_triangles},
+                   {"non_finite_triangles", m.non_finite_triangles},
+                   {"parts", m.parts}};
   if (!ctx.json) {
     std::ostream& o = ctx.out;
+    const auto triple = [](Eigen::Vector3d const& v) {
+      return formatShort(v.x(), 8) + ", " + formatShort(v.y(), 8) + ", " + formatShort(v.z(), 8);
+    };
     o << path << '\n'
       << "  name          " << (mesh.get_name().empty() ? "(none)" : mesh.get_name()) << '\n'
       << "  encoding      " << (loaded.binary ? "binary" : "ASCII") << '\n'
       << "  triangles     " << mesh.size_polygon() << '\n'
       << "  vertices      " << mesh.size() << " distinct\n";
-    if (mesh.is() && lo[0] <= hi[0]) {
-      const auto triple = [](std::vector<double> const& v) {
-        return formatShort(v[0], 8) + ", " + formatShort(v[1], 8) + ", " + formatShort(v[2], 8);
-      };
-      o << "  bounding box  (" << triple(lo) << ") to (" << triple(hi) << ")\n"
-        << "  size          " << triple({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}) << '\n';
+    if (odd > 0)
+      o << "  odd facets    " << odd
+        << " with other than 3 vertices: the triangles after the first are misgrouped\n";
+    if (box) {
+      o << "  bounding box  (" << triple(m.box_min) << ") to (" << triple(m.box_max) << ")\n"
+        << "  size          " << triple(m.box_max - m.box_min) << '\n';
+    }
+    if (m.is()) {
+      o << "  area          " << formatShort(m.area, 8) << '\n'
+        << "  edges         " << m.edges << ": " << m.boundary_edges << " open, "
+        << m.non_manifold_edges << " non-manifold, " << m.inconsistent_edges
+        << " wound against a neighbour\n"
+        << "  parts         " << m.parts << '\n'
+        << "  degenerate    " << m.degenerate_triangles << " triangles of zero area\n";
+      if (m.non_finite_triangles > 0)
+        o << "  non-finite    " << m.non_finite_triangles << " triangles\n";
+      o << "  solid         "
+        << (m.solid ? "yes: closed and consistently oriented"
+                    : std::string("no: ") + (m.closed ? "closed" : "open") + ", " +
+                          (m.oriented ? "consistently oriented" : "inconsistently oriented"))
+        << '\n';
+      // Volume, centroid and inertia describe a solid only; otherwise they are shown marked.
+      const std::string mark = m.solid ? "" : "  (not a solid)";
+      o << "  volume        " << formatShort(m.volume, 8) << mark << '\n';
+      if (m.centroid.allFinite())
+        o << "  centroid      " << triple(m.centroid) << mark << '\n'
+          << "  inertia       " << triple(m.inertia.row(0).transpose()) << mark << '\n'
+          << "                " << triple(m.inertia.row(1).transpose()) << '\n'
+          << "                " << triple(m.inertia.row(2).transpose()) << '\n';
     }
   }
   return j;
 }
 
-// Saves and checks the file's length: the writer itself reports no I/O errors.
+// Writes the mesh; degenerate facets get the normal 0 0 0, never NaN.
 void save(Context& ctx, quib::Stl const& mesh, std::string const& out, int precision) {
   ctx.subject = out;
   std::error_code ec;
@@ -96,24 +136,8 @@ void save(Context& ctx, quib::Stl const& mesh, std::string const& out, int preci
     std::ofstream probe(out, std::ios::binary | std::ios::app);
     if (!probe) throw Failure(out, std::string("cannot be written: ") + std::strerror(errno));
   }
-  mesh.save(widePath(out), precision);
-  const std::uint64_t triangles = static_cast<std::uint64_t>(mesh.size_polygon());
-  bool complete = false;
-  if (precision <= 0) {
-    const auto size = std::filesystem::file_size(out, ec);
-    complete = !ec && size == 84 + 50 * triangles;
-  } else {
-    // "solid", seven lines per facet, "endsolid".
-    std::ifstream in(out, std::ios::binary);
-    std::uint64_t lines = 0;
-    char buf[1 << 16];
-    while (in.read(buf, sizeof buf) || in.gcount() > 0) {
-      lines += static_cast<std::uint64_t>(std::count(buf, buf + in.gcount(), '\n'));
-      if (in.eof()) break;
-    }
-    complete = lines == 2 + 7 * triangles;
-  }
-  if (!complete) throw Failure(out, "the file was not written completely");
+  if (!mesh.write(widePath(out), precision))
+    throw Failure(out, "the file was not written completely");
 }
 
 struct WriteOptions {
@@ -185,9 +209,14 @@ void add_stl_command(CLI::App& quib, Context& ctx) {
   auto files = std::make_shared<std::vector<std::string>>();
   CLI::App& describe =
       addCommand(stl, "info",
-                 "name, encoding, counts and bounding box of STL meshes\n\n"
+                 "name, encoding, counts, bounding box and measures of STL meshes\n\n"
                  "Reads each file with identical vertices merged and prints the solid's name, its "
-                 "encoding, the triangle and distinct vertex counts and the bounding box.");
+                 "encoding, the triangle and distinct vertex counts, text facets with other than "
+                 "three vertices, the bounding box, the surface area, the edges (open, "
+                 "non-manifold, wound against a neighbour), the connected parts, and whether the "
+                 "mesh is a closed, consistently oriented solid; then its volume, centroid and "
+                 "inertia tensor about the centroid at unit density, marked when the mesh is no "
+                 "solid.");
   describe.add_option("FILES", *files, "STL files; '-' reads standard input")->required();
   addJsonFlag(describe, ctx);
   onRun(describe, ctx, [files, &ctx] {
