@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quib::Feature feature;
   std::vector<cv::DMatch> out;
   feature.get_hamming_distance(forward);
-  feature.extract_hamming_distance(out, forward, threshold);
-  feature.extract_vector_distance(out, k1, k2, forward, limit);
+  if (feature.extract_hamming_distance(out, forward, threshold) == out.empty()) std::abort();
+  if (feature.extract_vector_distance(out, k1, k2, forward, limit) == out.empty()) std::abort();
   // Each filter reports whether it kept something.
   if (feature.extract_cross_match(out, forward, backward) == out.empty()) std::abort();
   if (feature.extract_cross_point_match(out, k1, k2, forward, backward) == out.empty())

@@ -143,17 +143,18 @@ class QUIB_API Calibration {
   /// from the square one; otherwise y comes from the long patch and x, z from the square one.
   /// The translation is always the square patch's, and its outline is kept for drawing.
   /// False, with the outputs untouched, when info holds no complete view.
-  bool get_chess_extrinsic_parameters(Info const& info, double const (&matrix)[9],
-                                      double const (&distortion)[4], double (&rotation)[3],
-                                      double (&translation)[3]);
+  [[nodiscard]] bool get_chess_extrinsic_parameters(Info const& info, double const (&matrix)[9],
+                                                    double const (&distortion)[4],
+                                                    double (&rotation)[3],
+                                                    double (&translation)[3]);
   /// The same, reading the intrinsics from and writing the pose into the projection.
-  bool get_chess_extrinsic_parameters(Info const& info, Projection& projection);
+  [[nodiscard]] bool get_chess_extrinsic_parameters(Info const& info, Projection& projection);
 
   /// Draws the last view's corners and the stored outline into the image, in the image's own
   /// format. `color` is read lowest byte first as the blue, green and red levels (0x00RRGGBB).
   /// False when the image cannot be converted.
-  bool draw_calibration(Info const& info, Projection const& projection, Image& image,
-                        unsigned int color);
+  [[nodiscard]] bool draw_calibration(Info const& info, Projection const& projection, Image& image,
+                                      unsigned int color);
   /// As draw_calibration, plus a cross-hair through the projection's principal point,
   /// rescaled to the image's size.
   [[nodiscard]] bool draw_correction(Info const& info, Projection const& projection, Image& image,

@@ -82,8 +82,8 @@ class QUIB_API Feature {
 
   /// Empties `keypoints` and detects key points over the whole image. True when at least one
   /// was found; false for an empty or unsupported image.
-  bool detect(std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image);
-  bool detect(std::vector<cv::KeyPoint>& keypoints, Image const& image);
+  [[nodiscard]] bool detect(std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image);
+  [[nodiscard]] bool detect(std::vector<cv::KeyPoint>& keypoints, Image const& image);
 
   /// Detects key points and computes their descriptors in one pass over the image (the scale
   /// space is built once): what detect() then compute() give, at the cost of one of them.
@@ -96,16 +96,18 @@ class QUIB_API Feature {
   /// engine reads their class_id as a scale level, and OpenCV throws for one it does not have. True
   /// when the descriptor matrix has at least one element; false for no key points or an empty or
   /// unsupported image.
-  bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image);
-  bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints, Image const& image);
+  [[nodiscard]] bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints,
+                             cv::Mat const& image);
+  [[nodiscard]] bool compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints,
+                             Image const& image);
 
   /// Empties `matches` and finds the best train descriptor (`descriptors2`) for every query
   /// descriptor (`descriptors1`). True when there is at least one match; false when either set
   /// is empty. "FlannBased" on binary (8-bit) descriptors uses FLANN's locality-sensitive
   /// hashing index (12 tables, 20-bit keys, multi-probe level 2), which may leave a query without
   /// a match; on float descriptors it uses FLANN's default KD-trees.
-  bool match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
-             cv::Mat const& descriptors2, match_t type) const;
+  [[nodiscard]] bool match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
+                           cv::Mat const& descriptors2, match_t type) const;
 
   /// Lowe's ratio test: for every query descriptor its two nearest train descriptors are
   /// found, and the best is kept when its distance is below `ratio` times the second's (0.8 is
@@ -120,17 +122,19 @@ class QUIB_API Feature {
 
   /// Keeps, in order, the matches whose distance is at most `threshold`. True when `out` is
   /// not empty.
-  bool extract_hamming_distance(std::vector<cv::DMatch>& out,
-                                std::vector<cv::DMatch> const& matches, double threshold) const;
+  [[nodiscard]] bool extract_hamming_distance(std::vector<cv::DMatch>& out,
+                                              std::vector<cv::DMatch> const& matches,
+                                              double threshold) const;
 
   /// Keeps, in order, the matches whose query point (in `keypoints1`) and train point (in
   /// `keypoints2`) lie at most `limit` pixels apart; a negative or NaN limit keeps nothing.
   /// Matches whose indices fall outside the key point lists are dropped. True when `out` is
   /// not empty.
-  bool extract_vector_distance(std::vector<cv::DMatch>& out,
-                               std::vector<cv::KeyPoint> const& keypoints1,
-                               std::vector<cv::KeyPoint> const& keypoints2,
-                               std::vector<cv::DMatch> const& matches, double limit) const;
+  [[nodiscard]] bool extract_vector_distance(std::vector<cv::DMatch>& out,
+                                             std::vector<cv::KeyPoint> const& keypoints1,
+                                             std::vector<cv::KeyPoint> const& keypoints2,
+                                             std::vector<cv::DMatch> const& matches,
+                                             double limit) const;
 
   /// Fits the homography from image 1 to image 2 to the matched key point positions with
   /// cv::findHomography (reprojection threshold 3 pixels, at most 2000 iterations, confidence

@@ -76,15 +76,16 @@ void registerImages(Context& ctx, RegisterOptions const& o) {
   Progress progress(ctx, 6);
   std::vector<cv::KeyPoint> keys1, keys2;
   progress.step("key points");
+  // Each step's result shows in the sizes of its outputs, which are reported below.
   ctx.subject = pos[0];
-  feature.detect(keys1, image1);
+  static_cast<void>(feature.detect(keys1, image1));
   ctx.subject = pos[1];
-  feature.detect(keys2, image2);
+  static_cast<void>(feature.detect(keys2, image2));
   const std::size_t detected1 = keys1.size(), detected2 = keys2.size();
   cv::Mat desc1, desc2;
   progress.step("descriptors");
-  if (!keys1.empty()) feature.compute(desc1, keys1, image1);
-  if (!keys2.empty()) feature.compute(desc2, keys2, image2);
+  if (!keys1.empty()) static_cast<void>(feature.compute(desc1, keys1, image1));
+  if (!keys2.empty()) static_cast<void>(feature.compute(desc2, keys2, image2));
   ctx.subject = "quib register";
   std::vector<cv::DMatch> matches, near, close;
   progress.step("matching");
@@ -92,19 +93,19 @@ void registerImages(Context& ctx, RegisterOptions const& o) {
     if (o.ratioTest > 0) {
       static_cast<void>(feature.match_ratio(matches, desc1, desc2, matcher, o.ratioTest));
     } else {
-      feature.match(matches, desc1, desc2, matcher);
+      static_cast<void>(feature.match(matches, desc1, desc2, matcher));
     }
     if (o.mutual) {
       std::vector<cv::DMatch> backward;
-      feature.match(backward, desc2, desc1, matcher);
+      static_cast<void>(feature.match(backward, desc2, desc1, matcher));
       static_cast<void>(feature.extract_cross_match(matches, matches, backward));
     }
   }
   progress.step("filtering");
-  feature.extract_vector_distance(near, keys1, keys2, matches, limit);
+  static_cast<void>(feature.extract_vector_distance(near, keys1, keys2, matches, limit));
   const auto d = feature.get_hamming_distance(near);
   double threshold = std::clamp(double(d.z) * ratio, double(d.x), double(d.y));
-  if (!near.empty()) feature.extract_hamming_distance(close, near, threshold);
+  if (!near.empty()) static_cast<void>(feature.extract_hamming_distance(close, near, threshold));
   progress.done();
 
   const Json steps = {{"keypoints1", detected1},        {"keypoints2", detected2},
