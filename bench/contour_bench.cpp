@@ -79,6 +79,26 @@ void BM_OpenCvFindContours(benchmark::State& state) {
 }
 BENCHMARK(BM_OpenCvFindContours)->Unit(benchmark::kMillisecond);
 
+// The plain limit: one bare pass over the mask, counting the left edges of foreground runs.
+void BM_PlainPassOverMask(benchmark::State& state) {
+  cv::Mat mask = blob_mask();
+  for (auto _ : state) {
+    std::size_t edges = 0;
+    for (int y = 0; y < mask.rows; ++y) {
+      const unsigned char* row = mask.ptr<unsigned char>(y);
+      unsigned char left = 0;
+      for (int x = 0; x < mask.cols; ++x) {
+        edges += (row[x] != 0) & (left == 0);
+        left = row[x];
+      }
+    }
+    benchmark::DoNotOptimize(edges);
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(mask.total()));
+}
+BENCHMARK(BM_PlainPassOverMask)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 // Both sides allocate an image-sized copy per iteration (the tracer also a mask). Keep freed

@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <vector>
 
@@ -56,10 +57,8 @@ void BM_OpenCvDirect(benchmark::State& state) {
   for (auto _ : state) {
     std::vector<cv::KeyPoint> k1, k2;
     cv::Mat d1, d2;
-    akaze->detect(p.before, k1);
-    akaze->detect(p.after, k2);
-    akaze->compute(p.before, k1, d1);
-    akaze->compute(p.after, k2, d2);
+    akaze->detectAndCompute(p.before, cv::noArray(), k1, d1);
+    akaze->detectAndCompute(p.after, cv::noArray(), k2, d2);
     std::vector<cv::DMatch> matches;
     cv::DescriptorMatcher::create("BruteForce-Hamming")->match(d1, d2, matches);
     std::vector<cv::DMatch> near;
@@ -85,6 +84,59 @@ void BM_OpenCvDirect(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_OpenCvDirect)->Unit(benchmark::kMillisecond);
+
+// Key points and descriptors of one picture: ours in one pass, ours in two (detect, then
+// compute), OpenCV's detectAndCompute, and one bare pass over the pixels as the plain limit.
+void BM_FeatureDetectAndCompute(benchmark::State& state) {
+  const Pair p = image_pair();
+  quib::Feature feature;
+  for (auto _ : state) {
+    std::vector<cv::KeyPoint> k;
+    cv::Mat d;
+    const bool ok = feature.detect_and_compute(k, d, p.before);
+    benchmark::DoNotOptimize(ok);
+  }
+}
+BENCHMARK(BM_FeatureDetectAndCompute)->Unit(benchmark::kMillisecond);
+
+void BM_FeatureDetectThenCompute(benchmark::State& state) {
+  const Pair p = image_pair();
+  quib::Feature feature;
+  for (auto _ : state) {
+    std::vector<cv::KeyPoint> k;
+    cv::Mat d;
+    const bool ok = feature.detect(k, p.before) && feature.compute(d, k, p.before);
+    benchmark::DoNotOptimize(ok);
+  }
+}
+BENCHMARK(BM_FeatureDetectThenCompute)->Unit(benchmark::kMillisecond);
+
+void BM_OpenCvDetectAndCompute(benchmark::State& state) {
+  const Pair p = image_pair();
+  cv::Ptr<cv::AKAZE> akaze =
+      cv::AKAZE::create(cv::AKAZE::DESCRIPTOR_MLDB, 0, 3, 0.001f, 4, 4, cv::KAZE::DIFF_PM_G2);
+  for (auto _ : state) {
+    std::vector<cv::KeyPoint> k;
+    cv::Mat d;
+    akaze->detectAndCompute(p.before, cv::noArray(), k, d);
+    benchmark::DoNotOptimize(d.data);
+  }
+}
+BENCHMARK(BM_OpenCvDetectAndCompute)->Unit(benchmark::kMillisecond);
+
+void BM_PlainPassOverPixels(benchmark::State& state) {
+  const Pair p = image_pair();
+  for (auto _ : state) {
+    std::uint64_t sum = 0;
+    for (int y = 0; y < p.before.rows; ++y) {
+      const unsigned char* row = p.before.ptr<unsigned char>(y);
+      for (int x = 0; x < p.before.cols; ++x)
+        sum += row[x];
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+}
+BENCHMARK(BM_PlainPassOverPixels)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

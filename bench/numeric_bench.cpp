@@ -75,11 +75,34 @@ void BM_Fit(benchmark::State& state) {
   Fit fit;
   for (auto _ : state) {
     if (state.range(0)) {
-      fit.calculate(pts, weights());
+      benchmark::DoNotOptimize(fit.calculate(pts, weights()));
     } else {
-      fit.calculate(pts);
+      benchmark::DoNotOptimize(fit.calculate(pts));
     }
     benchmark::DoNotOptimize(fit);
+  }
+  per_point(state, pts.size());
+}
+
+// The same fit with its statistics (covariance, standard errors, RMS, count).
+template <class Fit>
+void BM_FitInfo(benchmark::State& state) {
+  const typename Fit::points_type* source;
+  if constexpr (std::is_same_v<typename Fit::points_type, std::vector<P2>>) {
+    source = &points2();
+  } else {
+    source = &points3();
+  }
+  const auto& pts = *source;
+  Fit fit;
+  quib::FitInfo info;
+  for (auto _ : state) {
+    if (state.range(0)) {
+      benchmark::DoNotOptimize(fit.calculate(pts, weights(), info));
+    } else {
+      benchmark::DoNotOptimize(fit.calculate(pts, info));
+    }
+    benchmark::DoNotOptimize(info);
   }
   per_point(state, pts.size());
 }
@@ -146,15 +169,16 @@ void BM_CvFitLine(benchmark::State& state) {
   per_point(state, pts.size());
 }
 
-BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresLine)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlainSums_Line)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+// Each fit beside its statistics and the plain sums of its own moments, in one run.
+#define QUIB_FIT_BENCH(Fit, Plain)                                                    \
+  BENCHMARK_TEMPLATE(BM_Fit, Fit)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);     \
+  BENCHMARK_TEMPLATE(BM_FitInfo, Fit)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond); \
+  BENCHMARK(Plain)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)
+QUIB_FIT_BENCH(quib::LeastSquaresLine, BM_PlainSums_Line);
 BENCHMARK(BM_CvFitLine)->Unit(benchmark::kMillisecond);
-BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresCircle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlainSums_Circle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresPlane)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlainSums_Plane)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK_TEMPLATE(BM_Fit, quib::LeastSquaresSphere)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlainSums_Sphere)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+QUIB_FIT_BENCH(quib::LeastSquaresCircle, BM_PlainSums_Circle);
+QUIB_FIT_BENCH(quib::LeastSquaresPlane, BM_PlainSums_Plane);
+QUIB_FIT_BENCH(quib::LeastSquaresSphere, BM_PlainSums_Sphere);
 
 void BM_Dimension6(benchmark::State& state) {
   const std::size_t n = bench::smoke() ? 1000 : 1000000;
@@ -165,7 +189,7 @@ void BM_Dimension6(benchmark::State& state) {
   }
   quib::LeastSquaresDimension poly;
   for (auto _ : state) {
-    poly.calculate(6, pts);
+    benchmark::DoNotOptimize(poly.calculate(6, pts));
     benchmark::DoNotOptimize(poly);
   }
   per_point(state, n);
@@ -193,8 +217,10 @@ void BM_RansacPlane(benchmark::State& state) {
   const std::vector<V> pts = bench::plane_cloud<V>(ransac_size(), 0.3);
   CountingPlane<V, S> ransac;
   bool found = false;
-  for (auto _ : state)
+  for (auto _ : state) {
     found = ransac.compute(pts, S(0.01), 0.99, 10000);
+    benchmark::DoNotOptimize(found);
+  }
   state.counters["iterations"] =
       static_cast<double>(ransac.measured) / static_cast<double>(state.iterations());
   state.counters["found"] = found;

@@ -1,11 +1,15 @@
 // STL loading and saving against a plain read or write of the same bytes, and against the
 // readers of assimp and admesh when they were found at configure time.
+#include <quib/mesh_measures.hpp>
 #include <quib/stl.hpp>
 
 #include <benchmark/benchmark.h>
+#include <Eigen/Geometry>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -144,6 +148,120 @@ void quib_save(benchmark::State& state, Kind k, int precision) {
   finish(state, k);
 }
 
+// Merging the corners of an unmerged mesh. The copy that compress consumes is made outside the
+// timing.
+void quib_compress(benchmark::State& state, Kind k) {
+  quib::Stl unmerged = Files::get().mesh(k);
+  unmerged.decompress();
+  for (auto _ : state) {
+    state.PauseTiming();
+    quib::Stl mesh = unmerged;
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(mesh.compress());
+  }
+}
+
+// The limit for merging: one plain open-addressing table (linear probing, a strong 64-bit mix
+// of the coordinate bits) over the same corners, writing one index per corner into a flat
+// array and the distinct points into a list. No polygon lists are made.
+void plain_table(benchmark::State& state, Kind k) {
+  quib::Stl unmerged = Files::get().mesh(k);
+  unmerged.decompress();
+  std::vector<quib::Stl::Point> const& corners = unmerged.points();
+  struct Slot {
+    std::uint32_t x, y, z;
+    std::int32_t index;
+  };
+  const auto bits = [](float v) {
+    std::uint32_t b;
+    std::memcpy(&b, &v, 4);
+    return b;
+  };
+  const auto mix = [](std::uint64_t h) {
+    h ^= h >> 33;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 33;
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 33;
+    return h;
+  };
+  for (auto _ : state) {
+    std::size_t capacity = 16;
+    while (capacity < corners.size())
+      capacity <<= 1;
+    std::vector<Slot> slots(capacity, Slot{0, 0, 0, -1});
+    std::vector<quib::Stl::Point> points;
+    std::vector<int> indices(corners.size());
+    const std::size_t mask = capacity - 1;
+    for (std::size_t c = 0; c < corners.size(); ++c) {
+      const std::uint32_t x = bits(corners[c].x()), y = bits(corners[c].y()),
+                          z = bits(corners[c].z());
+      std::size_t i = mix((std::uint64_t(y) << 32 | x) ^ mix(z + 0x9E3779B97F4A7C15ull)) & mask;
+      for (;; i = (i + 1) & mask) {
+        if (slots[i].index < 0) {
+          slots[i] = Slot{x, y, z, static_cast<int>(points.size())};
+          points.push_back(corners[c]);
+          break;
+        }
+        if (slots[i].x == x && slots[i].y == y && slots[i].z == z) break;
+      }
+      indices[c] = slots[i].index;
+    }
+    benchmark::DoNotOptimize(indices.data());
+    benchmark::DoNotOptimize(points.data());
+  }
+}
+
+// Mesh measures on the merged mesh in memory.
+void quib_measures(benchmark::State& state, Kind k) {
+  const quib::Stl mesh(Files::get().wpath(k), true);
+  for (auto _ : state) {
+    const quib::MeshMeasures m(mesh);
+    benchmark::DoNotOptimize(m.volume);
+  }
+}
+
+// The limit for measuring: one plain pass over the same triangles summing area and signed
+// volume, no topology.
+void plain_pass(benchmark::State& state, Kind k) {
+  const quib::Stl mesh(Files::get().wpath(k), true);
+  auto const& points = mesh.points();
+  for (auto _ : state) {
+    double area = 0, volume = 0;
+    for (auto const& p : mesh.polygons()) {
+      const Eigen::Vector3d a = points[std::size_t(p[0])].cast<double>(),
+                            b = points[std::size_t(p[1])].cast<double>(),
+                            c = points[std::size_t(p[2])].cast<double>();
+      area += (b - a).cross(c - a).norm();
+      volume += a.dot(b.cross(c));
+    }
+    benchmark::DoNotOptimize(area);
+    benchmark::DoNotOptimize(volume);
+  }
+}
+
+// numpy-stl (python3-stl) through the system's python3: volume, centre of gravity, inertia,
+// areas and its closedness test, timed inside python after the file is read.
+void numpy_stl_measures(benchmark::State& state, Kind k) {
+  const std::string command =
+      "/usr/bin/python3 -W ignore -c \"import sys, time; from stl import mesh; "
+      "m = mesh.Mesh.from_file(sys.argv[1]); t = time.perf_counter(); "
+      "v, cog, inertia = m.get_mass_properties(); a = m.areas.sum(); c = m.is_closed(); "
+      "print(time.perf_counter() - t)\" " +
+      Files::get().path(k) + " 2>/dev/null";
+  for (auto _ : state) {
+    std::FILE* pipe = ::popen(command.c_str(), "r");
+    double seconds = -1;
+    if (pipe == nullptr || std::fscanf(pipe, "%lf", &seconds) != 1) seconds = -1;
+    if (pipe != nullptr) ::pclose(pipe);
+    if (seconds < 0) {
+      state.SkipWithError("python3 with numpy-stl is not available");
+      break;
+    }
+    state.SetIterationTime(seconds);
+  }
+}
+
 #if defined(QUIB_BENCH_ASSIMP)
 // assimp's importer; `join` removes the facet normals (which differ between the facets of a
 // vertex) and then joins identical vertices, its way of building a shared-vertex mesh.
@@ -179,6 +297,26 @@ void admesh_open(benchmark::State& state, Kind k, bool shared) {
   }
   finish(state, k);
 }
+
+// admesh's statistics on a file it has read: the facets connected by exact matching (its
+// edge check), the volume and the statistics it keeps while reading. The reading is not timed.
+void admesh_measures(benchmark::State& state, Kind k) {
+  std::string path = Files::get().path(k);
+  for (auto _ : state) {
+    state.PauseTiming();
+    stl_file stl{};
+    stl_open(&stl, path.data());
+    if (stl_get_error(&stl)) state.SkipWithError("admesh could not read the file");
+    state.ResumeTiming();
+    stl_check_facets_exact(&stl);
+    stl_calculate_volume(&stl);
+    benchmark::DoNotOptimize(stl.stats.volume);
+    benchmark::DoNotOptimize(stl.stats.connected_facets_3_edge);
+    state.PauseTiming();
+    stl_close(&stl);
+    state.ResumeTiming();
+  }
+}
 #endif
 
 }  // namespace
@@ -192,6 +330,16 @@ QUIB_BENCH(quib_load, merged_grid, grid_binary, true);
 QUIB_BENCH(quib_load, merged_random, random_binary, true);
 QUIB_BENCH(plain_read, ascii, grid_ascii);
 QUIB_BENCH(quib_load, ascii, grid_ascii, false);
+QUIB_BENCH(plain_table, grid, grid_binary);
+QUIB_BENCH(quib_compress, grid, grid_binary);
+QUIB_BENCH(plain_table, random, random_binary);
+QUIB_BENCH(quib_compress, random, random_binary);
+QUIB_BENCH(plain_pass, random, random_binary);
+QUIB_BENCH(quib_measures, random, random_binary);
+BENCHMARK_CAPTURE(numpy_stl_measures, random, random_binary)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(3);
 QUIB_BENCH(plain_write, binary, grid_binary);
 QUIB_BENCH(quib_save, binary, grid_binary, 0);
 QUIB_BENCH(plain_write, ascii, grid_ascii);
@@ -207,6 +355,7 @@ QUIB_BENCH(admesh_open, binary, grid_binary, false);
 QUIB_BENCH(admesh_open, shared_grid, grid_binary, true);
 QUIB_BENCH(admesh_open, shared_random, random_binary, true);
 QUIB_BENCH(admesh_open, ascii, grid_ascii, false);
+QUIB_BENCH(admesh_measures, random, random_binary);
 #endif
 
 BENCHMARK_MAIN();

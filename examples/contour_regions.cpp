@@ -18,7 +18,7 @@ int main() {
   while (tracer.search(contour, position, 0)) {
     // fill() on a fresh image gives the region with its holes closed.
     cv::Mat region = cv::Mat::zeros(mask.size(), CV_8UC1);
-    tracer.fill(region, contour, 255, 0);
+    if (!tracer.fill(region, contour, 255, 0)) continue;
     std::printf("region at (%d, %d): %zu boundary pixels, %d pixels enclosed\n", contour.front().x,
                 contour.front().y, contour.size(), cv::countNonZero(region));
   }

@@ -60,6 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     points.emplace_back(x, y);
   }
   cv::Mat target = cv::Mat::zeros(rows, cols, CV_8UC1);
-  tracer.fill(target, points, 7, 0);
+  // What fill() reports must agree with what it wrote.
+  const bool wrote = tracer.fill(target, points, 7, 0);
+  check(wrote == (cv::countNonZero(target) > 0));
   return 0;
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -63,11 +64,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   feature.get_hamming_distance(forward);
   feature.extract_hamming_distance(out, forward, threshold);
   feature.extract_vector_distance(out, k1, k2, forward, limit);
-  feature.extract_cross_match(out, forward, backward);
-  feature.extract_cross_point_match(out, k1, k2, forward, backward);
+  // Each filter reports whether it kept something.
+  if (feature.extract_cross_match(out, forward, backward) == out.empty()) std::abort();
+  if (feature.extract_cross_point_match(out, k1, k2, forward, backward) == out.empty())
+    std::abort();
   cv::Mat h;
   try {
-    feature.find_perspective_matrix(h, k1, k2, forward, quib::Feature::FIND_RANSAC);
+    if (feature.find_perspective_matrix(h, k1, k2, forward, quib::Feature::FIND_RANSAC)) {
+      const auto inliers = quib::Feature::measure_inliers(h, k1, k2, forward).first;
+      if (inliers < 0 || inliers > static_cast<int>(forward.size())) std::abort();
+    }
   } catch (cv::Exception const&) {
     // OpenCV's own refusals (too few pairs) reach the caller by design.
   }

@@ -1,12 +1,18 @@
-// Numbered file names and hashes over arbitrary text: nothing may crash, and the parts that
-// the name functions split off must put the name back together.
+// Numbered file names, text conversion and hashes over arbitrary text: nothing may crash, the
+// parts that the name functions split off must put the name back together, text, hashing and
+// paths must agree on what is a character, and hashing in pieces must equal hashing at once.
+#include <quib/convert.hpp>
 #include <quib/hash.hpp>
 #include <quib/path.hpp>
 
+#include "system/native_path.hpp"
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -79,5 +85,34 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(out.size() == 8);
   check(quib::sha256::compute(wide).size() == 64);
   check(quib::sha256::compute(narrow).size() == 64);
+
+  // Text, hashing and paths: one reading of the wide characters.
+  std::string const utf8 = quib::convert::to_string(wide);
+  auto const path = quib::detail::native_path(wide);
+  bool const clean = utf8.find("\xEF\xBF\xBD") == std::string::npos;
+  if (path) check(path->native() == utf8);
+  if (clean) check(path.has_value());
+  check(quib::sha256::compute(wide) == quib::convert::to_wstring(quib::sha256::compute(utf8)));
+  check(quib::convert::to_string(quib::convert::to_wstring(narrow)).size() <= 3 * size);
+
+  // In two pieces, split where the first byte says.
+  std::size_t const cut = size > 0 ? data[0] % (size + 1) : 0;
+  quib::sha256::Hasher sha;
+  quib::hash::Hasher bytes, chars;
+  check(sha.update(data, cut) && sha.update(data + cut, size - cut));
+  bytes.update(data, cut);
+  bytes.update(data + cut, size - cut);
+  chars.update(std::string_view(narrow).substr(0, cut));
+  chars.update(std::string_view(narrow).substr(cut));
+  std::vector<unsigned char> digest, whole;
+  check(sha.final(digest));
+  check(quib::sha256::compute(whole, std::vector<unsigned char>(data, data + size)));
+  check(digest == whole);
+  std::uint64_t const value = bytes.final();
+  for (int i = 0; i < 8; ++i)
+    check(out[std::size_t(i)] == static_cast<unsigned char>(value >> (56 - 8 * i)));
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(chars.final()));
+  check(quib::hash::compute(narrow) == text);
   return 0;
 }

@@ -61,14 +61,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<double> d;
   quib::LeastSquaresLine::create(p2, k).get_d(d, p2);
   quib::LeastSquaresLine line;
-  line.calculate(p2, weights);
+  static_cast<void>(line.calculate(p2, weights));
   quib::LeastSquaresLine::create_iterative(p2, 1e-6, degree, k);
   quib::LeastSquaresCircle::create(p2, k).get_d(d, p2);
   quib::LeastSquaresPlane::create(p3, k).get_d(d, p3);
   quib::LeastSquaresSphere::create(p3, k).get_d(d, p3);
   quib::LeastSquaresCurve::create(p2, k);
   quib::LeastSquaresCurve3 cubic;
-  cubic.calculate(p2, weights);
+  static_cast<void>(cubic.calculate(p2, weights));
 
   const auto poly = quib::LeastSquaresDimension::create(in.number(), degree, p2, k);
   poly.get_d(d, p2);
@@ -89,9 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quib::RobustM::get_mad(values, quib::RobustM::get_med(values));
 
   quib::RANSAC_Plane<Eigen::Vector3d, double> ransac;
-  ransac.compute(p3, k, in.byte() / 255.0, 20);
+  static_cast<void>(ransac.compute(p3, k, in.byte() / 255.0, 20));
   quib::RANSAC_Plane<Eigen::Vector3f, float> ransacf;
-  ransacf.compute(p3f, static_cast<float>(k), in.byte() / 255.0, 20);
+  static_cast<void>(ransacf.compute(p3f, static_cast<float>(k), in.byte() / 255.0, 20));
 
   quib::Discrim1 d1(values);
   d1.get_likelihood();

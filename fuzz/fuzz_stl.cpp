@@ -33,7 +33,8 @@ void check(quib::Stl const& mesh, int polygons) {
 // Text files read exactly as the slow line-by-line reading does.
 void compare_with_plain_reading(quib::Stl const& mesh, std::string const& text) {
   const auto expected = quib::reference::read_text_slowly(text);
-  if (expected.name != mesh.get_name() || expected.points.size() != std::size_t(mesh.size()))
+  if (expected.name != mesh.get_name() || expected.points.size() != std::size_t(mesh.size()) ||
+      expected.odd_facets != mesh.info().odd_facets)
     std::abort();
   for (int i = 0; i < mesh.size(); ++i)
     if (std::memcmp(expected.points[std::size_t(i)].data(), mesh.point(i).data(), 12) != 0)

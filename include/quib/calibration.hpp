@@ -46,9 +46,23 @@ class QUIB_API Calibration {
     std::vector<int> counts;  ///< per view, the corner count
     std::vector<int> found;   ///< per view, the finder's result (non-zero)
 
+    /// When positive, the corner spacings used in place of square_width and square_height:
+    /// squares of any real size. Set by the real-valued constructor; 0 otherwise.
+    double real_square_width = 0.0;
+    double real_square_height = 0.0;
+
     /// 24 x 24 squares, 10 columns, 7 rows, no views.
     Info();
     Info(int square_width, int square_height, int columns, int rows);
+    /// Squares of any positive real size, e.g. 24.5 mm. The integer spacings are set to the
+    /// nearest whole numbers for code that reads them; the solvers and get_object_points() use
+    /// the real ones. A size that is not positive and finite leaves the real spacing unset (0),
+    /// so the integer one (then 0) applies and the solvers refuse the board.
+    Info(double square_width, double square_height, int columns, int rows);
+
+    /// The spacings in use: the real ones when set, otherwise the integer ones.
+    double get_square_width() const;
+    double get_square_height() const;
 
     /// Forgets the views, keeps the geometry.
     void clear();
@@ -56,8 +70,29 @@ class QUIB_API Calibration {
     bool is() const;
     /// The board's corners in its own plane (z = 0), row after row, centred on the middle
     /// of the board: corner (i, j) is at (square_width * (i - (columns - 1) / 2),
-    /// square_height * (j - (rows - 1) / 2)). These are the object points of every view.
+    /// square_height * (j - (rows - 1) / 2)), in single precision, with the spacings of
+    /// get_square_width() and get_square_height(). These are the object points of every view.
     std::vector<cv::Point3f> get_object_points() const;
+  };
+
+  /// One accepted view as the solver saw it.
+  struct View {
+    double rotation[3];     ///< the board's pose in this view: a rotation vector (Rodrigues)
+    double translation[3];  ///< and a translation, in the board's length unit
+    double error;           ///< RMS reprojection error of the view's corners, in pixels
+  };
+
+  /// Everything one solve measures. The camera matrix, distortion and pose are exactly what
+  /// get_camera_matrix() gives for the same views.
+  struct Data {
+    double matrix[9];      ///< camera matrix, row-major
+    double distortion[4];  ///< k1, k2, p1, p2
+    double rotation[3];    ///< one pose over all views, as get_camera_matrix() gives it
+    double translation[3];
+    double matrix_deviation[4];      ///< standard deviations of fx, fy, cx, cy, in pixels
+    double distortion_deviation[4];  ///< standard deviations of k1, k2, p1, p2
+    double error;                    ///< RMS reprojection error over all corners, in pixels
+    std::vector<View> views;         ///< per accepted view, in the order of the Info
   };
 
   Calibration() = default;
@@ -76,16 +111,29 @@ class QUIB_API Calibration {
   /// Finds the board in one image (any format createIpl_bgr2 converts), refines its corners
   /// and appends them to info. False, with info and the stored size untouched, when the
   /// image cannot be converted or the whole board is not found.
-  bool calibration(Info& info, Image const& image);
+  [[nodiscard]] bool calibration(Info& info, Image const& image);
 
   /// Solves the camera over all views in info: camera matrix (row-major), k1, k2, p1, p2, and
   /// one pose that fits all views at once (with one view, that view's pose). The image size
   /// is the stored one. False, with the outputs untouched, when info holds no views or its
   /// vectors disagree with its geometry.
-  bool get_camera_matrix(Info const& info, double (&matrix)[9], double (&distortion)[4],
-                         double (&rotation)[3], double (&translation)[3]) const;
+  [[nodiscard]] bool get_camera_matrix(Info const& info, double (&matrix)[9],
+                                       double (&distortion)[4], double (&rotation)[3],
+                                       double (&translation)[3]) const;
   /// The same into the projection's arrays; its size is left as it is.
-  bool get_camera_matrix(Info const& info, Projection& projection) const;
+  [[nodiscard]] bool get_camera_matrix(Info const& info, Projection& projection) const;
+
+  /// Solves as get_camera_matrix() does (same model, flags and stopping rule, the same
+  /// results) and also gives the standard deviations of the intrinsics and the distortion
+  /// (from the solver's Jacobian at the solution, scaled by the residuals, as
+  /// cv::calibrateCameraExtended gives them), the RMS reprojection error, and each view's
+  /// pose and RMS error. False, with `data` untouched, as for get_camera_matrix().
+  [[nodiscard]] bool get_camera_data(Info const& info, Data& data) const;
+
+  /// The RMS reprojection error of each view in info for a given camera, in pixels: each
+  /// view's pose is solved for the camera (cv::solvePnP), its board points projected back
+  /// and compared with the detected corners. Empty when info holds no complete view.
+  std::vector<double> get_reprojection_errors(Info const& info, Projection const& camera) const;
 
   /// The board pose in the last view for a known camera, measured on two patches of corners:
   /// a long patch from the first corner (the short side's count by the long side's count,
@@ -108,8 +156,20 @@ class QUIB_API Calibration {
                         unsigned int color);
   /// As draw_calibration, plus a cross-hair through the projection's principal point,
   /// rescaled to the image's size.
-  bool draw_correction(Info const& info, Projection const& projection, Image& image,
-                       unsigned int color);
+  [[nodiscard]] bool draw_correction(Info const& info, Projection const& projection, Image& image,
+                                     unsigned int color);
+
+  /// The residual picture: for every corner of every view, an arrow from the detected corner
+  /// towards where the solved camera projects the board point, its length magnified by
+  /// `magnification` (e.g. 100: a 0.05 pixel error shows as 5 pixels), in the image's own
+  /// format. Positions are scaled from the calibration's image size to the image's. False when
+  /// the image cannot be converted or `data` does not hold one pose per view of `info`.
+  [[nodiscard]] bool draw_residuals(Info const& info, Data const& data, Image& image,
+                                    double magnification, unsigned int color) const;
+  /// The coverage picture: every detected corner of every view as a dot and each view's
+  /// board outline, so that the parts of the image no board reached show as empty. Scaled as
+  /// draw_residuals(). False when the image cannot be converted.
+  [[nodiscard]] bool draw_coverage(Info const& info, Image& image, unsigned int color) const;
 
  private:
   extent_type size;

@@ -64,8 +64,8 @@ class QUIB_API ContourTracer {
 
   /// Builds a tracer as the constructor does; when the result has at least one pixel it
   /// replaces this object's matrices and the result is true, otherwise nothing changes.
-  bool create(cv::Mat& image);
-  bool create(cv::Mat& image, cv::Mat& mask);
+  [[nodiscard]] bool create(cv::Mat& image);
+  [[nodiscard]] bool create(cv::Mat& image, cv::Mat& mask);
   /// Releases both matrices; the tracer is empty afterwards.
   void release();
 
@@ -84,17 +84,23 @@ class QUIB_API ContourTracer {
   /// `position` one pixel past the region's start pixel. Returns false, with `position` at
   /// (0, rows), when the scan reaches the end of the image; `contour` is then left as it was.
   /// A `position` outside the image returns false at once and is left unchanged.
-  bool search(std::vector<cv::Point>& contour, cv::Point& position, unsigned char blank);
+  [[nodiscard]] bool search(std::vector<cv::Point>& contour, cv::Point& position,
+                            unsigned char blank);
 
-  /// Writes `value` into `target` at every pixel of `contour` and every pixel the contour
-  /// encloses; all other pixels of `target` keep their value (untouched ones stay at
-  /// `background`). `contour` is a boundary as search() returns it: a closed chain of pixels in
-  /// which each pixel is listed once. Consecutive points that are not neighbours are not joined
-  /// (the chain passed through known pixels between them), so a sparse polygon is not filled.
-  /// Points outside `target` are ignored. Returns false when `target` is not CV_8UC1 or when no
-  /// pixel of `target` was written.
-  bool fill(cv::Mat& target, std::vector<cv::Point> const& contour, unsigned char value,
-            unsigned char background);
+  /// Fills the polygon whose corners are `contour`, in order and closed from the last point
+  /// back to the first, into `target` with `value`: its inside as cv::fillPoly fills it and its
+  /// outline as cv::polylines draws it (8-connected), so four corners of a square mark the
+  /// whole square. All other pixels of `target` keep their value (untouched ones stay at
+  /// `background`). Corners may lie outside `target`; only the part inside is written. Returns
+  /// false, writing nothing, when `target` is not CV_8UC1, `contour` is empty or the polygon
+  /// covers no pixel of `target`.
+  ///
+  /// search() marks a traced region its own way: a traced boundary lists each pixel once, so a
+  /// boundary that passes through a pixel twice (a one-pixel-wide spur or neck) jumps from the
+  /// spur's tip to where the boundary goes on. As a polygon, that jump is a straight edge; the
+  /// mask marks exactly the region's pixels instead.
+  [[nodiscard]] bool fill(cv::Mat& target, std::vector<cv::Point> const& contour,
+                          unsigned char value, unsigned char background);
 
  protected:
   /// Maps (image, x, y) to the pixel's linear index: y * row stride + x, which is

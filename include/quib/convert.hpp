@@ -10,8 +10,9 @@ namespace quib::convert {
 
 /// Converts wide text to narrow text in the user's default encoding, which is UTF-8 on this
 /// platform whatever the C locale says. The result is a fresh string owned by the caller.
-/// Never fails: a wide character that is no Unicode scalar value (a lone surrogate, a value
-/// above U+10FFFF) becomes U+FFFD. Pure function, safe on any thread.
+/// A high surrogate directly followed by a low one is the character they stand for, whatever
+/// the width of wchar_t. Never fails: anything that is no character (an unpaired surrogate, a
+/// value above U+10FFFF) becomes U+FFFD. Pure function, safe on any thread.
 ///
 ///     std::string name = quib::convert::to_string(L"Gehäuse");  // "Geh\xC3\xA4use"
 QUIB_API std::string to_string(std::wstring const& text);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <quib/export.hpp>
+#include <quib/fit.hpp>
 
 #include <Eigen/Core>
 
@@ -31,14 +32,20 @@ class QUIB_API LeastSquaresCurve {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` (parameters in the order a, b, ...; cleared on failure).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   /// Residuals y - f(x), one per input point.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCurve create(const points_type& points);
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
   static LeastSquaresCurve create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step.
+  static LeastSquaresCurve create(const points_type& points, double k, FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -70,12 +77,18 @@ class QUIB_API LeastSquaresCurve3 {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` (parameters in the order a, b, ...; cleared on failure).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCurve3 create(const points_type& points);
   static LeastSquaresCurve3 create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step.
+  static LeastSquaresCurve3 create(const points_type& points, double k, FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -125,9 +138,17 @@ class QUIB_API LeastSquaresDimension {
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
   static LeastSquaresDimension create(double scale, int degree, const points_type& points,
                                       double k);
+  static LeastSquaresDimension create(double scale, int degree, const points_type& points, double k,
+                                      FitInfo& info);
 
-  bool calculate(int degree, const points_type& points);
-  bool calculate(int degree, const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(int degree, const points_type& points);
+  [[nodiscard]] bool calculate(int degree, const points_type& points,
+                               const std::vector<double>& weights);
+  /// As above, and fills `info`: parameters in coefficient order (highest power first), as
+  /// read with operator[] (the scale divided out), residuals y - get_y(x).
+  [[nodiscard]] bool calculate(int degree, const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(int degree, const points_type& points,
+                               const std::vector<double>& weights, FitInfo& info);
   /// Residuals y - get_y(x), one per input point; false (d untouched) with no coefficients.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 

@@ -5,6 +5,7 @@
 #include <quib/image.hpp>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <ios>
 #include <memory>
@@ -55,6 +56,14 @@ class QUIB_API Palette {
 /// Sample arrangement of a bitmap file; rows are transferred only when pixel-interleaved.
 enum class interleave_type : std::int32_t { pixel = 1 };
 
+/// What Dib::read_image makes of the indices of a palette file (1, 2, 4 or 8 bits per pixel).
+enum class palette_t : std::int32_t {
+  index = 0,        ///< keep the indices: one 8-bit sample per pixel, color_type::grey
+  bgr = 1,          ///< replace each index by its table colour: 24-bit BGR
+  grey_or_bgr = 2,  ///< as bgr, but 8-bit grey levels when every entry is a grey (blue = green
+                    ///< = red), as OpenCV reads such files
+};
+
 /// Streams whole rows between an uncompressed bitmap file ("BM", 40-byte information header)
 /// and caller memory, so that an image larger than memory can be processed band by band.
 /// A 24- or 32-bit file is described as 8-bit samples, 3 or 4 per pixel.
@@ -75,23 +84,57 @@ enum class interleave_type : std::int32_t { pixel = 1 };
 ///     while (int n = in.read(band.data(), int(band.size()))) { /* n / getLineBytes() rows */ }
 class QUIB_API Dib {
  public:
+  /// How the file was opened: nothing open (or failed), an existing file opened for reading and
+  /// updating, or a new file created for writing. The numbers are those of the file API's mode.
+  enum class mode_t : std::int32_t { none = 0, opened = 1, created = 2 };
+
   /// Nothing open.
   Dib();
-  /// Opens an existing bitmap file for reading and updating.
+  /// Opens an existing bitmap file for reading and updating. A narrow path is the file
+  /// system's own name (UTF-8 bytes here).
   explicit Dib(std::string const& path);
+  /// As above for a wide path. A path holding an unpaired surrogate names no file: it fails
+  /// like a missing one, and no other file is opened in its place.
+  explicit Dib(std::wstring const& path);
   /// Creates a new file (or reopens an existing bitmap) for writing rows. A negative height
   /// makes a top-down file.
   Dib(std::string const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
+      int colorCount, Palette const& palette);
+  Dib(std::wstring const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
       int colorCount, Palette const& palette);
   Dib(Dib const&) = default;
   Dib& operator=(Dib const&) = default;
   ~Dib() = default;
 
   /// Opens an existing file; false at once when the path is not an existing regular file.
-  bool create(std::string const& path);
+  [[nodiscard]] bool create(std::string const& path);
+  /// Reads a whole bitmap file into a new image in picture order: rows top-down whatever the
+  /// file's row order, one 8-bit sample per channel, rows padded to 4 bytes. By depth:
+  /// - 1, 2, 4 and 8 bits: as `palette` says (see palette_t); an index past the end of the
+  ///   colour table is black. A file without a table reads as if its table were the even grey
+  ///   ramp of its depth (black and white for 1 bit).
+  /// - 16 bits (5 bits each of red, green and blue, the top bit unused): 24-bit BGR, each
+  ///   5-bit value v widened to (v << 3) | (v >> 2).
+  /// - 24 bits: 24-bit BGR; 32 bits: 32-bit BGRA, the fourth byte as stored.
+  /// On failure (the file cannot be opened as a Dib, another depth, more than one plane, an
+  /// empty picture, or rows missing) the result is an empty image (`empty()` true); nothing
+  /// throws but std::bad_alloc. The file is read once, in bands; the caller owns the result.
+  ///
+  ///     quib::Image picture = quib::Dib::read_image(L"scan.bmp");
+  ///     if (picture.empty()) { /* not a bitmap this reader understands */ }
+  ///     cv::Mat view = picture.makeMat();  // CV_8UC1, CV_8UC3 or CV_8UC4
+  [[nodiscard]] static Image read_image(std::wstring const& path,
+                                        palette_t palette = palette_t::grey_or_bgr);
+  [[nodiscard]] static Image read_image(std::string const& path,
+                                        palette_t palette = palette_t::grey_or_bgr);
+
   /// Creates or reopens a file for writing; true when the stream is good.
-  bool create(std::string const& path, int width, int height, int xDpi, int yDpi, int bits,
-              int align, int colorCount, Palette const& palette);
+  [[nodiscard]] bool create(std::string const& path, int width, int height, int xDpi, int yDpi,
+                            int bits, int align, int colorCount, Palette const& palette);
+  /// The same for wide paths; path() then holds the path in UTF-8.
+  [[nodiscard]] bool create(std::wstring const& path);
+  [[nodiscard]] bool create(std::wstring const& path, int width, int height, int xDpi, int yDpi,
+                            int bits, int align, int colorCount, Palette const& palette);
   void swap(Dib& other) noexcept;
   /// Releases this handle (the file closes when no copy shares it).
   void close();
@@ -100,6 +143,7 @@ class QUIB_API Dib {
   explicit operator bool() const { return !fail(); }
   /// Sets the stream's exception mask; the end-of-file bit is always taken out of it.
   void exceptions(std::ios_base::iostate mask);
+  /// The path given when opening (UTF-8 for a wide path); empty after a failure.
   std::string path() const { return filePath; }
 
   int getWidth() const { return width; }
@@ -119,8 +163,12 @@ class QUIB_API Dib {
   /// The colour table of the file (read from an opened file, given to a created one).
   Palette getPalette() const { return palette; }
   bool isTopDown() const { return topDown; }
+  /// Bits per pixel as the file header gives them (`biBitCount`): 1, 4, 8, 16, 24 or 32 in an
+  /// ordinary file; bits per sample times samples for a created one.
+  int getBitCount() const { return bitCount; }
   int getDataOffset() const { return dataOffset; }
 
+  mode_t getMode() const { return mode; }
   /// The stream's read position after opening, its write position after creating, else 0.
   std::int64_t tell() const;
   /// Row cursor number index mod 4.
@@ -129,19 +177,23 @@ class QUIB_API Dib {
   void seek(int index, int row);
 
   /// Moves bytes / lineBytes whole rows at cursor 0; returns the bytes moved (0 on failure).
-  int read(unsigned char* buffer, int bytes);
-  int write(unsigned char const* buffer, int bytes);
+  [[nodiscard]] int read(unsigned char* buffer, int bytes);
+  [[nodiscard]] int write(unsigned char const* buffer, int bytes);
   /// Moves sample plane `index` mod colorCount at cursor index mod 4, in units of the
   /// one-sample row length; never touches more than `bytes` bytes of the caller's memory.
-  int read(int index, unsigned char* buffer, int bytes);
-  int write(int index, unsigned char const* buffer, int bytes);
+  [[nodiscard]] int read(int index, unsigned char* buffer, int bytes);
+  [[nodiscard]] int write(int index, unsigned char const* buffer, int bytes);
 
  private:
+  void open(std::filesystem::path const& native);
+  void open(std::filesystem::path const& native, int width, int height, int xDpi, int yDpi,
+            int bits, int align, int colorCount, Palette const& palette);
   bool readHeaders(bool keepGeometry);
   void refuse();
   int rowsAt(int cursor, int rows) const;
   std::int64_t offsetOf(int cursor, int rows) const;
   int oneSampleLineBytes() const;
+  Image readPicture(palette_t palette);
 
   std::shared_ptr<std::fstream> stream;
   std::string filePath;
@@ -158,7 +210,8 @@ class QUIB_API Dib {
   bool topDown;
   Palette palette;
   ImageCoordinator coordinator;
-  int mode;
+  mode_t mode;
+  int bitCount;
 };
 
 inline void swap(Palette& a, Palette& b) noexcept {

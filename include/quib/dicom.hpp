@@ -8,6 +8,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
@@ -95,6 +96,22 @@ QUIB_API const data_map_t* find_map(std::uint16_t group, std::uint16_t number);
 QUIB_API const data_set_t* find_set(element_t element);
 /// The masked row of an identity, or null when it is not a masked identity.
 QUIB_API const data_map_t* find_map(element_t element);
+
+/// The identity whose keyword is `keyword` ("PatientName"), or `unknown`. Exact, case-sensitive.
+QUIB_API element_t find_keyword(std::string_view keyword);
+/// The keyword of an identity ("PatientName"); empty for `unknown` or a value outside the
+/// enumeration. Dictionary rows without a keyword are named Element_GGGGEEEE or
+/// Retired_GGGGEEEE.
+QUIB_API std::string_view get_keyword(element_t element);
+
+/// Decodes text written in the character set named by a Specific Character Set value (for
+/// example "ISO_IR 100" or "ISO_IR 192"; several values separated by backslashes) to UTF-8.
+/// Handles the default repertoire, ISO_IR 192 (UTF-8), the single-byte ISO_IR sets (Latin
+/// alphabets 1-5 and 9, Cyrillic, Arabic, Greek, Hebrew, Thai, Katakana) with or without their
+/// ISO 2022 escapes, GB18030 and GBK. The default repertoire and a character set that is not
+/// known read bytes above 0x7F as Latin-1; bytes that are not text in a known set become
+/// U+FFFD. Never fails.
+QUIB_API std::string decode_text(std::string_view charset, std::string_view bytes);
 
 /// True when data in the given byte order (little-endian when `little`) must be byte-swapped
 /// to be read on this host.
@@ -270,6 +287,97 @@ class QUIB_API Dicom {
     bool endian_little = true;
   };
 
+  /// How load reads a file. READ_CLASSIC is the walk described above, kept as the library's
+  /// hosts know it. READ_STANDARD reads the file as DICOM toolkits do: any 128-byte preamble;
+  /// the transfer syntax comes from (0002,0010) alone (implicit VR little-endian when there is
+  /// none; explicit VR big-endian for 1.2.840.10008.1.2.2; deflated data inflated and read as
+  /// explicit VR little-endian; every other UID explicit VR little-endian); an element of
+  /// undefined length (a sequence, encapsulated Pixel Data) is stored whole as the bytes
+  /// between its header and its own Sequence Delimitation Item; tags are stored as read, the
+  /// first of two equal tags wins. A data set declared explicit whose first element carries no
+  /// VR is read as implicit, and a UN element of undefined length holds implicit VR
+  /// little-endian items. The table then holds exactly the file's top-level elements.
+  enum read_t { READ_CLASSIC = 0, READ_STANDARD = 1 };
+
+  /// An inflated data set may grow to at most kInflateRatio times its compressed size plus
+  /// kInflateSlack bytes; reading ends there as at any other damage.
+  static constexpr std::uint64_t kInflateRatio = 200;
+  static constexpr std::uint64_t kInflateSlack = std::uint64_t{64} << 20;
+  /// Sequences may be read into items this many levels deep (read_items fails below).
+  static constexpr unsigned kMaxDepth = 64;
+
+  /// What a load learned about the data as a whole: how it was read, whether reading reached
+  /// its end, and the encoding that the values of the table use.
+  struct Info {
+    read_t how = READ_CLASSIC;
+    /// Reading reached the end of the data (no element cut short or damaged).
+    bool complete = false;
+    /// Where reading stopped: the offset of the first element not read, or the data's size
+    /// when complete. In a deflated file, offsets past the meta group count inflated bytes.
+    std::uint64_t stop = 0;
+    /// Byte order of the meta group (group 0002) values.
+    bool meta_little = true;
+    /// The data set's encoding, as the walk last used it.
+    bool implicit = true;
+    bool little = true;
+    /// The data set was deflated (values are kept inflated).
+    bool deflated = false;
+    /// The transfer syntax UID without padding; empty when the file names none.
+    std::string syntax;
+    /// The Specific Character Set (0008,0005) in force, as written; items inherit it.
+    std::string charset;
+    /// 0 for a file; n for an item read from a sequence n levels down.
+    unsigned depth = 0;
+  };
+
+  /// One element of the table in tag order: its key, the VR it was read with (explicit data:
+  /// as the file wrote it; implicit data: the dictionary's, 0 when unknown), and whether its
+  /// length was undefined in the file.
+  struct Entry {
+    std::uint32_t key;
+    std::uint16_t type;
+    bool undefined;
+  };
+
+  /// Names one element for look-ups: a table key, a dictionary identity, a group and number,
+  /// a keyword such as "PatientName", or a tag written "0010,0010", "(0010,0010)" or
+  /// "00100010" (hexadecimal). Text that names nothing gives a Tag that is not `is()`.
+  class QUIB_API Tag {
+   public:
+    Tag(std::uint32_t key_) : key(key_), valid(true) {}
+    Tag(std::uint16_t group, std::uint16_t number) : key(dicom::tag_key(group, number)) {}
+    Tag(dicom::element_t element);
+    Tag(std::string_view text);
+    Tag(const char* text) : Tag(std::string_view(text)) {}
+    std::uint32_t get_key() const { return key; }
+    std::uint16_t get_group() const { return std::uint16_t(key & 0xFFFF); }
+    std::uint16_t get_number() const { return std::uint16_t(key >> 16); }
+    bool is() const { return valid; }
+    bool empty() const { return !valid; }
+
+   private:
+    std::uint32_t key = 0;
+    bool valid = true;
+  };
+
+  /// A person's name (PN) split into its components. The alphabetic group is split into
+  /// family, given, middle, prefix and suffix; the ideographic and phonetic groups are kept as
+  /// written (components joined by '^'). Text is UTF-8.
+  struct Name {
+    std::string family, given, middle, prefix, suffix;
+    std::string ideographic, phonetic;
+  };
+
+  /// A date (DA), a time (TM) or both (DT). Fields the value does not give are -1; `microsecond`
+  /// counts the fraction of the second; `offset` is the UTC offset in minutes when
+  /// `has_offset`.
+  struct DateTime {
+    int year = -1, month = -1, day = -1;
+    int hour = -1, minute = -1, second = -1, microsecond = -1;
+    int offset = 0;
+    bool has_offset = false;
+  };
+
   Dicom() = default;
   /// Calls load(path).
   explicit Dicom(const std::wstring& path);
@@ -285,6 +393,67 @@ class QUIB_API Dicom {
   /// The same from a seekable stream positioned anywhere (the file header is read from offset
   /// 0). A stream whose exceptions the caller has enabled may throw them.
   int load(std::istream& in);
+  /// Reads the file in the given way (see read_t); returns the number of distinct tags stored,
+  /// or -1 (table emptied) when the file cannot be opened, is a folder, or its magic is
+  /// refused. A damaged or cut file keeps what was read before the damage: see is_complete.
+  int load(const std::wstring& path, read_t how);
+  /// The same from a seekable stream positioned anywhere (the file header is read from offset
+  /// 0); a stream that cannot seek is read front to back by READ_STANDARD.
+  int load(std::istream& in, read_t how);
+
+  /// What the last load learned; a default or cleared object holds a default Info.
+  const Info& get_info() const { return info; }
+  /// True when the last load read to the end of the data: nothing was cut short or damaged.
+  bool is_complete() const { return info.complete; }
+  /// Where the last load stopped (see Info::stop).
+  std::uint64_t get_stop_offset() const { return info.stop; }
+  /// The elements as loaded, in tag order (group, then number), with the VR each was read
+  /// with. Changes made through elements() are not reflected here.
+  const std::vector<Entry>& get_entries() const { return entries; }
+  /// The VR an element was read with (as in Entry), or 0 when the table has no such element.
+  std::uint16_t get_type(Tag tag) const;
+  /// The value of an element, or null when the table has none (or the tag names nothing).
+  const std::vector<unsigned char>* find(Tag tag) const;
+
+  // Typed values. Each reads one element as its VR (get_type) says, in the byte order it was
+  // read in, and returns the number of values, or -1 when the table has no such element, the
+  // VR does not fit the call, or a value does not parse; the vector is empty after -1. Bytes
+  // after the last whole binary value are ignored. Text is decoded to UTF-8 under the Specific
+  // Character Set (0008,0005) in force (see dicom::decode_text).
+
+  /// Numbers: US SS UL SL UV SV FL FD, DS and IS written as text, and OB OW OL OV OF OD.
+  int get_numbers(Tag tag, std::vector<double>& values) const;
+  /// Whole numbers: US SS UL SL UV SV and IS (-1 for an UV above the int64 range).
+  int get_integers(Tag tag, std::vector<std::int64_t>& values) const;
+  /// Tags (AT), as table keys.
+  int get_tags(Tag tag, std::vector<std::uint32_t>& values) const;
+  /// Text VRs, split at backslashes (LT ST UT UR are one value) and trimmed of the padding and
+  /// blanks the VR allows (LT ST UT keep their leading blanks).
+  int get_strings(Tag tag, std::vector<std::string>& values) const;
+  /// The whole text of a text element, decoded, without trailing padding; -1 as above.
+  int get_text(Tag tag, std::string& text) const;
+  /// Person names (PN).
+  int get_names(Tag tag, std::vector<Name>& values) const;
+  /// Dates, times and date-times (DA TM DT); the older forms "YYYY.MM.DD" and "HH:MM:SS" are
+  /// read too.
+  int get_dates(Tag tag, std::vector<DateTime>& values) const;
+
+  // Sequences.
+
+  /// Reads the items of a sequence (SQ, a UN element holding items, or an element of unknown
+  /// VR whose value starts with an item) into their own tables, each read like this one's data
+  /// set (a UN value in implicit VR little-endian), with this object's character set unless an
+  /// item names its own. Returns the number of items, or -1 when there is no such element, its
+  /// value holds no items, or the items would lie deeper than kMaxDepth. Damage inside the
+  /// value ends reading: the items before it stay, and the last item is not `is_complete()`
+  /// (an item cut before its header is appended empty). Each item's Info::depth is one more
+  /// than this object's.
+  int read_items(Tag tag, std::vector<Dicom>& items) const;
+  /// The items of an encapsulated value (Pixel Data of undefined length): the offset and size
+  /// of each item's bytes within the value, the Basic Offset Table first. Returns the number
+  /// of items, or -1 when there is no such element or its value is not a list of items; a cut
+  /// item ends the list.
+  int get_fragments(Tag tag, std::vector<std::pair<std::size_t, std::size_t>>& fragments) const;
 
   table_t& elements() { return table; }
   const table_t& elements() const { return table; }
@@ -295,11 +464,21 @@ class QUIB_API Dicom {
 
   bool is() const { return !table.empty(); }
   bool empty() const { return table.empty(); }
-  void clear() { table.clear(); }
-  void swap(Dicom& other) noexcept { table.swap(other.table); }
+  void clear() {
+    table.clear();
+    entries.clear();
+    info = Info();
+  }
+  void swap(Dicom& other) noexcept {
+    table.swap(other.table);
+    entries.swap(other.entries);
+    std::swap(info, other.info);
+  }
 
  private:
   table_t table;
+  std::vector<Entry> entries;
+  Info info;
 };
 
 }  // namespace quib

@@ -39,9 +39,9 @@ class QUIB_API Discrim1 {
   std::vector<double>* operator->() { return &samples; }
   const std::vector<double>* operator->() const { return &samples; }
 
-  bool estimate(const std::vector<double>& samples);
+  [[nodiscard]] bool estimate(const std::vector<double>& samples);
   /// Recomputes mean and variance (divided by the count) from the held samples.
-  bool estimate();
+  [[nodiscard]] bool estimate();
 
   double get_centroid() const { return centroid; }
   double get_covariance() const { return covariance; }
@@ -94,8 +94,8 @@ class QUIB_API Discrim2 {
   std::vector<point_type>* operator->() { return &samples; }
   const std::vector<point_type>* operator->() const { return &samples; }
 
-  bool estimate(const std::vector<point_type>& samples);
-  bool estimate();
+  [[nodiscard]] bool estimate(const std::vector<point_type>& samples);
+  [[nodiscard]] bool estimate();
 
   const point_type& get_centroid() const { return centroid; }
   const matrix_type& get_covariance() const { return covariance; }
@@ -147,8 +147,8 @@ class QUIB_API Discrim3 {
   std::vector<point_type>* operator->() { return &samples; }
   const std::vector<point_type>* operator->() const { return &samples; }
 
-  bool estimate(const std::vector<point_type>& samples);
-  bool estimate();
+  [[nodiscard]] bool estimate(const std::vector<point_type>& samples);
+  [[nodiscard]] bool estimate();
 
   const point_type& get_centroid() const { return centroid; }
   const matrix_type& get_covariance() const { return covariance; }

@@ -5,10 +5,64 @@
 
 #include <Eigen/Core>
 
+#include <cstddef>
 #include <type_traits>
 #include <vector>
 
 namespace quib {
+
+/// How well a least-squares fit determined its parameters: the parameter covariance
+/// σ²·(JᵀJ)⁻¹ (J the Jacobian of the residuals, weighted where the fit was weighted), with
+/// σ² = Σ w·r² / (n - p) from the residuals and the degrees of freedom (n points used,
+/// p parameters); the standard errors (square roots of its diagonal); the RMS residual
+/// sqrt(Σ w·r² / Σ w); and the number of points used (finite, weight not 0: after a robust
+/// step or with RANSAC inlier weights, the points that still counted).
+/// Parameters are in the order the fit documents (LeastSquaresCircle: a, b, c;
+/// GeometricCircle: x, y, r; ...). Residuals are those of the fit's get_d(): algebraic for
+/// LeastSquaresCircle and LeastSquaresSphere, distances for the geometric fits.
+/// Weights count as relative: scaling them all changes neither the covariance nor the RMS.
+/// No result: an empty covariance, NaN RMS and sigma, count 0 (after a failed fit). With as
+/// many points as parameters the fit is exact: RMS 0, but σ and the covariance are NaN and
+/// is() is false. The record owns its matrix; a plain value, one thread at a time.
+///
+///     quib::FitInfo info;
+///     quib::LeastSquaresLine line;
+///     if (line.calculate(points, info) && info.is())
+///       std::printf("a = %g ± %g\n", line.a(), info.get_standard_error(0));
+class QUIB_API FitInfo {
+ public:
+  FitInfo();
+  FitInfo(Eigen::MatrixXd covariance, double rms, double sigma, std::size_t count);
+
+  void swap(FitInfo& other) noexcept;
+  void clear();
+  /// True when the covariance is there and finite.
+  bool is() const;
+  bool empty() const { return !is(); }
+
+  /// p x p, in the fit's parameter order; empty with no result.
+  const Eigen::MatrixXd& get_covariance() const { return covariance_; }
+  /// The square roots of the covariance's diagonal.
+  Eigen::VectorXd get_standard_errors() const;
+  /// The standard error of parameter i; NaN when there is none.
+  double get_standard_error(int i) const;
+  /// sqrt(Σ w·r² / Σ w), in the unit of the residuals.
+  double get_rms() const { return rms_; }
+  /// The residual standard deviation σ = sqrt(Σ w·r² / (n - p)).
+  double get_sigma() const { return sigma_; }
+  /// The number of points the fit used.
+  std::size_t get_count() const { return count_; }
+
+ private:
+  Eigen::MatrixXd covariance_;
+  double rms_;
+  double sigma_;
+  std::size_t count_;
+};
+
+inline void swap(FitInfo& a, FitInfo& b) noexcept {
+  a.swap(b);
+}
 
 /// Fits the line y = a·x + b to 2-D points, minimising vertical residuals (a vertical line
 /// cannot be fitted). Points with a non-finite coordinate are skipped; a weight vector shorter
@@ -34,8 +88,12 @@ class QUIB_API LeastSquaresLine {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   /// Residuals y - (a·x + b), one per input point in input order.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
@@ -43,6 +101,9 @@ class QUIB_API LeastSquaresLine {
   /// Fits, weights the residuals with a Tukey biweight whose threshold is
   /// MAD/0.6745·k + median |residual|, and fits once more with those weights.
   static LeastSquaresLine create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step (points with weight 0 are not
+  /// counted).
+  static LeastSquaresLine create(const points_type& points, double k, FitInfo& info);
   /// Fits repeatedly, turning a copy of the points towards the horizontal after each pass
   /// (about the fitted line's intercept), until a pass's slope is within `tolerance` or
   /// `count` passes are done. The result's a is the sum of the slopes of all passes and b the
@@ -88,13 +149,20 @@ class QUIB_API LeastSquaresCircle {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   /// Algebraic residuals (x - cx)² + (y - cy)² - r², one per input point.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCircle create(const points_type& points);
   static LeastSquaresCircle create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step (points with weight 0 are not
+  /// counted).
+  static LeastSquaresCircle create(const points_type& points, double k, FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -131,13 +199,20 @@ class QUIB_API LeastSquaresPlane {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   /// Residuals z - (a·x + b·y + c), one per input point.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresPlane create(const points_type& points);
   static LeastSquaresPlane create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step (points with weight 0 are not
+  /// counted).
+  static LeastSquaresPlane create(const points_type& points, double k, FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -175,13 +250,20 @@ class QUIB_API LeastSquaresSphere {
   bool is() const;
   bool empty() const { return !is(); }
 
-  bool calculate(const points_type& points);
-  bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
   /// Algebraic residuals |p - centre|² - r², one per input point.
   bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresSphere create(const points_type& points);
   static LeastSquaresSphere create(const points_type& points, double k);
+  /// The robust fit with the statistics of its weighted step (points with weight 0 are not
+  /// counted).
+  static LeastSquaresSphere create(const points_type& points, double k, FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -201,6 +283,75 @@ class QUIB_API LeastSquaresSphere {
   double c_;
   double d_;
 };
+
+/// A circle or sphere fitted by orthogonal distance: the centre and radius that minimise
+/// Σ w·(|p - centre| - r)², the geometric residual, refined by Levenberg-Marquardt from the
+/// algebraic fit of the same points (moved to their centroid and scaled to unit spread first).
+/// The algebraic fit minimises |p - centre|² - r² instead, which pulls the radius of a short
+/// arc inwards; this one does not, and its FitInfo is in the unit of the coordinates.
+/// Points with a non-finite coordinate are skipped; missing weights count as 0.
+/// No result (NaN members, false): fewer usable points than parameters (D + 1), points that
+/// cannot determine a circle or sphere (all equal, collinear points for a circle, coplanar
+/// points for a sphere), a singular system, or no convergence within 100 iterations.
+/// The object holds the centre and radius only; points are never kept. One object per thread
+/// at a time.
+///
+///     quib::GeometricCircle circle;
+///     quib::FitInfo info;
+///     if (circle.calculate(points, info))   // parameters x, y, r
+///       std::printf("r = %g ± %g\n", circle.r(), info.get_standard_error(2));
+template <int D>
+class QUIB_API GeometricFit {
+ public:
+  using point_type = Eigen::Matrix<double, D, 1>;
+  using points_type = std::vector<point_type>;
+
+  GeometricFit();
+  explicit GeometricFit(const points_type& points);
+
+  void swap(GeometricFit& other) noexcept;
+  void clear();
+  /// True when the centre and radius are finite.
+  bool is() const;
+  bool empty() const { return !is(); }
+
+  [[nodiscard]] bool calculate(const points_type& points);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  /// As above, and fills `info`: parameters centre (x, y[, z]) then r.
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
+                               FitInfo& info);
+  /// Signed distances |p - centre| - r, one per input point; false (d untouched) with no fit.
+  bool get_d(std::vector<double>& d, const points_type& points) const;
+
+  static GeometricFit create(const points_type& points);
+  /// One Tukey reweighting of the distances, as LeastSquaresLine::create(points, k).
+  static GeometricFit create(const points_type& points, double k);
+  static GeometricFit create(const points_type& points, double k, FitInfo& info);
+
+  /// The centre.
+  const point_type& centre() const { return centre_; }
+  double x() const { return centre_[0]; }
+  double y() const { return centre_[1]; }
+  template <int E = D, class = std::enable_if_t<E == 3>>
+  double z() const {
+    return centre_[2];
+  }
+  /// The radius.
+  double r() const { return r_; }
+
+ private:
+  bool fit(const points_type& points, const std::vector<double>* weights, FitInfo* info);
+
+  point_type centre_;
+  double r_;
+};
+
+using GeometricCircle = GeometricFit<2>;
+using GeometricSphere = GeometricFit<3>;
+
+extern template class QUIB_API GeometricFit<2>;
+extern template class QUIB_API GeometricFit<3>;
 
 static_assert(std::is_trivially_copyable_v<LeastSquaresLine>);
 static_assert(std::is_trivially_copyable_v<LeastSquaresCircle>);

@@ -4,10 +4,18 @@
 #include <quib/export.hpp>
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quib {
+
+namespace detail {
+class DigestEngine;
+struct HasherAccess;
+}  // namespace detail
 
 /// A fast, non-cryptographic 64-bit hash for telling data apart (never for security).
 /// Starting from h = 0, each input element e is mixed in as
@@ -29,6 +37,29 @@ QUIB_API std::string compute(std::string const& in);
 /// The hash of the string's UTF-16 code units as 16 lower-case hexadecimal digits.
 QUIB_API std::wstring compute(std::wstring const& in);
 
+/// The 64-bit hash taken in pieces: feeding the pieces of an input one after another gives the
+/// value compute() gives for the whole. Each update names how its elements enter (see above),
+/// so bytes, chars and wide characters may be mixed in one value. A plain value that owns
+/// nothing and cannot fail. One object belongs to one thread at a time.
+///
+///     quib::hash::Hasher h;
+///     while (std::size_t n = std::fread(block, 1, sizeof block, file)) h.update(block, n);
+///     std::uint64_t value = h.final();
+class QUIB_API Hasher {
+ public:
+  /// Adds `size` bytes, each as 0..255 (as the byte-vector form).
+  void update(void const* data, std::size_t size);
+  /// Adds chars, sign-extended (as the narrow-string form).
+  void update(std::string_view chars);
+  /// Adds wide characters as UTF-16 code units (as the wide-string form).
+  void update(std::wstring_view text);
+  /// The hash of everything added since construction or the last final(); starts over.
+  std::uint64_t final();
+
+ private:
+  std::uint64_t h = 0;
+};
+
 }  // namespace hash
 
 /// The SHA-256 digest, computed by OpenSSL.
@@ -42,13 +73,62 @@ QUIB_API std::wstring compute(std::wstring const& in);
 namespace sha256 {
 
 /// `out` becomes the 32-byte digest of `in`. True on success, false on failure.
-QUIB_API bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in);
+[[nodiscard]] QUIB_API bool compute(std::vector<unsigned char>& out,
+                                    std::vector<unsigned char> const& in);
 /// The digest of the string's bytes as 64 lower-case hexadecimal digits; empty on failure.
 QUIB_API std::string compute(std::string const& in);
-/// The digest of the string encoded as UTF-8, as 64 lower-case hexadecimal digits; empty on
-/// failure. A surrogate pair is encoded as the character it stands for; a lone surrogate or a
-/// value that is no character is encoded as U+FFFD.
+/// The digest of the string's UTF-8 bytes exactly as convert::to_string gives them, as 64
+/// lower-case hexadecimal digits; empty on failure. A surrogate pair is the character it stands
+/// for; an unpaired surrogate or a value that is no character is hashed as U+FFFD.
 QUIB_API std::wstring compute(std::wstring const& in);
+
+/// SHA-256 taken in pieces, for data that does not fit in memory or arrives in blocks: the
+/// digest of the pieces fed one after another equals compute() of the whole.
+/// Owns its OpenSSL context, which is freed with the object; movable, not copyable.
+/// Failures: a failing OpenSSL step writes one line to standard error naming it
+/// ("sha256: EVP_DigestUpdate failed", ...); the hasher then stays failed until final(),
+/// every update returns false, and final() returns false (`out` unchanged) or an empty string.
+/// After final() the hasher starts a new digest. One object belongs to one thread at a time.
+///
+///     quib::sha256::Hasher sha;
+///     while (std::size_t n = std::fread(block, 1, sizeof block, file)) sha.update(block, n);
+///     std::string hex = sha.final_hex();   // 64 digits, or empty when OpenSSL failed
+class QUIB_API Hasher {
+ public:
+  /// A digest through OpenSSL.
+  Hasher();
+  /// A digest through another engine (tests, other providers); failures are named with
+  /// OpenSSL's step names.
+  explicit Hasher(std::unique_ptr<detail::DigestEngine> engine);
+  Hasher(Hasher&& other) noexcept;
+  Hasher& operator=(Hasher&& other) noexcept;
+  Hasher(Hasher const&) = delete;
+  Hasher& operator=(Hasher const&) = delete;
+  ~Hasher();
+
+  /// Adds `size` bytes. False when the engine failed, now or earlier in this digest.
+  bool update(void const* data, std::size_t size);
+  bool update(std::string_view bytes) { return update(bytes.data(), bytes.size()); }
+  /// `out` becomes the 32-byte digest of everything added since the last final(). False on a
+  /// failure (then `out` is unchanged, or resized when the last step failed).
+  [[nodiscard]] bool final(std::vector<unsigned char>& out);
+  /// The digest as 64 lower-case hexadecimal digits; empty on failure.
+  std::string final_hex();
+
+ private:
+  friend struct detail::HasherAccess;
+  /// The four failure lines, one per step: acquire, create, update, finish.
+  using step_messages = char const* const*;
+  Hasher(std::unique_ptr<detail::DigestEngine> engine, step_messages messages);
+  bool start();
+  bool fail(int step);
+
+  std::unique_ptr<detail::DigestEngine> engine;
+  step_messages messages;
+  bool acquired = false;  // the engine is acquired once per object
+  bool running = false;   // a digest has begun
+  bool failed = false;    // a step failed since the last final()
+};
 
 }  // namespace sha256
 
@@ -56,8 +136,8 @@ QUIB_API std::wstring compute(std::wstring const& in);
 // Internals, exported for the tests.
 namespace detail {
 
-/// The four steps of taking a digest from a cryptographic engine. The engine is acquired and
-/// released by the object; each step returns false when it fails.
+/// The four steps of taking a digest from a cryptographic engine. The engine is acquired once
+/// and released by the object; create() begins a digest; each step returns false when it fails.
 class QUIB_API DigestEngine {
  public:
   virtual ~DigestEngine() = default;
@@ -68,14 +148,12 @@ class QUIB_API DigestEngine {
   virtual bool finish(unsigned char* out) = 0;
 };
 
-/// Runs `engine` over `size` bytes at `data` and resizes `out` to 32 for the digest. A failed
-/// step raises its message internally, which is caught here, written to standard error as one
-/// line, and turned into false.
-QUIB_API bool run_sha256(DigestEngine& engine, std::vector<unsigned char>& out,
+/// Runs `engine` over `size` bytes at `data` and resizes `out` to 32 for the digest: the
+/// one-shot digest of sha256::compute, whose failure lines are the documented
+/// "error CryptAcquireContext()", "error CryptCreateHash()", "error CryptHashData()" and
+/// "error CryptGetHashParam()".
+QUIB_API bool run_sha256(std::unique_ptr<DigestEngine> engine, std::vector<unsigned char>& out,
                          unsigned char const* data, std::size_t size);
-
-/// The wide string as UTF-8 (see sha256::compute for the treatment of surrogates).
-QUIB_API std::string to_utf8(std::wstring const& in);
 
 }  // namespace detail
 }  // namespace quib

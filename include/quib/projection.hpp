@@ -25,7 +25,7 @@ namespace quib {
 /// One object belongs to one thread at a time; distinct objects may be used in parallel.
 ///
 ///     quib::Projection camera({640, 480}, 2.0, 1.5);      // fx = 320, fy = 320, centred
-///     camera.save_setup("camera.yml");
+///     if (!camera.save_setup("camera.yml")) return;
 ///     quib::Projection later;
 ///     if (later.load_setup("camera.yml")) later.undistort(points, normalised);
 class QUIB_API Projection {
@@ -47,6 +47,21 @@ class QUIB_API Projection {
     double distortion[4];
     double rotation[3];
     double translation[3];
+  };
+
+  /// How two camera models differ across the image: where the other camera images the ray that
+  /// this one images at each sample position. Filled by get_difference().
+  struct Difference {
+    int columns = 0;  ///< samples per row
+    int rows = 0;     ///< rows of samples
+    /// Sample positions in this camera's pixels, row after row: the centres of a columns x rows
+    /// grid of cells over the image.
+    std::vector<cv::Point2d> points;
+    /// Per sample, the other camera's pixel minus the sample position, in this camera's pixels.
+    std::vector<cv::Point2d> shifts;
+    double rms = 0;   ///< root mean square of the shift lengths
+    double mean = 0;  ///< mean shift length
+    double max = 0;   ///< largest shift length
   };
 
   /// No camera: size 0x0, identity matrix, no distortion, zero pose.
@@ -147,18 +162,39 @@ class QUIB_API Projection {
   void undistort(Image const& src, Image& dst) const;
   void undistort(Image& img) const;
 
-  /// Reads a camera file (XML or YAML). Its "format" must be exactly "camera.projection";
-  /// the four matrices must be double matrices with at least 9, 4, 3 and 3 elements.
-  /// YAML must be one mapping with its keys in column 0, as save_setup writes it; gzip files
-  /// and files over a megabyte are refused. On any failure the object is reset and false is
-  /// returned; never throws, never logs.
-  bool load_setup(std::string const& path);
+  /// Compares two camera models across the image: each sample position of a columns x rows
+  /// grid is undistorted with this camera (iterated to 1e-12) and the ray projected with the
+  /// other (rescaled to this camera's size when the sizes differ); the pose of neither takes
+  /// part. Zero everywhere for the same intrinsics. False, with `out` untouched, when either
+  /// camera is empty, columns or rows is not positive, or a grid would exceed a million samples.
+  ///
+  ///     quib::Projection::Difference d;
+  ///     if (a.get_difference(b, d)) std::printf("differ by %.3f px at most\n", d.max);
+  [[nodiscard]] bool get_difference(Projection const& other, Difference& out, int columns = 32,
+                                    int rows = 24) const;
+
+  /// Reads a camera file as save_setup writes it: YAML, XML or JSON, told by the text itself.
+  /// Its "format" must be exactly "camera.projection", "image_width" and "image_height" plain
+  /// integers (absent ones read as 0), and the four matrices double matrices of at least 9, 4,
+  /// 3 and 3 elements whose rows times columns equal their element count. The reader is the
+  /// library's own, strict about the shapes the writer makes: a YAML file is one block mapping
+  /// with its keys in column 0 and each matrix an indented mapping (tag "!!opencv-matrix")
+  /// whose data is a flow sequence; an XML file has one "opencv_storage" element; keys given
+  /// twice, anchors, aliases, nested collections and control bytes are refused. Folders,
+  /// devices, gzip files and files over a megabyte are refused too. On any failure the object
+  /// is reset and false is returned; never throws, never logs.
+  [[nodiscard]] bool load_setup(std::string const& path);
+  /// The same for a wide path; a path holding an unpaired surrogate names no file and fails.
+  [[nodiscard]] bool load_setup(std::wstring const& path);
   /// Writes the camera file with the tag "camera.projection"; the syntax follows the file
-  /// name (".xml", ".yml", ...). False only when the storage throws: a file that cannot be
-  /// opened is not detected.
-  bool save_setup(std::string const& path) const;
+  /// name (".xml", ".yml", ".json"), doubles in full precision. False only when the storage
+  /// throws: a file that cannot be opened is not detected.
+  [[nodiscard]] bool save_setup(std::string const& path) const;
+  /// The same for a wide path; a path holding an unpaired surrogate writes nothing and fails.
+  [[nodiscard]] bool save_setup(std::wstring const& path) const;
   /// The same with another "format" tag (such a file is not loadable by load_setup).
-  bool save_setup(std::string const& path, std::string const& format) const;
+  [[nodiscard]] bool save_setup(std::string const& path, std::string const& format) const;
+  [[nodiscard]] bool save_setup(std::wstring const& path, std::string const& format) const;
 
  private:
   extent_type size;

@@ -8,6 +8,7 @@
 #include <quib/curve.hpp>
 #include <quib/dib.hpp>
 #include <quib/dicom.hpp>
+#include <quib/dicom_image.hpp>
 #include <quib/discrim.hpp>
 #include <quib/export.hpp>
 #include <quib/feature.hpp>
@@ -15,6 +16,7 @@
 #include <quib/hash.hpp>
 #include <quib/image.hpp>
 #include <quib/math.hpp>
+#include <quib/mesh_measures.hpp>
 #include <quib/ocv.hpp>
 #include <quib/path.hpp>
 #include <quib/projection.hpp>

@@ -41,8 +41,8 @@ class RANSAC {
   /// score. Stops after the number of iterations that p, the wanted probability of drawing one
   /// all-inlier sample, asks for at the best inlier ratio, or after max_iterations. A p of 0
   /// or 1, or a ratio so small that the count overflows, stops after the first iteration.
-  bool compute(const std::vector<V>& points, S threshold, int n, double p,
-               std::uint64_t max_iterations);
+  [[nodiscard]] bool compute(const std::vector<V>& points, S threshold, int n, double p,
+                             std::uint64_t max_iterations);
 
   /// The best model's defining vectors.
   const std::vector<V>& result() const { return best_model; }
@@ -53,8 +53,8 @@ class RANSAC {
   /// True rejects the sample before a model is built.
   virtual bool invalid(const std::vector<V>& points, const std::vector<int>& sample) = 0;
   /// Builds candidate models from the sample; false (models untouched) when there is none.
-  virtual bool find(std::vector<std::vector<V>>& models, const std::vector<V>& points,
-                    const std::vector<int>& sample) = 0;
+  [[nodiscard]] virtual bool find(std::vector<std::vector<V>>& models, const std::vector<V>& points,
+                                  const std::vector<int>& sample) = 0;
   /// Fills the inliers and the score of the chosen candidate; returns its index in models,
   /// -1 when there is none.
   virtual int measure(std::vector<int>& inliers, S& score, const std::vector<V>& points,
@@ -91,7 +91,8 @@ class RANSAC_Plane : public RANSAC<V, S> {
 
   using RANSAC<V, S>::compute;
   /// compute(points, threshold, 3, p, max_iterations).
-  bool compute(const std::vector<V>& points, S threshold, double p, std::uint64_t max_iterations);
+  [[nodiscard]] bool compute(const std::vector<V>& points, S threshold, double p,
+                             std::uint64_t max_iterations);
 
  protected:
   bool invalid(const std::vector<V>& points, const std::vector<int>& sample) override;

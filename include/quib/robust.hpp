@@ -40,9 +40,9 @@ class QUIB_API RobustM {
   /// Replaces the weights by the biweights of `d` with threshold `c`, in residual order.
   /// A residual of exactly +-c gets weight 0; with c < 0 every weight is 0.
   /// Returns false, and keeps the previous weights, when `d` is empty.
-  bool estimate(const std::vector<double>& d, double c);
+  [[nodiscard]] bool estimate(const std::vector<double>& d, double c);
   /// The same in single precision; the weights are stored as double.
-  bool estimate(const std::vector<float>& d, float c);
+  [[nodiscard]] bool estimate(const std::vector<float>& d, float c);
 
   /// The median of |d_i| over the finite d_i; 0 when there are none.
   static double get_med(const std::vector<double>& d);

@@ -6,6 +6,7 @@
 #include <Eigen/Core>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,15 @@ class QUIB_API Stl {
   using Point = Eigen::Matrix<float, 3, 1>;
   using Polygon = std::vector<int>;
 
+  /// What the last successful load found out about its file (a failed load resets it).
+  struct Info {
+    bool binary = false;  ///< the binary encoding; else ASCII
+    /// ASCII facets with other than three vertex lines. A facet runs from a line with a field
+    /// "facet" to the next such line; triangles are formed from vertex lines three by three
+    /// whatever the facets say, so after such a facet the grouping of every later one shifts.
+    std::int64_t odd_facets = 0;
+  };
+
   /// Empty name, no points, no polygons.
   Stl();
   /// Loads `path` (see load); a failed load leaves an empty mesh and throws nothing.
@@ -55,13 +65,21 @@ class QUIB_API Stl {
   /// Reads an STL file and replaces name, points and polygons. Returns the number of polygons
   /// (0 for a binary file without facets), or -1 when the file cannot be read or is neither
   /// binary nor ASCII STL; on -1 points and polygons are cleared and the name is kept.
-  int load(std::wstring const& path, bool merge);
+  /// A folder, a missing file and a path with an unpaired surrogate (which names no file) all
+  /// give -1.
+  [[nodiscard]] int load(std::wstring const& path, bool merge);
   /// The same as load, over the bytes of a whole file held in memory.
-  int load_buffer(void const* data, std::size_t size, bool merge);
+  [[nodiscard]] int load_buffer(void const* data, std::size_t size, bool merge);
   /// Writes the mesh: ASCII with `precision` digits after the decimal point when `precision` is
-  /// greater than 0, binary otherwise. Returns the number of polygons, whether or not the file
-  /// could be written.
+  /// greater than 0, binary otherwise. Each facet's normal is (b - a) x (c - b) scaled to unit
+  /// length in single precision; a degenerate triangle's normal is written as the non-finite
+  /// numbers that gives. Returns the number of polygons, whether or not the file could be
+  /// written (a path with an unpaired surrogate writes nothing).
   int save(std::wstring const& path, int precision) const;
+  /// Writes the mesh as save does, except that a degenerate triangle (whose normal would not be
+  /// finite) gets the normal 0 0 0. Returns true when the whole file was written, false when
+  /// the path names no writable file or a write failed (the file may then be partly written).
+  [[nodiscard]] bool write(std::wstring const& path, int precision) const;
 
   /// Copies points and polygons.
   void assign(std::vector<Point> const& points, std::vector<Polygon> const& polygons);
@@ -91,6 +109,8 @@ class QUIB_API Stl {
   std::vector<Polygon> const& polygons() const { return polygons_; }
   /// Polygon i, unchecked.
   Polygon const& polygon(int i) const { return polygons_[static_cast<std::size_t>(i)]; }
+  /// What the last load found; kept by assign, swap, clear, compress and decompress.
+  Info const& info() const { return info_; }
   std::string get_name() const { return name_; }
   void set_name(std::string const& name) { name_ = name; }
 
@@ -98,6 +118,7 @@ class QUIB_API Stl {
   std::string name_;
   std::vector<Point> points_;
   std::vector<Polygon> polygons_;
+  Info info_;
 };
 
 }  // namespace quib

@@ -2,8 +2,11 @@
 #include <quib/dicom.hpp>
 
 #include "formats/dicom_dictionary.hpp"
+#include "formats/dicom_internal.hpp"
+#include "formats/dicom_stream.hpp"
+#include "system/bytes.hpp"
 #include "system/memory.hpp"
-#include "system/utf8.hpp"
+#include "system/native_path.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -13,16 +16,10 @@
 #include <string_view>
 
 namespace quib {
+
+using detail::vr;
+
 namespace dicom {
-
-namespace {
-
-constexpr std::uint16_t vr(char a, char b) {
-  return static_cast<std::uint16_t>(static_cast<unsigned char>(a) |
-                                    (static_cast<unsigned char>(b) << 8));
-}
-
-}  // namespace
 
 std::uint32_t tag_key(element_t element) {
   if (const data_set_t* row = find_set(element)) return tag_key(row->group, row->number);
@@ -50,6 +47,21 @@ const data_map_t* find_map(std::uint16_t group, std::uint16_t number) {
   return nullptr;
 }
 
+element_t find_keyword(std::string_view keyword) {
+  const element_t* begin = detail::kKeywordOrder;
+  const element_t* end = begin + detail::kSetCount + detail::kMapCount;
+  const element_t* at = std::lower_bound(begin, end, keyword, [](element_t e, std::string_view k) {
+    return std::string_view(detail::kKeywords[e - 1]) < k;
+  });
+  return at != end && detail::kKeywords[*at - 1] == keyword ? *at : unknown;
+}
+
+std::string_view get_keyword(element_t element) {
+  const std::uint32_t index = element;
+  return index >= 1 && index <= detail::kSetCount + detail::kMapCount ? detail::kKeywords[index - 1]
+                                                                      : std::string_view();
+}
+
 const data_set_t* find_set(element_t element) {
   std::uint32_t index = static_cast<std::uint32_t>(element);
   return index >= 1 && index <= detail::kSetCount ? &detail::kSetEntries[index - 1] : nullptr;
@@ -62,6 +74,75 @@ const data_map_t* find_map(element_t element) {
 }
 
 }  // namespace dicom
+
+std::uint16_t detail::dictionary_type(std::uint16_t group, std::uint16_t number) {
+  if (const dicom::data_set_t* row = dicom::find_set(group, number)) return row->type;
+  if (const dicom::data_map_t* row = dicom::find_map(group, number)) return row->type;
+  if (number == 0x0000) return vr('U', 'L');
+  if ((group & 1) != 0 && number >= 0x0010 && number <= 0x00FF) return vr('L', 'O');
+  return 0;
+}
+
+void detail::order_entries(std::vector<Dicom::Entry>& entries, bool last_wins) {
+  const auto before = [](const Dicom::Entry& a, const Dicom::Entry& b) {
+    return tag_order(a.key) < tag_order(b.key);
+  };
+  const auto same = [](const Dicom::Entry& a, const Dicom::Entry& b) { return a.key == b.key; };
+  // Files list their elements in tag order, so this is usually one pass over sorted entries.
+  if (std::adjacent_find(entries.begin(), entries.end(), [&](const auto& a, const auto& b) {
+        return !before(a, b);
+      }) == entries.end()) {
+    return;
+  }
+  std::stable_sort(entries.begin(), entries.end(), before);
+  if (last_wins) {
+    std::reverse(entries.begin(), entries.end());
+    entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
+    std::reverse(entries.begin(), entries.end());
+  } else {
+    entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tag
+
+Dicom::Tag::Tag(dicom::element_t element) : key(dicom::tag_key(element)) {
+  valid = dicom::find_set(element) != nullptr || dicom::find_map(element) != nullptr;
+}
+
+Dicom::Tag::Tag(std::string_view text) {
+  std::string_view hex = text;
+  if (hex.size() == 11 && hex.front() == '(' && hex.back() == ')') hex = hex.substr(1, 9);
+  std::string digits(hex);
+  if (digits.size() == 9 && digits[4] == ',') digits.erase(4, 1);
+  if (digits.size() == 8 &&
+      digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
+    const unsigned long value = std::stoul(digits, nullptr, 16);
+    key = dicom::tag_key(std::uint16_t(value >> 16), std::uint16_t(value & 0xFFFF));
+    valid = true;
+    return;
+  }
+  const dicom::element_t element = dicom::find_keyword(text);
+  valid = element != dicom::unknown;
+  key = valid ? dicom::tag_key(element) : 0;
+}
+
+std::uint16_t Dicom::get_type(Tag tag) const {
+  if (!tag.is()) return 0;
+  const std::uint32_t key = tag.get_key();
+  const auto at =
+      std::lower_bound(entries.begin(), entries.end(), key, [](const Entry& e, std::uint32_t k) {
+        return detail::tag_order(e.key) < detail::tag_order(k);
+      });
+  return at != entries.end() && at->key == key ? at->type : 0;
+}
+
+const std::vector<unsigned char>* Dicom::find(Tag tag) const {
+  if (!tag.is()) return nullptr;
+  const auto at = table.find(tag.get_key());
+  return at == table.end() ? nullptr : &at->second;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Data
@@ -119,145 +200,16 @@ std::string Dicom::Data::get_name() const {
 
 namespace {
 
-// Every header field goes through these two; byte order is decided by the caller's flag.
-std::uint16_t load16(const unsigned char* p, bool little) {
-  return little ? static_cast<std::uint16_t>(p[0] | (p[1] << 8))
-                : static_cast<std::uint16_t>(p[1] | (p[0] << 8));
-}
+using detail::bytes_left;
+using detail::pull;
+using detail::rewind;
 
-std::uint32_t load32(const unsigned char* p, bool little) {
-  if (little) {
-    return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) |
-           (std::uint32_t{p[3]} << 24);
-  }
-  return std::uint32_t{p[3]} | (std::uint32_t{p[2]} << 8) | (std::uint32_t{p[1]} << 16) |
-         (std::uint32_t{p[0]} << 24);
-}
+using detail::is_long_form;
+using detail::is_short_form;
+using detail::kItemGroup;
+using detail::kUndefinedLength;
+using detail::trim_uid;
 
-// The buffered bytes of any stream buffer. The get area's pointers are protected members of
-// std::streambuf; naming them through a derived class gives member pointers that apply to
-// every stream buffer.
-struct GetArea : std::streambuf {
-  static std::size_t left(std::streambuf* buf) {
-    return std::size_t((buf->*&GetArea::egptr)() - (buf->*&GetArea::gptr)());
-  }
-  // Copies n <= left(buf) bytes (n within int) out and moves past them.
-  static void take(std::streambuf* buf, void* target, std::size_t n) {
-    if (n == 0) return;
-    std::memcpy(target, (buf->*&GetArea::gptr)(), n);
-    (buf->*&GetArea::gbump)(int(n));
-  }
-};
-
-// Reads up to n bytes straight from the stream buffer; a short read sets eofbit and failbit,
-// as std::istream::read would.
-std::size_t pull(std::istream& in, void* target, std::size_t n) {
-  if (!in.good()) {
-    in.setstate(std::ios_base::failbit);
-    return 0;
-  }
-  std::streambuf* buf = in.rdbuf();
-  std::streamsize got;
-  if (n <= 4096 && GetArea::left(buf) >= n) {
-    // Headers and short values usually sit in the stream's buffer already: copy them out
-    // directly instead of through the virtual bulk read, which costs more than the copy.
-    GetArea::take(buf, target, n);
-    got = std::streamsize(n);
-  } else {
-    got = buf->sgetn(static_cast<char*>(target), std::streamsize(n));
-    if (got < 0) got = 0;
-  }
-  if (std::size_t(got) < n) in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
-  return std::size_t(got);
-}
-
-// Moves the stream back by `consumed` bytes and keeps its state (a stream that ran out still
-// reports end of file).
-void rewind(std::istream& in, std::size_t consumed) {
-  std::ios_base::iostate state = in.rdstate();
-  in.clear();
-  if (consumed != 0 &&
-      in.rdbuf()->pubseekoff(-std::streamoff(consumed), std::ios_base::cur, std::ios_base::in) ==
-          std::streampos(std::streamoff(-1))) {
-    state |= std::ios_base::failbit;
-  }
-  in.setstate(state);
-}
-
-// Bytes left in the stream, or -1 when the stream cannot tell (not seekable).
-std::streamoff bytes_left(std::istream& in) {
-  std::streambuf* buf = in.rdbuf();
-  std::streampos here = buf->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
-  if (here == std::streampos(std::streamoff(-1))) return -1;
-  std::streampos end = buf->pubseekoff(0, std::ios_base::end, std::ios_base::in);
-  buf->pubseekpos(here, std::ios_base::in);
-  if (end == std::streampos(std::streamoff(-1)) || end < here) return -1;
-  return std::streamoff(end - here);
-}
-
-bool is_long_form(std::uint16_t type) {
-  switch (type) {
-    case dicom::vr('O', 'B'):
-    case dicom::vr('O', 'D'):
-    case dicom::vr('O', 'F'):
-    case dicom::vr('O', 'L'):
-    case dicom::vr('O', 'V'):
-    case dicom::vr('O', 'W'):
-    case dicom::vr('S', 'Q'):
-    case dicom::vr('S', 'V'):
-    case dicom::vr('U', 'C'):
-    case dicom::vr('U', 'N'):
-    case dicom::vr('U', 'R'):
-    case dicom::vr('U', 'T'):
-    case dicom::vr('U', 'V'):
-      return true;
-    default:
-      return false;
-  }
-}
-
-bool is_short_form(std::uint16_t type) {
-  switch (type) {
-    case dicom::vr('A', 'E'):
-    case dicom::vr('A', 'S'):
-    case dicom::vr('A', 'T'):
-    case dicom::vr('C', 'S'):
-    case dicom::vr('D', 'A'):
-    case dicom::vr('D', 'S'):
-    case dicom::vr('D', 'T'):
-    case dicom::vr('F', 'D'):
-    case dicom::vr('F', 'L'):
-    case dicom::vr('I', 'S'):
-    case dicom::vr('L', 'O'):
-    case dicom::vr('L', 'T'):
-    case dicom::vr('P', 'N'):
-    case dicom::vr('S', 'H'):
-    case dicom::vr('S', 'L'):
-    case dicom::vr('S', 'S'):
-    case dicom::vr('S', 'T'):
-    case dicom::vr('T', 'M'):
-    case dicom::vr('U', 'I'):
-    case dicom::vr('U', 'L'):
-    case dicom::vr('U', 'S'):
-      return true;
-    default:
-      return false;
-  }
-}
-
-// Blanks, control characters and NUL padding around a UID do not count.
-std::string_view trim_uid(const std::vector<unsigned char>& value) {
-  std::size_t begin = 0;
-  std::size_t end = value.size();
-  while (begin < end && value[begin] <= 0x20)
-    ++begin;
-  while (end > begin && (value[end - 1] <= 0x20 || value[end - 1] == 0x7F))
-    --end;
-  return std::string_view(reinterpret_cast<const char*>(value.data()) + begin, end - begin);
-}
-
-constexpr std::uint32_t kUndefinedLength = 0xFFFFFFFFu;
-constexpr std::uint16_t kItemGroup = 0xFFFE;
 // Values up to this size are read in one go even when the stream cannot say how much is left.
 constexpr std::size_t kSmall = std::size_t{1} << 12;
 // Larger ones from such a stream are copied through a block of this size.
@@ -268,6 +220,55 @@ constexpr std::size_t kStaged = 256;
 constexpr std::streamoff kReserveElements = std::streamoff{1} << 17;
 
 }  // namespace
+
+bool detail::append_value(std::istream& in, std::uint64_t size, std::vector<unsigned char>& value) {
+  if (size == 0) return true;
+  const std::size_t before = value.size();
+  std::streamsize buffered = in.good() ? in.rdbuf()->in_avail() : 0;
+  bool copy_through = false;
+  if (buffered < 0 || std::uint64_t(buffered) < size) {
+    // Check that the stream holds the whole value before allocating it.
+    std::streamoff left = in.good() ? bytes_left(in) : 0;
+    if (left >= 0 && std::uint64_t(left) < size) {
+      in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
+      return false;
+    }
+    // A stream that cannot tell its length grows the value with what actually arrives.
+    copy_through = left < 0 && size > kSmall;
+  }
+  if (size > value.max_size() - before) return false;
+  const std::size_t want = std::size_t(size);
+  std::size_t got = 0;
+  if (copy_through) {
+    std::unique_ptr<unsigned char[]> block(new unsigned char[std::min(want, kBlock)]);
+    while (got < want) {
+      std::size_t step = std::min(want - got, kBlock);
+      std::size_t part = pull(in, block.get(), step);
+      value.insert(value.end(), block.get(), block.get() + part);
+      got += part;
+      if (part < step) break;
+    }
+  } else if (want <= kStaged) {
+    // Small values pass through the stack: the vector is grown to its size and filled once,
+    // instead of being zeroed and then overwritten.
+    unsigned char staged[kStaged];
+    got = pull(in, staged, want);
+    if (got == want) value.insert(value.end(), staged, staged + got);
+  } else {
+    if (value.capacity() - before < want) {
+      value.reserve(std::max(before + want, before == 0 ? 0 : 2 * value.capacity()));
+      if (before == 0) detail::advise_huge_pages(value.data(), want);
+    }
+    value.resize(before + want);
+    got = pull(in, value.data() + before, want);
+  }
+  if (got < want) {
+    rewind(in, got);
+    value.resize(before);
+    return false;
+  }
+  return true;
+}
 
 Dicom::Analyzer::result_t Dicom::Analyzer::read_header(std::istream& in) {
   in.clear();
@@ -286,7 +287,7 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_header(std::istream& in) {
   std::size_t got = pull(in, head + 132, 4);
   rewind(in, got);
   if (got < 4) return {false, 136};
-  std::uint16_t group = load16(head + 132, true);
+  std::uint16_t group = detail::load_le<std::uint16_t>(head + 132);
   if (group == 2) {
     meta_little = true;
   } else if (group == 0x0200) {
@@ -311,18 +312,22 @@ void store(std::shared_ptr<Dicom::Data>& data, Args... args) {
 
 }  // namespace
 
-Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
-                                                     std::shared_ptr<Data>& data) {
-  // Every header form starts with 8 bytes: tag, then a 32-bit length or VR and more.
-  unsigned char head[12];
-  std::size_t got = pull(in, head, 8);
-  if (got < 4) {
-    rewind(in, got);
-    return {false, 4};
-  }
-  const bool little = meta ? meta_little : endian_little;
-  std::uint16_t group = load16(head, little);
-  std::uint16_t number = load16(head + 2, little);
+namespace {
+
+// One element header in one byte order: the readers of every field are chosen once per header
+// by the byte order the walk is in, not field by field.
+template <bool Little>
+Dicom::Analyzer::result_t read_header_as(std::istream& in, unsigned char (&head)[12],
+                                         std::size_t got, bool& meta, bool implicit,
+                                         std::shared_ptr<Dicom::Data>& data) {
+  const auto u16 = [](const unsigned char* p) {
+    return Little ? detail::load_le<std::uint16_t>(p) : detail::load_be<std::uint16_t>(p);
+  };
+  const auto u32 = [](const unsigned char* p) {
+    return Little ? detail::load_le<std::uint32_t>(p) : detail::load_be<std::uint32_t>(p);
+  };
+  std::uint16_t group = u16(head);
+  std::uint16_t number = u16(head + 2);
   if (meta && group != 2) {
     meta = false;
     rewind(in, got);
@@ -336,7 +341,7 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
   std::uint32_t count = 8;
   if (!meta && (implicit || group == kItemGroup)) {
     // Implicit VR, and items and delimiters in any encoding: tag and 32-bit length.
-    std::uint32_t size = load32(head + 4, little);
+    std::uint32_t size = u32(head + 4);
     if (!implicit) {
       store(data, group, number, std::uint16_t{0}, size);
     } else if (const dicom::data_set_t* row = dicom::find_set(group, number)) {
@@ -348,23 +353,39 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
     }
   } else {
     // The VR characters are bytes in file order, whatever the byte order of the numbers.
-    std::uint16_t type = static_cast<std::uint16_t>(head[4] | (head[5] << 8));
+    std::uint16_t type = detail::load_le<std::uint16_t>(head + 4);
     if (is_long_form(type)) {
       got = pull(in, head + 8, 4);
       if (got < 4) {
         rewind(in, 8 + got);
         return {false, 12};
       }
-      store(data, group, number, type, load32(head + 8, little));
+      store(data, group, number, type, u32(head + 8));
       count = 12;
     } else if (meta && !is_short_form(type)) {
       rewind(in, 8);
       return {false, 8};
     } else {
-      store(data, group, number, type, load16(head + 6, little));
+      store(data, group, number, type, u16(head + 6));
     }
   }
   return {true, count};
+}
+
+}  // namespace
+
+Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
+                                                     std::shared_ptr<Data>& data) {
+  // Every header form starts with 8 bytes: tag, then a 32-bit length or VR and more.
+  unsigned char head[12];
+  std::size_t got = pull(in, head, 8);
+  if (got < 4) {
+    rewind(in, got);
+    return {false, 4};
+  }
+  const bool little = meta ? meta_little : endian_little;
+  return little ? read_header_as<true>(in, head, got, meta, implicit, data)
+                : read_header_as<false>(in, head, got, meta, implicit, data);
 }
 
 Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
@@ -376,49 +397,12 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
   if (size == kUndefinedLength) return {false, kUndefinedLength};
   if (size == 0) return {true, 0};
 
-  const std::size_t want = size;
-  std::streamsize buffered = in.good() ? in.rdbuf()->in_avail() : 0;
-  bool copy_through = false;
-  if (buffered < 0 || std::size_t(buffered) < want) {
-    // Check that the stream holds the whole value before allocating it.
-    std::streamoff left = in.good() ? bytes_left(in) : 0;
-    if (left >= 0 && std::uint64_t(left) < want) {
-      in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
-      return {false, size};
-    }
-    // A stream that cannot tell its length grows the value with what actually arrives.
-    copy_through = left < 0 && want > kSmall;
-  }
-  std::size_t got = 0;
-  if (copy_through) {
-    std::unique_ptr<unsigned char[]> block(new unsigned char[std::min(want, kBlock)]);
-    while (got < want) {
-      std::size_t step = std::min(want - got, kBlock);
-      std::size_t part = pull(in, block.get(), step);
-      value.insert(value.end(), block.get(), block.get() + part);
-      got += part;
-      if (part < step) break;
-    }
-  } else if (want <= kStaged) {
-    // Small values pass through the stack: the vector is allocated at its size and filled
-    // once, instead of being zeroed and then overwritten.
-    unsigned char staged[kStaged];
-    got = pull(in, staged, want);
-    if (got == want) value.assign(staged, staged + got);
-  } else {
-    value.reserve(want);
-    detail::advise_huge_pages(value.data(), want);
-    value.resize(want);
-    got = pull(in, value.data(), want);
-  }
-  if (got < want) {
-    rewind(in, got);
-    value.clear();
+  if (!detail::append_value(in, size, value)) {
     value.shrink_to_fit();
     return {false, size};
   }
 
-  if (data->get_type() == dicom::vr('U', 'I')) {
+  if (data->get_type() == detail::vr('U', 'I')) {
     std::string_view uid = trim_uid(value);
     if (uid == "1.2.840.10008.1.2") {
       implicit = true;
@@ -444,56 +428,25 @@ Dicom::Dicom(const std::wstring& path) {
 
 namespace {
 
-// The UTF-8 form of a wide path (UTF-32, or UTF-16 where wchar_t has 16 bits); false when the
-// path holds something that is no character.
-bool to_utf8(const std::wstring& wide, std::string& out) {
-  out.clear();
-  out.reserve(wide.size());
-  const std::wstring_view view(wide);
-  for (std::size_t i = 0; i < view.size(); ++i) {
-    const char32_t c =
-        sizeof(wchar_t) == 2 ? detail::join_surrogates(view, i) : static_cast<char32_t>(view[i]);
-    if (!detail::is_scalar_value(c)) return false;
-    detail::append_utf8(out, c);
-  }
-  return true;
-}
-
-}  // namespace
-
-int Dicom::load(const std::wstring& path) {
-  std::string utf8;
-  if (!to_utf8(path, utf8)) {
-    clear();  // a name that is no text names no file
-    return -1;
-  }
-  const std::filesystem::path native = std::filesystem::u8path(utf8);
-  std::vector<char> buffer(std::size_t{1} << 16);  // outlives the stream that uses it
-  std::ifstream file;
-  file.rdbuf()->pubsetbuf(buffer.data(), std::streamsize(buffer.size()));
-  file.open(native, std::ios_base::in | std::ios_base::binary);
-  if (!file) {
-    clear();
-    return -1;
-  }
-  return load(file);
-}
-
-int Dicom::load(std::istream& in) {
+bool read_classic(std::istream& in, detail::DicomParts& parts) {
+  using Analyzer = Dicom::Analyzer;
+  using Data = Dicom::Data;
   Analyzer walk;
-  if (!walk.read_header(in).first) {
-    clear();
-    return -1;
-  }
+  if (!walk.read_header(in).first) return false;
   // Values are collected in file order and hashed once at the end, so that the table is
   // sized once instead of rehashing as it grows.
   std::vector<std::pair<std::uint32_t, std::vector<unsigned char>>> read;
   // An element takes at least 8 bytes; the guess is bounded so that a large file of few
   // elements (a volume) does not reserve much.
   const std::streamoff left = bytes_left(in);
-  if (left > 0) read.reserve(std::size_t(std::min<std::streamoff>(left / 16, kReserveElements)));
+  if (left > 0) {
+    const std::size_t guess = std::size_t(std::min<std::streamoff>(left / 16, kReserveElements));
+    read.reserve(guess);
+    parts.entries.reserve(guess);
+  }
   std::shared_ptr<Data> data;
   std::vector<unsigned char> value;
+  std::uint32_t unread = 0;  // header bytes read of an element whose value was not
   for (;;) {
     Analyzer::result_t header = walk.read_data(in, data);
     if (!header.first) {
@@ -507,16 +460,74 @@ int Dicom::load(std::istream& in) {
     Analyzer::result_t body = walk.read_buffer(in, data, value);
     if (!body.first) {
       if (body.second == kUndefinedLength) continue;  // walk into the sequence or item
+      unread = header.second;
       break;
     }
     read.emplace_back(data->get_tag(), std::move(value));
+    parts.entries.push_back({data->get_tag(), data->get_type(), false});
     value = std::vector<unsigned char>();
   }
-  table_t found;
-  found.reserve(read.size());
+  const std::streamoff at = detail::position(in);
+  parts.info.how = Dicom::READ_CLASSIC;
+  parts.info.stop = at < 0 ? 0 : std::uint64_t(at) - unread;
+  parts.info.complete = unread == 0 && bytes_left(in) == 0;
+  parts.info.meta_little = walk.is_meta_little();
+  parts.info.implicit = walk.is_implicit();
+  parts.info.little = walk.is_endian_little();
+  parts.table.reserve(read.size());
   for (auto& [key, bytes] : read)
-    found.insert_or_assign(key, std::move(bytes));  // later wins
-  table.swap(found);
+    parts.table.insert_or_assign(key, std::move(bytes));  // later wins
+  detail::order_entries(parts.entries, true);
+  return true;
+}
+
+}  // namespace
+
+int Dicom::load(const std::wstring& path) {
+  return load(path, READ_CLASSIC);
+}
+
+int Dicom::load(std::istream& in) {
+  return load(in, READ_CLASSIC);
+}
+
+int Dicom::load(const std::wstring& path, read_t how) {
+  const std::optional<std::filesystem::path> native = detail::native_path(path);
+  std::error_code error;
+  if (!native || std::filesystem::is_directory(*native, error)) {
+    clear();  // a name that is no text names no file; a folder is no file to read
+    return -1;
+  }
+  std::vector<char> buffer(std::size_t{1} << 16);  // outlives the stream that uses it
+  std::ifstream file;
+  file.rdbuf()->pubsetbuf(buffer.data(), std::streamsize(buffer.size()));
+  file.open(*native, std::ios_base::in | std::ios_base::binary);
+  if (!file) {
+    clear();
+    return -1;
+  }
+  try {
+    return load(file, how);
+  } catch (const std::ios_base::failure&) {
+    clear();  // the system refused to read (a device, a file gone bad): not a file we can read
+    return -1;
+  }
+}
+
+int Dicom::load(std::istream& in, read_t how) {
+  detail::DicomParts parts;
+  if (how == READ_STANDARD) {
+    if (!detail::read_standard(in, parts)) {
+      clear();
+      return -1;
+    }
+  } else if (!read_classic(in, parts)) {
+    clear();
+    return -1;
+  }
+  table.swap(parts.table);
+  entries.swap(parts.entries);
+  info = std::move(parts.info);
   return int(table.size());
 }
 

@@ -15,6 +15,9 @@ extern const std::size_t kSetCount;
 /// Masked rows in match order; element_t set_count + i + 1 is row i.
 extern const data_map_t kMapEntries[];
 extern const std::size_t kMapCount;
+/// The keyword of element_t i + 1, and all identities sorted by keyword.
+extern const char* const kKeywords[];
+extern const element_t kKeywordOrder[];
 
 }  // namespace detail
 }  // namespace dicom

@@ -1,5 +1,9 @@
 #include <quib/dib.hpp>
 
+#include "system/bytes.hpp"
+#include "system/native_path.hpp"
+#include "system/utf8.hpp"
+
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -12,32 +16,16 @@ namespace quib {
 
 namespace {
 
+using detail::load_le;
+using detail::store_le;
+
 constexpr int kFileHeaderBytes = 14;
 constexpr int kInfoHeaderBytes = 40;
 constexpr int kHeaderBytes = kFileHeaderBytes + kInfoHeaderBytes;
-
-std::uint32_t load_u16(unsigned char const* p) {
-  return p[0] | (p[1] << 8);
-}
-std::uint32_t load_u32(unsigned char const* p) {
-  return std::uint32_t(p[0]) | (std::uint32_t(p[1]) << 8) | (std::uint32_t(p[2]) << 16) |
-         (std::uint32_t(p[3]) << 24);
-}
-std::int32_t load_i32(unsigned char const* p) {
-  return static_cast<std::int32_t>(load_u32(p));
-}
-
-void store_u16(unsigned char* p, std::uint32_t v) {
-  p[0] = static_cast<unsigned char>(v);
-  p[1] = static_cast<unsigned char>(v >> 8);
-}
-void store_u32(unsigned char* p, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i)
-    p[i] = static_cast<unsigned char>(v >> (8 * i));
-}
+constexpr std::uint16_t kMagic = 0x4D42;  // "BM" read as a little-endian 16-bit number
 
 // True when the path names something that exists and is not a directory.
-bool isExistingFile(std::string const& path) {
+bool isExistingFile(std::filesystem::path const& path) {
   std::error_code ec;
   const auto status = std::filesystem::status(path, ec);
   return !ec && std::filesystem::exists(status) && !std::filesystem::is_directory(status);
@@ -59,6 +47,11 @@ int mod(int value, int divisor) {
   return ((value % divisor) + divisor) % divisor;
 }
 
+// The path as the Dib shows it: the UTF-8 text of a wide path.
+std::string shownPath(std::wstring const& path) {
+  return *detail::utf8_from_wide(path, detail::on_invalid::replace);
+}
+
 }  // namespace
 
 Dib::Dib()
@@ -74,22 +67,52 @@ Dib::Dib()
       dataOffset(0),
       topDown(false),
       coordinator(8, 1, 1, 1, color_type::undetermined),
-      mode(0) {}
+      mode(mode_t::none),
+      bitCount(0) {}
 
 Dib::Dib(std::string const& path) : Dib() {
   filePath = path;
-  stream = std::make_shared<std::fstream>(path, std::ios::in | std::ios::out | std::ios::binary);
-  if (!stream->is_open() || stream->fail() || !readHeaders(false)) {
+  open(std::filesystem::path(path));
+}
+
+Dib::Dib(std::wstring const& path) : Dib() {
+  filePath = shownPath(path);
+  if (auto const native = detail::native_path(path)) {
+    open(*native);
+  } else {
     refuse();
-    return;
   }
-  mode = 1;
 }
 
 Dib::Dib(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, int align, int cc,
          Palette const& pal)
     : Dib() {
   filePath = path;
+  open(std::filesystem::path(path), w, h, xdpi, ydpi, bits, align, cc, pal);
+}
+
+Dib::Dib(std::wstring const& path, int w, int h, int xdpi, int ydpi, int bits, int align, int cc,
+         Palette const& pal)
+    : Dib() {
+  filePath = shownPath(path);
+  if (auto const native = detail::native_path(path)) {
+    open(*native, w, h, xdpi, ydpi, bits, align, cc, pal);
+  } else {
+    refuse();
+  }
+}
+
+void Dib::open(std::filesystem::path const& path) {
+  stream = std::make_shared<std::fstream>(path, std::ios::in | std::ios::out | std::ios::binary);
+  if (!stream->is_open() || stream->fail() || !readHeaders(false)) {
+    refuse();
+    return;
+  }
+  mode = mode_t::opened;
+}
+
+void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int ydpi, int bits,
+               int align, int cc, Palette const& pal) {
   auto openMode = std::ios::in | std::ios::out | std::ios::binary;
   if (!isExistingFile(path)) openMode |= std::ios::trunc;
   stream = std::make_shared<std::fstream>(path, openMode);
@@ -113,44 +136,46 @@ Dib::Dib(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, in
 
   stream->seekg(0, std::ios::end);
   if (stream->tellg() > 0) {
+    bitCount = static_cast<std::uint16_t>(std::int64_t(bits) * cc);
     if (!readHeaders(true)) {  // an existing bitmap: reopened with the geometry given here
       refuse();
       return;
     }
-    mode = 1;
+    mode = mode_t::opened;
     return;
   }
 
   const std::uint64_t tableBytes = 4 * pal.size();
   const int offBits = static_cast<int>(tableBytes) + kHeaderBytes;
   const std::uint64_t fileSize = std::uint64_t(height) * std::uint64_t(lineBytes) + offBits;
-  const std::int64_t bitCount = std::int64_t(bits) * cc;
+  const std::int64_t pixelBits = std::int64_t(bits) * cc;
+  bitCount = static_cast<std::uint16_t>(pixelBits);  // as the header stores it
   std::vector<unsigned char> header(static_cast<std::size_t>(offBits), 0);
   unsigned char* p = header.data();
-  p[0] = 'B';
-  p[1] = 'M';
-  store_u32(p + 2, static_cast<std::uint32_t>(fileSize));
-  store_u32(p + 10, static_cast<std::uint32_t>(offBits));
-  store_u32(p + 14, kInfoHeaderBytes);
-  store_u32(p + 18, static_cast<std::uint32_t>(w));
-  store_u32(p + 22, static_cast<std::uint32_t>(h));
-  store_u16(p + 26, 1);
-  store_u16(p + 28, static_cast<std::uint32_t>(bitCount));
-  store_u32(p + 30, 0);  // no compression
-  store_u32(p + 34, 0);  // image size: 0 is allowed for uncompressed rows
-  store_u32(p + 38, static_cast<std::uint32_t>((std::int64_t(xdpi) * 10000 + 253) / 254));
-  store_u32(p + 42, static_cast<std::uint32_t>((std::int64_t(ydpi) * 10000 + 253) / 254));
-  store_u32(p + 46, std::uint32_t(1) << (bitCount % 32));
-  store_u32(p + 50, static_cast<std::uint32_t>(pal.size()));
-  for (std::uint64_t i = 0; i < pal.size(); ++i) {
-    store_u32(p + kHeaderBytes + 4 * i, pal.begin()[i]);
-  }
+  store_le<std::uint16_t>(p, kMagic);
+  store_le<std::uint32_t>(p + 2, static_cast<std::uint32_t>(fileSize));
+  store_le<std::uint32_t>(p + 10, static_cast<std::uint32_t>(offBits));
+  store_le<std::uint32_t>(p + 14, kInfoHeaderBytes);
+  store_le<std::int32_t>(p + 18, w);
+  store_le<std::int32_t>(p + 22, h);
+  store_le<std::uint16_t>(p + 26, 1);
+  store_le<std::uint16_t>(p + 28, static_cast<std::uint16_t>(bitCount));
+  store_le<std::uint32_t>(p + 30, 0);  // no compression
+  store_le<std::uint32_t>(p + 34, 0);  // image size: 0 is allowed for uncompressed rows
+  store_le<std::int32_t>(p + 38,
+                         static_cast<std::int32_t>((std::int64_t(xdpi) * 10000 + 253) / 254));
+  store_le<std::int32_t>(p + 42,
+                         static_cast<std::int32_t>((std::int64_t(ydpi) * 10000 + 253) / 254));
+  store_le<std::uint32_t>(p + 46, std::uint32_t(1) << (pixelBits % 32));
+  store_le<std::uint32_t>(p + 50, static_cast<std::uint32_t>(pal.size()));
+  for (std::uint64_t i = 0; i < pal.size(); ++i)
+    store_le<std::uint32_t>(p + kHeaderBytes + 4 * i, pal.begin()[i]);
   stream->seekp(0);
   stream->write(reinterpret_cast<char const*>(p), offBits);
   stream->flush();
   stream->seekp(offBits);
   dataOffset = offBits;
-  mode = 2;
+  mode = mode_t::created;
 }
 
 bool Dib::readHeaders(bool keepGeometry) {
@@ -160,30 +185,30 @@ bool Dib::readHeaders(bool keepGeometry) {
   s.seekg(0);
   unsigned char h[kHeaderBytes];
   s.read(reinterpret_cast<char*>(h), kFileHeaderBytes);
-  if (s.gcount() != kFileHeaderBytes || h[0] != 'B' || h[1] != 'M') return false;
+  if (s.gcount() != kFileHeaderBytes || load_le<std::uint16_t>(h) != kMagic) return false;
   s.read(reinterpret_cast<char*>(h + kFileHeaderBytes), kInfoHeaderBytes);
   if (s.gcount() != kInfoHeaderBytes) return false;
 
-  const std::uint32_t offBits = load_u32(h + 10);
-  const std::uint32_t infoSize = load_u32(h + 14);
-  const std::int32_t fileWidth = load_i32(h + 18);
-  const std::int32_t fileHeight = load_i32(h + 22);
-  const int planes = static_cast<int>(load_u16(h + 26));
-  const int bitCount = static_cast<int>(load_u16(h + 28));
-  const std::uint32_t compression = load_u32(h + 30);
+  const auto offBits = load_le<std::uint32_t>(h + 10);
+  const auto infoSize = load_le<std::uint32_t>(h + 14);
+  const auto fileWidth = load_le<std::int32_t>(h + 18);
+  const auto fileHeight = load_le<std::int32_t>(h + 22);
+  const int planes = load_le<std::uint16_t>(h + 26);
+  const int fileBitCount = load_le<std::uint16_t>(h + 28);
+  const auto compression = load_le<std::uint32_t>(h + 30);
   if (compression != 0) return false;
   if (offBits < std::uint32_t(kHeaderBytes) || std::int64_t(offBits) > fileSize) return false;
 
   if (!keepGeometry) {
     int sampleBits = 8;
     int samples = 1;
-    switch (bitCount) {
+    switch (fileBitCount) {
       case 1:
       case 2:
       case 4:
       case 15:
       case 16:
-        sampleBits = bitCount;
+        sampleBits = fileBitCount;
         break;
       case 24:
         samples = 3;
@@ -207,11 +232,12 @@ bool Dib::readHeaders(bool keepGeometry) {
     lineBytes = rowBytes;
     width = fileWidth;
     height = static_cast<int>(rowsHeight);
-    xDpi = static_cast<int>(std::int64_t(load_i32(h + 38)) * 254 / 10000);
-    yDpi = static_cast<int>(std::int64_t(load_i32(h + 42)) * 254 / 10000);
+    xDpi = static_cast<int>(std::int64_t(load_le<std::int32_t>(h + 38)) * 254 / 10000);
+    yDpi = static_cast<int>(std::int64_t(load_le<std::int32_t>(h + 42)) * 254 / 10000);
     planeCount = planes;
     interleave = interleave_type::pixel;
     topDown = fileHeight < 0;
+    bitCount = fileBitCount;
   }
   dataOffset = static_cast<int>(offBits);
 
@@ -224,7 +250,7 @@ bool Dib::readHeaders(bool keepGeometry) {
     s.seekg(tableStart);
     s.read(reinterpret_cast<char*>(table.begin()), entries * 4);
     for (std::int64_t i = 0; i < entries; ++i) {  // stored little-endian on every host
-      table.begin()[i] = load_u32(reinterpret_cast<unsigned char const*>(table.begin() + i));
+      table.begin()[i] = load_le<std::uint32_t>(table.begin() + i);
     }
   }
   palette = table;
@@ -248,7 +274,22 @@ bool Dib::create(std::string const& path) {
   return stream && stream->good();
 }
 
+bool Dib::create(std::wstring const& path) {
+  auto const native = detail::native_path(path);
+  if (!native || !isExistingFile(*native)) return false;
+  Dib opened(path);
+  swap(opened);
+  return stream && stream->good();
+}
+
 bool Dib::create(std::string const& path, int w, int h, int xdpi, int ydpi, int bits, int align,
+                 int cc, Palette const& pal) {
+  Dib created(path, w, h, xdpi, ydpi, bits, align, cc, pal);
+  swap(created);
+  return stream && stream->good();
+}
+
+bool Dib::create(std::wstring const& path, int w, int h, int xdpi, int ydpi, int bits, int align,
                  int cc, Palette const& pal) {
   Dib created(path, w, h, xdpi, ydpi, bits, align, cc, pal);
   swap(created);
@@ -272,6 +313,7 @@ void Dib::swap(Dib& o) noexcept {
   palette.swap(o.palette);
   coordinator.swap(o.coordinator);
   std::swap(mode, o.mode);
+  std::swap(bitCount, o.bitCount);
 }
 
 void Dib::close() {
@@ -293,8 +335,8 @@ std::uint64_t Dib::getImageSize() const {
 
 std::int64_t Dib::tell() const {
   if (!stream) return 0;
-  if (mode == 1) return static_cast<std::int64_t>(stream->tellg());
-  if (mode == 2) return static_cast<std::int64_t>(stream->tellp());
+  if (mode == mode_t::opened) return static_cast<std::int64_t>(stream->tellg());
+  if (mode == mode_t::created) return static_cast<std::int64_t>(stream->tellp());
   return 0;
 }
 

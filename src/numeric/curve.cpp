@@ -17,9 +17,9 @@ namespace {
 // Fits a polynomial of fixed degree into `out` (highest power first); NaN when there is none.
 template <std::size_t Size>
 void fit_fixed(double (&out)[Size], const std::vector<Point2>& points,
-               const std::vector<double>* weights) {
+               const std::vector<double>* weights, FitInfo* info) {
   std::vector<double> coef;
-  if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, weights)) {
+  if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, weights, info)) {
     for (std::size_t i = 0; i < Size; ++i)
       out[i] = coef[i];
   } else {
@@ -38,10 +38,16 @@ bool residuals(const Curve& curve, std::vector<double>& d, const std::vector<Poi
 }
 
 template <class Fit>
-Fit robust(const std::vector<Point2>& points, double k) {
+Fit robust(const std::vector<Point2>& points, double k, FitInfo* info) {
   Fit fit(points);
-  detail::reweight_once(fit, points, k,
-                        [&](const std::vector<double>& w) { fit.calculate(points, w); });
+  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+    if (info) {
+      static_cast<void>(fit.calculate(points, w, *info));
+    } else {
+      static_cast<void>(fit.calculate(points, w));
+    }
+  });
+  if (info && fit.empty()) info->clear();
   return fit;
 }
 
@@ -51,7 +57,7 @@ Fit robust(const std::vector<Point2>& points, double k) {
 
 LeastSquaresCurve::LeastSquaresCurve() : a_(kNaN), b_(kNaN), c_(kNaN) {}
 LeastSquaresCurve::LeastSquaresCurve(const points_type& points) : LeastSquaresCurve() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 void LeastSquaresCurve::swap(LeastSquaresCurve& other) noexcept {
   std::swap(a_, other.a_);
@@ -66,13 +72,26 @@ bool LeastSquaresCurve::is() const {
 }
 bool LeastSquaresCurve::calculate(const points_type& points) {
   double x[3];
-  fit_fixed(x, points, nullptr);
+  fit_fixed(x, points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 bool LeastSquaresCurve::calculate(const points_type& points, const std::vector<double>& weights) {
   double x[3];
-  fit_fixed(x, points, &weights);
+  fit_fixed(x, points, &weights, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCurve::calculate(const points_type& points, FitInfo& info) {
+  double x[3];
+  fit_fixed(x, points, nullptr, &info);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCurve::calculate(const points_type& points, const std::vector<double>& weights,
+                                  FitInfo& info) {
+  double x[3];
+  fit_fixed(x, points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
@@ -83,14 +102,17 @@ LeastSquaresCurve LeastSquaresCurve::create(const points_type& points) {
   return LeastSquaresCurve(points);
 }
 LeastSquaresCurve LeastSquaresCurve::create(const points_type& points, double k) {
-  return robust<LeastSquaresCurve>(points, k);
+  return robust<LeastSquaresCurve>(points, k, nullptr);
+}
+LeastSquaresCurve LeastSquaresCurve::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresCurve>(points, k, &info);
 }
 
 // ---- cubic ------------------------------------------------------------------------------
 
 LeastSquaresCurve3::LeastSquaresCurve3() : a_(kNaN), b_(kNaN), c_(kNaN), d_(kNaN) {}
 LeastSquaresCurve3::LeastSquaresCurve3(const points_type& points) : LeastSquaresCurve3() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 void LeastSquaresCurve3::swap(LeastSquaresCurve3& other) noexcept {
   std::swap(a_, other.a_);
@@ -106,13 +128,26 @@ bool LeastSquaresCurve3::is() const {
 }
 bool LeastSquaresCurve3::calculate(const points_type& points) {
   double x[4];
-  fit_fixed(x, points, nullptr);
+  fit_fixed(x, points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
 bool LeastSquaresCurve3::calculate(const points_type& points, const std::vector<double>& weights) {
   double x[4];
-  fit_fixed(x, points, &weights);
+  fit_fixed(x, points, &weights, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresCurve3::calculate(const points_type& points, FitInfo& info) {
+  double x[4];
+  fit_fixed(x, points, nullptr, &info);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresCurve3::calculate(const points_type& points, const std::vector<double>& weights,
+                                   FitInfo& info) {
+  double x[4];
+  fit_fixed(x, points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
@@ -123,7 +158,10 @@ LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points) {
   return LeastSquaresCurve3(points);
 }
 LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double k) {
-  return robust<LeastSquaresCurve3>(points, k);
+  return robust<LeastSquaresCurve3>(points, k, nullptr);
+}
+LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresCurve3>(points, k, &info);
 }
 
 // ---- any degree -------------------------------------------------------------------------
@@ -132,7 +170,7 @@ LeastSquaresDimension::LeastSquaresDimension() : scale(1.0) {}
 LeastSquaresDimension::LeastSquaresDimension(double s) : scale(s) {}
 LeastSquaresDimension::LeastSquaresDimension(double s, int degree, const points_type& points)
     : scale(s) {
-  calculate(degree, points);
+  static_cast<void>(calculate(degree, points));
 }
 
 void LeastSquaresDimension::swap(LeastSquaresDimension& other) noexcept {
@@ -146,17 +184,34 @@ LeastSquaresDimension LeastSquaresDimension::create(double s, int degree,
 LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, const points_type& points,
                                                     double k) {
   LeastSquaresDimension fit(s, degree, points);
-  detail::reweight_once(fit, points, k,
-                        [&](const std::vector<double>& w) { fit.calculate(degree, points, w); });
+  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+    static_cast<void>(fit.calculate(degree, points, w));
+  });
+  return fit;
+}
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, const points_type& points,
+                                                    double k, FitInfo& info) {
+  LeastSquaresDimension fit(s, degree, points);
+  info.clear();
+  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+    static_cast<void>(fit.calculate(degree, points, w, info));
+  });
   return fit;
 }
 
 bool LeastSquaresDimension::calculate(int degree, const points_type& points) {
-  return detail::fit_polynomial(coef, degree, scale, points, nullptr);
+  return detail::fit_polynomial(coef, degree, scale, points, nullptr, nullptr);
 }
 bool LeastSquaresDimension::calculate(int degree, const points_type& points,
                                       const std::vector<double>& weights) {
-  return detail::fit_polynomial(coef, degree, scale, points, &weights);
+  return detail::fit_polynomial(coef, degree, scale, points, &weights, nullptr);
+}
+bool LeastSquaresDimension::calculate(int degree, const points_type& points, FitInfo& info) {
+  return detail::fit_polynomial(coef, degree, scale, points, nullptr, &info);
+}
+bool LeastSquaresDimension::calculate(int degree, const points_type& points,
+                                      const std::vector<double>& weights, FitInfo& info) {
+  return detail::fit_polynomial(coef, degree, scale, points, &weights, &info);
 }
 
 bool LeastSquaresDimension::get_d(std::vector<double>& d, const points_type& points) const {

@@ -71,7 +71,7 @@ struct Stats {
 
 Discrim1::Discrim1() : centroid(kNaN), covariance(0.0) {}
 Discrim1::Discrim1(const std::vector<double>& s) : samples(s), centroid(0.0), covariance(0.0) {
-  estimate();
+  static_cast<void>(estimate());
 }
 
 void Discrim1::swap(Discrim1& other) noexcept {

@@ -21,32 +21,92 @@ bool all_finite(std::initializer_list<double> values) {
   return true;
 }
 
-// Solves a system whose matrix and right-hand side are read from compensated moments.
-template <class Fill>
-Eigen::VectorXd solve(Eigen::Index size, Fill fill) {
-  Eigen::MatrixXd m(size, size);
-  Eigen::VectorXd r(size);
-  fill(m, r);
+using detail::moment_t;
+using detail::SystemLayout;
+
+// Sums the model's moments and solves its system; NaN when it is singular.
+template <int D>
+Eigen::VectorXd solve(moment_t model, const SystemLayout& layout,
+                      const std::vector<Eigen::Matrix<double, D, 1>>& points,
+                      const std::vector<double>* weights, FitInfo* info) {
+  const detail::Moments s = detail::sum_moments(model, points, weights, info != nullptr);
   Eigen::VectorXd x;
-  detail::solve_normal(m, r, x);
+  static_cast<void>(detail::solve_system(s, layout, x, info));
   return x;
 }
 
 template <class Fit, class Points>
-Fit robust(const Points& points, double k) {
+Fit robust(const Points& points, double k, FitInfo* info) {
   Fit fit(points);
-  detail::reweight_once(fit, points, k,
-                        [&](const std::vector<double>& w) { fit.calculate(points, w); });
+  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+    if (info) {
+      static_cast<void>(fit.calculate(points, w, *info));
+    } else {
+      static_cast<void>(fit.calculate(points, w));
+    }
+  });
+  // A fit that failed at once has no weighted step: its statistics are none.
+  if (info && fit.empty()) info->clear();
   return fit;
 }
 
+// x² + y² + a·x + b·y + c = 0 in the unknowns (a, b, c): rows (x, y, 1), target -(x² + y²);
+// z = a·x + b·y + c: rows (x, y, 1), target z. Both read the same matrix terms.
+const SystemLayout& circle_layout() {
+  static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, -1.0, 9, 5};
+  return l;
+}
+const SystemLayout& plane_layout() {
+  static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, 1.0, 9, 5};
+  return l;
+}
+// x² + y² + z² + a·x + b·y + c·z + d = 0: rows (x, y, z, 1), target -(x² + y² + z²).
+const SystemLayout& sphere_layout() {
+  static const SystemLayout l{
+      4, {0, 1, 2, 3, 1, 4, 5, 6, 2, 5, 7, 8, 3, 6, 8, 9}, {10, 11, 12, 13}, -1.0, 14, 9};
+  return l;
+}
+// y = a·x + b: rows (x, 1), target y.
+const SystemLayout& line_layout() {
+  static const SystemLayout l{2, {3, 1, 1, 0}, {4, 2}, 1.0, 5, 0};
+  return l;
+}
+
 }  // namespace
+
+// ---- statistics ---------------------------------------------------------------------------
+
+FitInfo::FitInfo() : rms_(kNaN), sigma_(kNaN), count_(0) {}
+FitInfo::FitInfo(Eigen::MatrixXd covariance, double rms, double sigma, std::size_t count)
+    : covariance_(std::move(covariance)), rms_(rms), sigma_(sigma), count_(count) {}
+
+void FitInfo::swap(FitInfo& other) noexcept {
+  covariance_.swap(other.covariance_);
+  std::swap(rms_, other.rms_);
+  std::swap(sigma_, other.sigma_);
+  std::swap(count_, other.count_);
+}
+void FitInfo::clear() {
+  covariance_.resize(0, 0);
+  rms_ = sigma_ = kNaN;
+  count_ = 0;
+}
+bool FitInfo::is() const {
+  return covariance_.size() > 0 && covariance_.allFinite();
+}
+Eigen::VectorXd FitInfo::get_standard_errors() const {
+  return covariance_.diagonal().cwiseSqrt();
+}
+double FitInfo::get_standard_error(int i) const {
+  if (i < 0 || i >= covariance_.rows()) return kNaN;
+  return std::sqrt(covariance_(i, i));
+}
 
 // ---- line -------------------------------------------------------------------------------
 
 LeastSquaresLine::LeastSquaresLine() : a_(kNaN), b_(kNaN) {}
 LeastSquaresLine::LeastSquaresLine(const points_type& points) : LeastSquaresLine() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 
 void LeastSquaresLine::swap(LeastSquaresLine& other) noexcept {
@@ -62,15 +122,11 @@ bool LeastSquaresLine::is() const {
 
 namespace {
 
+// Closed form over the moments 1, x, y, x², x·y (and y² for the statistics).
 void fit_line(double& a, double& b, const std::vector<Point2>& points,
-              const std::vector<double>* weights) {
-  const auto s = detail::sum_moments<5>(points, weights, [](const Point2& p, double* t) {
-    t[0] = 1.0;
-    t[1] = p[0];
-    t[2] = p[1];
-    t[3] = p[0] * p[0];
-    t[4] = p[0] * p[1];
-  });
+              const std::vector<double>* weights, FitInfo* info) {
+  if (info) info->clear();
+  const detail::Moments s = detail::sum_moments(moment_t::line, points, weights, info != nullptr);
   const double n = s[0], sx = s[1], sy = s[2], sxx = s[3], sxy = s[4];
   const double det = n * sxx - sx * sx;
   // All x equal: the determinant is zero up to the rounding of n·Sxx, which must not pass
@@ -81,16 +137,30 @@ void fit_line(double& a, double& b, const std::vector<Point2>& points,
   }
   a = (n * sxy - sx * sy) / det;
   b = (sy * sxx - sx * sxy) / det;
+  if (info) {
+    Eigen::MatrixXd inverse(2, 2);
+    inverse << n / det, -sx / det, -sx / det, sxx / det;
+    detail::fit_statistics(s, line_layout(), Eigen::Vector2d(a, b), inverse, *info);
+  }
 }
 
 }  // namespace
 
 bool LeastSquaresLine::calculate(const points_type& points) {
-  fit_line(a_, b_, points, nullptr);
+  fit_line(a_, b_, points, nullptr, nullptr);
   return is();
 }
 bool LeastSquaresLine::calculate(const points_type& points, const std::vector<double>& weights) {
-  fit_line(a_, b_, points, &weights);
+  fit_line(a_, b_, points, &weights, nullptr);
+  return is();
+}
+bool LeastSquaresLine::calculate(const points_type& points, FitInfo& info) {
+  fit_line(a_, b_, points, nullptr, &info);
+  return is();
+}
+bool LeastSquaresLine::calculate(const points_type& points, const std::vector<double>& weights,
+                                 FitInfo& info) {
+  fit_line(a_, b_, points, &weights, &info);
   return is();
 }
 
@@ -106,7 +176,10 @@ LeastSquaresLine LeastSquaresLine::create(const points_type& points) {
   return LeastSquaresLine(points);
 }
 LeastSquaresLine LeastSquaresLine::create(const points_type& points, double k) {
-  return robust<LeastSquaresLine>(points, k);
+  return robust<LeastSquaresLine>(points, k, nullptr);
+}
+LeastSquaresLine LeastSquaresLine::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresLine>(points, k, &info);
 }
 
 LeastSquaresLine LeastSquaresLine::iterate(const points_type& points, double tolerance, int count,
@@ -160,7 +233,7 @@ LeastSquaresLine LeastSquaresLine::create_iterative(const points_type& points, d
 
 LeastSquaresCircle::LeastSquaresCircle() : a_(kNaN), b_(kNaN), c_(kNaN) {}
 LeastSquaresCircle::LeastSquaresCircle(const points_type& points) : LeastSquaresCircle() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 
 void LeastSquaresCircle::swap(LeastSquaresCircle& other) noexcept {
@@ -180,35 +253,31 @@ double LeastSquaresCircle::r() const {
 
 namespace {
 
-// x² + y² + a·x + b·y + c = 0 in the unknowns (a, b, c): rows (x, y, 1), target -(x² + y²).
-Eigen::VectorXd fit_circle(const std::vector<Point2>& points, const std::vector<double>* weights) {
-  const auto s = detail::sum_moments<9>(points, weights, [](const Point2& p, double* t) {
-    const double x = p[0], y = p[1], q = x * x + y * y;
-    t[0] = x * x;
-    t[1] = x * y;
-    t[2] = x;
-    t[3] = y * y;
-    t[4] = y;
-    t[5] = 1.0;
-    t[6] = x * q;
-    t[7] = y * q;
-    t[8] = q;
-  });
-  return solve(3, [&](Eigen::MatrixXd& m, Eigen::VectorXd& r) {
-    m << s[0], s[1], s[2], s[1], s[3], s[4], s[2], s[4], s[5];
-    r << -s[6], -s[7], -s[8];
-  });
+Eigen::VectorXd fit_circle(const std::vector<Point2>& points, const std::vector<double>* weights,
+                           FitInfo* info) {
+  return solve(moment_t::circle, circle_layout(), points, weights, info);
 }
 
 }  // namespace
 
 bool LeastSquaresCircle::calculate(const points_type& points) {
-  const Eigen::VectorXd x = fit_circle(points, nullptr);
+  const Eigen::VectorXd x = fit_circle(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 bool LeastSquaresCircle::calculate(const points_type& points, const std::vector<double>& weights) {
-  const Eigen::VectorXd x = fit_circle(points, &weights);
+  const Eigen::VectorXd x = fit_circle(points, &weights, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCircle::calculate(const points_type& points, FitInfo& info) {
+  const Eigen::VectorXd x = fit_circle(points, nullptr, &info);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresCircle::calculate(const points_type& points, const std::vector<double>& weights,
+                                   FitInfo& info) {
+  const Eigen::VectorXd x = fit_circle(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
@@ -229,14 +298,17 @@ LeastSquaresCircle LeastSquaresCircle::create(const points_type& points) {
   return LeastSquaresCircle(points);
 }
 LeastSquaresCircle LeastSquaresCircle::create(const points_type& points, double k) {
-  return robust<LeastSquaresCircle>(points, k);
+  return robust<LeastSquaresCircle>(points, k, nullptr);
+}
+LeastSquaresCircle LeastSquaresCircle::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresCircle>(points, k, &info);
 }
 
 // ---- plane ------------------------------------------------------------------------------
 
 LeastSquaresPlane::LeastSquaresPlane() : a_(kNaN), b_(kNaN), c_(kNaN) {}
 LeastSquaresPlane::LeastSquaresPlane(const points_type& points) : LeastSquaresPlane() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 
 void LeastSquaresPlane::swap(LeastSquaresPlane& other) noexcept {
@@ -272,35 +344,31 @@ double LeastSquaresPlane::d() const {
 
 namespace {
 
-// z = a·x + b·y + c: rows (x, y, 1), target z.
-Eigen::VectorXd fit_plane(const std::vector<Point3>& points, const std::vector<double>* weights) {
-  const auto s = detail::sum_moments<9>(points, weights, [](const Point3& p, double* t) {
-    const double x = p[0], y = p[1], z = p[2];
-    t[0] = x * x;
-    t[1] = x * y;
-    t[2] = x;
-    t[3] = y * y;
-    t[4] = y;
-    t[5] = 1.0;
-    t[6] = x * z;
-    t[7] = y * z;
-    t[8] = z;
-  });
-  return solve(3, [&](Eigen::MatrixXd& m, Eigen::VectorXd& r) {
-    m << s[0], s[1], s[2], s[1], s[3], s[4], s[2], s[4], s[5];
-    r << s[6], s[7], s[8];
-  });
+Eigen::VectorXd fit_plane(const std::vector<Point3>& points, const std::vector<double>* weights,
+                          FitInfo* info) {
+  return solve(moment_t::plane, plane_layout(), points, weights, info);
 }
 
 }  // namespace
 
 bool LeastSquaresPlane::calculate(const points_type& points) {
-  const Eigen::VectorXd x = fit_plane(points, nullptr);
+  const Eigen::VectorXd x = fit_plane(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 bool LeastSquaresPlane::calculate(const points_type& points, const std::vector<double>& weights) {
-  const Eigen::VectorXd x = fit_plane(points, &weights);
+  const Eigen::VectorXd x = fit_plane(points, &weights, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresPlane::calculate(const points_type& points, FitInfo& info) {
+  const Eigen::VectorXd x = fit_plane(points, nullptr, &info);
+  a_ = x[0], b_ = x[1], c_ = x[2];
+  return is();
+}
+bool LeastSquaresPlane::calculate(const points_type& points, const std::vector<double>& weights,
+                                  FitInfo& info) {
+  const Eigen::VectorXd x = fit_plane(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
@@ -319,14 +387,17 @@ LeastSquaresPlane LeastSquaresPlane::create(const points_type& points) {
   return LeastSquaresPlane(points);
 }
 LeastSquaresPlane LeastSquaresPlane::create(const points_type& points, double k) {
-  return robust<LeastSquaresPlane>(points, k);
+  return robust<LeastSquaresPlane>(points, k, nullptr);
+}
+LeastSquaresPlane LeastSquaresPlane::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresPlane>(points, k, &info);
 }
 
 // ---- sphere -----------------------------------------------------------------------------
 
 LeastSquaresSphere::LeastSquaresSphere() : a_(kNaN), b_(kNaN), c_(kNaN), d_(kNaN) {}
 LeastSquaresSphere::LeastSquaresSphere(const points_type& points) : LeastSquaresSphere() {
-  calculate(points);
+  static_cast<void>(calculate(points));
 }
 
 void LeastSquaresSphere::swap(LeastSquaresSphere& other) noexcept {
@@ -347,43 +418,31 @@ double LeastSquaresSphere::r() const {
 
 namespace {
 
-// x² + y² + z² + a·x + b·y + c·z + d = 0: rows (x, y, z, 1), target -(x² + y² + z²).
-Eigen::VectorXd fit_sphere(const std::vector<Point3>& points, const std::vector<double>* weights) {
-  const auto s = detail::sum_moments<14>(points, weights, [](const Point3& p, double* t) {
-    const double x = p[0], y = p[1], z = p[2], q = x * x + y * y + z * z;
-    t[0] = x * x;
-    t[1] = x * y;
-    t[2] = x * z;
-    t[3] = x;
-    t[4] = y * y;
-    t[5] = y * z;
-    t[6] = y;
-    t[7] = z * z;
-    t[8] = z;
-    t[9] = 1.0;
-    t[10] = x * q;
-    t[11] = y * q;
-    t[12] = z * q;
-    t[13] = q;
-  });
-  return solve(4, [&](Eigen::MatrixXd& m, Eigen::VectorXd& r) {
-    m << s[0], s[1], s[2], s[3],  //
-        s[1], s[4], s[5], s[6],   //
-        s[2], s[5], s[7], s[8],   //
-        s[3], s[6], s[8], s[9];
-    r << -s[10], -s[11], -s[12], -s[13];
-  });
+Eigen::VectorXd fit_sphere(const std::vector<Point3>& points, const std::vector<double>* weights,
+                           FitInfo* info) {
+  return solve(moment_t::sphere, sphere_layout(), points, weights, info);
 }
 
 }  // namespace
 
 bool LeastSquaresSphere::calculate(const points_type& points) {
-  const Eigen::VectorXd x = fit_sphere(points, nullptr);
+  const Eigen::VectorXd x = fit_sphere(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
 bool LeastSquaresSphere::calculate(const points_type& points, const std::vector<double>& weights) {
-  const Eigen::VectorXd x = fit_sphere(points, &weights);
+  const Eigen::VectorXd x = fit_sphere(points, &weights, nullptr);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresSphere::calculate(const points_type& points, FitInfo& info) {
+  const Eigen::VectorXd x = fit_sphere(points, nullptr, &info);
+  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
+  return is();
+}
+bool LeastSquaresSphere::calculate(const points_type& points, const std::vector<double>& weights,
+                                   FitInfo& info) {
+  const Eigen::VectorXd x = fit_sphere(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
@@ -404,7 +463,10 @@ LeastSquaresSphere LeastSquaresSphere::create(const points_type& points) {
   return LeastSquaresSphere(points);
 }
 LeastSquaresSphere LeastSquaresSphere::create(const points_type& points, double k) {
-  return robust<LeastSquaresSphere>(points, k);
+  return robust<LeastSquaresSphere>(points, k, nullptr);
+}
+LeastSquaresSphere LeastSquaresSphere::create(const points_type& points, double k, FitInfo& info) {
+  return robust<LeastSquaresSphere>(points, k, &info);
 }
 
 }  // namespace quib

@@ -9,47 +9,89 @@
 namespace quib {
 namespace detail {
 
-bool solve_normal(const Eigen::MatrixXd& m, const Eigen::VectorXd& r, Eigen::VectorXd& x) {
+namespace {
+
+std::size_t at(int i) {
+  return static_cast<std::size_t>(i);
+}
+
+// T - 2·xᵀr + xᵀ·M·x: the quadratic form rather than T - xᵀr, so that the rounding of x
+// enters only to second order; in extended precision from both halves of every moment.
+long double residual_sum(const Moments& s, const SystemLayout& l, const Eigen::VectorXd& x) {
+  long double rss = s.wide(at(l.target));
+  for (int i = 0; i < l.size; ++i) {
+    const long double xi = x[i];
+    rss -= 2.0L * xi * static_cast<long double>(l.sign) * s.wide(at(l.rhs[at(i)]));
+    for (int j = 0; j < l.size; ++j)
+      rss += xi * static_cast<long double>(x[j]) * s.wide(at(l.matrix[at(i * l.size + j)]));
+  }
+  return rss > 0.0L ? rss : 0.0L;
+}
+
+}  // namespace
+
+bool solve_system(const Moments& s, const SystemLayout& l, Eigen::VectorXd& x, FitInfo* info,
+                  double unit) {
+  Eigen::MatrixXd m(l.size, l.size);
+  Eigen::VectorXd r(l.size);
+  for (int i = 0; i < l.size; ++i) {
+    for (int j = 0; j < l.size; ++j)
+      m(i, j) = s[at(l.matrix[at(i * l.size + j)])];
+    r[i] = l.sign * s[at(l.rhs[at(i)])];
+  }
+  if (info) info->clear();
   // A singular matrix would solve to finite zeros and pass for a fit.
   Eigen::FullPivLU<Eigen::MatrixXd> lu(m);
   if (!lu.isInvertible()) {
-    x.setConstant(m.cols(), kNaN);
+    x.setConstant(l.size, kNaN);
     return false;
   }
   x = lu.solve(r);
+  if (info) fit_statistics(s, l, x, lu.inverse(), *info, unit);
   return true;
+}
+
+void fit_statistics(const Moments& s, const SystemLayout& l, const Eigen::VectorXd& x,
+                    const Eigen::MatrixXd& inverse, FitInfo& info, double unit) {
+  info.clear();
+  if (l.target < 0 || at(l.target) >= s.sum.size() || !x.allFinite()) return;
+  const double rss = static_cast<double>(residual_sum(s, l, x)) / (unit * unit);
+  const double weight = s[at(l.weight)];
+  const double dof = s.count - l.size;
+  const double sigma = dof > 0.0 ? std::sqrt(rss / dof) : kNaN;
+  info = FitInfo(sigma * sigma * inverse, weight > 0.0 ? std::sqrt(rss / weight) : kNaN, sigma,
+                 static_cast<std::size_t>(s.count));
+}
+
+SystemLayout polynomial_layout(int degree) {
+  const int n = degree;
+  const int powers = 2 * n + 1;  // x^0 .. x^2n, then x^0·y .. x^n·y, then y²
+  SystemLayout l;
+  l.size = n + 1;
+  for (int i = 0; i <= n; ++i) {
+    for (int j = 0; j <= n; ++j)
+      l.matrix.push_back(2 * n - i - j);
+    l.rhs.push_back(powers + n - i);
+  }
+  l.target = powers + n + 1;
+  l.weight = 0;
+  return l;
 }
 
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
                     const std::vector<Eigen::Matrix<double, 2, 1>>& points,
-                    const std::vector<double>* weights) {
+                    const std::vector<double>* weights, FitInfo* info) {
   coef.clear();
+  if (info) info->clear();
   // More coefficients than points cannot be determined; refusing early also bounds the
   // size of the system by the input.
   if (degree < 0 || static_cast<std::size_t>(degree) >= points.size()) return false;
-  const std::size_t n = static_cast<std::size_t>(degree);
-  const std::size_t powers = 2 * n + 1;  // x^0 .. x^2n, then x^0·y .. x^n·y
-  std::vector<Sum> sums(powers + n + 1);
-  std::vector<double> t(sums.size());
-  sum_moments(sums, t, points, weights, [&](const Eigen::Matrix<double, 2, 1>& p, double* out) {
-    const double x = p[0];
-    const double y = p[1] * scale;
-    double xp = 1.0;
-    for (std::size_t j = 0; j < powers; ++j) {
-      out[j] = xp;
-      if (j <= n) out[powers + j] = xp * y;
-      xp *= x;
-    }
-  });
-  Eigen::MatrixXd m(n + 1, n + 1);
-  Eigen::VectorXd r(n + 1);
-  for (std::size_t i = 0; i <= n; ++i) {
-    for (std::size_t j = 0; j <= n; ++j)
-      m(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j)) = sums[2 * n - i - j].value();
-    r[static_cast<Eigen::Index>(i)] = sums[powers + n - i].value();
-  }
+  const Moments s =
+      sum_moments(moment_t::polynomial, points, weights, info != nullptr, degree, scale);
   Eigen::VectorXd x;
-  if (!solve_normal(m, r, x)) return false;
+  if (!solve_system(s, polynomial_layout(degree), x, info, scale)) return false;
+  // The residuals were divided by the scale, so the covariance is already that of the
+  // coefficients as read (divided by the scale).
   coef.assign(x.data(), x.data() + x.size());
   return true;
 }

@@ -1,14 +1,17 @@
 // The one shape shared by every least-squares fit and curve: skip points with a non-finite
-// coordinate, weight, accumulate moments with compensation, solve the normal equations.
-// Each model states only its terms and how they form its system.
+// coordinate, weight, accumulate moments with compensation, solve the normal equations, and
+// on request say how well the parameters are determined. Each model states only its terms and
+// how they form its system.
 #pragma once
 
+#include <quib/fit.hpp>
 #include <quib/math.hpp>
 #include <quib/robust.hpp>
 
+#include "numeric/moments.hpp"
+
 #include <Eigen/Core>
 
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <limits>
@@ -20,8 +23,6 @@ namespace detail {
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 using Sum = math::KahanSum<double>;
-template <std::size_t K>
-using FixedSums = std::array<Sum, K>;
 
 template <class Point>
 bool finite_point(const Point& p) {
@@ -30,53 +31,63 @@ bool finite_point(const Point& p) {
   return true;
 }
 
-/// Adds the terms of every usable point into `sums`, each into its own compensated sum.
-/// `terms(p, t)` writes the raw terms of point p into t (as many as `sums` holds); a weighted
-/// fit multiplies them by the point's weight. Points with a non-finite coordinate are skipped,
-/// and so are points whose weight is 0 or missing (beyond the end of `weights`), which would
-/// add nothing but could turn an overflowing term into NaN.
-template <class Sums, class Buffer, class Point, class Terms>
-void sum_moments(Sums& sums, Buffer& t, const std::vector<Point>& points,
-                 const std::vector<double>* weights, Terms terms) {
-  const std::size_t count = points.size();
-  const std::size_t k = sums.size();
-  for (std::size_t i = 0; i < count; ++i) {
-    const Point& p = points[i];
-    if (!finite_point(p)) continue;
-    terms(p, t.data());
-    if (weights) {
-      const double w = i < weights->size() ? (*weights)[i] : 0.0;
-      if (w == 0.0) continue;
-      for (std::size_t j = 0; j < k; ++j)
-        t[j] *= w;
-    }
-    for (std::size_t j = 0; j < k; ++j)
-      sums[j].add(t[j]);
+/// The compensated moments of `model` over the points (see moment_t for the terms). With
+/// `residual`, the square of the target is summed last, for the statistics of the fit.
+template <int D>
+Moments sum_moments(moment_t model, const std::vector<Eigen::Matrix<double, D, 1>>& points,
+                    const std::vector<double>* weights, bool residual, int degree = 0,
+                    double scale = 1.0) {
+  static_assert(sizeof(Eigen::Matrix<double, D, 1>) == D * sizeof(double), "packed points");
+  MomentRequest request;
+  request.model = model;
+  request.residual = residual;
+  request.coords = points.empty() ? nullptr : points.front().data();
+  request.count = points.size();
+  if (weights) {
+    request.weighted = true;
+    request.weights = weights->data();
+    request.weight_count = weights->size();
   }
+  request.degree = degree;
+  request.scale = scale;
+  Moments m;
+  sum_moments(m, request);
+  return m;
 }
 
-template <std::size_t K, class Point, class Terms>
-std::array<double, K> sum_moments(const std::vector<Point>& points,
-                                  const std::vector<double>* weights, Terms terms) {
-  FixedSums<K> sums;
-  std::array<double, K> t{};
-  sum_moments(sums, t, points, weights, terms);
-  std::array<double, K> out;
-  for (std::size_t j = 0; j < K; ++j)
-    out[j] = sums[j].value();
-  return out;
-}
+/// Where a linear least-squares system reads its numbers from the moments: the normal matrix
+/// M(i, j) = moment[matrix[i·size + j]], the right-hand side r(i) = sign·moment[rhs[i]], the
+/// sum of squared targets moment[target] and the sum of weights moment[weight].
+struct SystemLayout {
+  int size = 0;
+  std::vector<int> matrix;
+  std::vector<int> rhs;
+  double sign = 1.0;
+  int target = -1;
+  int weight = 0;
+};
 
-/// Solves the normal equations m·x = r with full-pivoting LU. A matrix that the decomposition
-/// finds singular has no solution: x is filled with NaN and the call returns false.
-bool solve_normal(const Eigen::MatrixXd& m, const Eigen::VectorXd& r, Eigen::VectorXd& x);
+/// Solves the system laid out over `s` with full-pivoting LU into x (NaN and false when the
+/// decomposition finds it singular). With `info`, also fills the fit's statistics: the
+/// residual sum of squares T - 2·xᵀr + xᵀ·M·x (from the moments carried to extended precision),
+/// σ² = RSS / (count - size), covariance σ²·M⁻¹, RMS sqrt(RSS / Σw), the count of points used.
+/// `unit` divides the residuals (the polynomial's y scale). A failed solve clears `info`.
+bool solve_system(const Moments& s, const SystemLayout& layout, Eigen::VectorXd& x, FitInfo* info,
+                  double unit = 1.0);
+
+/// Fills `info` from a solved system: x its solution, `inverse` M⁻¹ (see solve_system).
+void fit_statistics(const Moments& s, const SystemLayout& layout, const Eigen::VectorXd& x,
+                    const Eigen::MatrixXd& inverse, FitInfo& info, double unit = 1.0);
+
+/// The layouts of the polynomial of degree n (highest power first).
+SystemLayout polynomial_layout(int degree);
 
 /// Fits y·scale = Σ c[i]·x^(n-i) (highest power first) to 2-D points. Returns false, with
-/// `coef` left empty, for a negative degree, fewer points than coefficients or a singular
-/// system.
+/// `coef` left empty (and `info` cleared), for a negative degree, fewer points than
+/// coefficients or a singular system.
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
                     const std::vector<Eigen::Matrix<double, 2, 1>>& points,
-                    const std::vector<double>* weights);
+                    const std::vector<double>* weights, FitInfo* info);
 
 /// The one robust reweighting step: residuals of `fit`, a Tukey biweight with threshold
 /// MAD/0.6745·k + median |residual|, and `refit(weights)`. A fit without residuals (no fit)
@@ -88,7 +99,7 @@ void reweight_once(Fit& fit, const Points& points, double k, Refit refit) {
   const double m = RobustM::get_med(d);
   const double s = RobustM::get_mad(d, m);
   RobustM weights;
-  weights.estimate(d, (s / 0.6745) * k + m);
+  static_cast<void>(weights.estimate(d, (s / 0.6745) * k + m));
   refit(*weights);
 }
 

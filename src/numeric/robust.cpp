@@ -50,10 +50,10 @@ T median_abs(const std::vector<T>& d, T m) {
 }  // namespace
 
 RobustM::RobustM(const std::vector<double>& d, double c) {
-  estimate(d, c);
+  static_cast<void>(estimate(d, c));
 }
 RobustM::RobustM(const std::vector<float>& d, float c) {
-  estimate(d, c);
+  static_cast<void>(estimate(d, c));
 }
 
 void RobustM::swap(RobustM& other) noexcept {

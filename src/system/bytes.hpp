@@ -11,8 +11,8 @@ namespace quib::detail {
 // The value of `v` with its bytes in the opposite order (integers and IEEE floats alike).
 template <class T>
 inline T byte_swapped(T v) {
-  static_assert(std::is_trivially_copyable_v<T> && (sizeof(T) == 1 || sizeof(T) == 2 ||
-                                                    sizeof(T) == 4 || sizeof(T) == 8));
+  static_assert(std::is_trivially_copyable_v<T> &&
+                (sizeof(T) == 1 || sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8));
   if constexpr (sizeof(T) == 1) {
     return v;
   } else if constexpr (sizeof(T) == 2) {

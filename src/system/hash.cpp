@@ -1,4 +1,5 @@
-// The 64-bit hash and SHA-256 through OpenSSL's EVP interface.
+// The 64-bit hash and SHA-256 through OpenSSL's EVP interface, both taken in pieces; the
+// one-shot compute functions are built on the same objects.
 #include <quib/hash.hpp>
 
 #include "system/utf8.hpp"
@@ -7,7 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <stdexcept>
+#include <utility>
 
 namespace quib {
 namespace {
@@ -35,18 +36,17 @@ std::basic_string<Char> hex_text(unsigned char const* bytes, std::size_t count) 
   return text;
 }
 
+void big_endian_bytes(std::uint64_t h, unsigned char* out) {
+  for (int i = 0; i < 8; ++i)
+    out[i] = static_cast<unsigned char>(h >> (56 - 8 * i));
+}
+
 template <class Char>
 std::basic_string<Char> hex_text(std::uint64_t h) {
   unsigned char bytes[8];
-  for (int i = 0; i < 8; ++i)
-    bytes[i] = static_cast<unsigned char>(h >> (56 - 8 * i));
+  big_endian_bytes(h, bytes);
   return hex_text<Char>(bytes, 8);
 }
-
-// A failed step of the digest sequence; never leaves this file.
-struct DigestError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 class EvpEngine final : public detail::DigestEngine {
  public:
@@ -69,100 +69,186 @@ class EvpEngine final : public detail::DigestEngine {
   EVP_MD_CTX* context = nullptr;
 };
 
-bool sha256_bytes(std::vector<unsigned char>& out, unsigned char const* data, std::size_t size) {
-  EvpEngine engine;
-  return detail::run_sha256(engine, out, data, size);
-}
+// The failure lines of each step, in the order acquire, create, update, finish: what failed
+// on this platform, and the lines the one-shot functions have always written.
+char const* const kEvpMessages[] = {
+    "sha256: EVP_MD_CTX_new failed", "sha256: EVP_DigestInit_ex failed",
+    "sha256: EVP_DigestUpdate failed", "sha256: EVP_DigestFinal_ex failed"};
+char const* const kComputeMessages[] = {"error CryptAcquireContext()", "error CryptCreateHash()",
+                                        "error CryptHashData()", "error CryptGetHashParam()"};
+
+enum step : int { acquire_step, create_step, update_step, finish_step };
 
 }  // namespace
 
 namespace detail {
 
-bool run_sha256(DigestEngine& engine, std::vector<unsigned char>& out, unsigned char const* data,
-                std::size_t size) {
-  try {
-    if (!engine.acquire()) throw DigestError("error CryptAcquireContext()");
-    if (!engine.create()) throw DigestError("error CryptCreateHash()");
-    if (!engine.update(data, size)) throw DigestError("error CryptHashData()");
-    out.resize(32);
-    if (!engine.finish(out.data())) throw DigestError("error CryptGetHashParam()");
-    return true;
-  } catch (DigestError const& e) {
-    std::fprintf(stderr, "%s\n", e.what());
-    return false;
+struct HasherAccess {
+  static sha256::Hasher make(std::unique_ptr<DigestEngine> engine, char const* const* messages) {
+    return sha256::Hasher(std::move(engine), messages);
   }
-}
+};
 
-std::string to_utf8(std::wstring const& in) {
-  // Surrogate pairs are joined whatever the width of wchar_t; lone surrogates and values
-  // beyond U+10FFFF become U+FFFD.
-  std::string out;
-  out.reserve(in.size());
-  const std::wstring_view view(in);
-  for (std::size_t i = 0; i < view.size(); ++i)
-    append_utf8(out, join_surrogates(view, i));
-  return out;
+bool run_sha256(std::unique_ptr<DigestEngine> engine, std::vector<unsigned char>& out,
+                unsigned char const* data, std::size_t size) {
+  sha256::Hasher hasher = HasherAccess::make(std::move(engine), kComputeMessages);
+  return hasher.update(data, size) && hasher.final(out);
 }
 
 }  // namespace detail
 
 namespace hash {
 
+void Hasher::update(void const* data, std::size_t size) {
+  auto const* bytes = static_cast<unsigned char const*>(data);
+  std::uint64_t value = h;
+  for (std::size_t i = 0; i < size; ++i)
+    value = mix(value, bytes[i]);
+  h = value;
+}
+
+void Hasher::update(std::string_view chars) {
+  std::uint64_t value = h;
+  for (char c : chars) {
+    // Sign-extended whatever the signedness of char on this platform.
+    auto const e = static_cast<std::int64_t>(static_cast<signed char>(c));
+    value = mix(value, static_cast<std::uint64_t>(e));
+  }
+  h = value;
+}
+
+void Hasher::update(std::wstring_view text) {
+  std::uint64_t value = h;
+  for (wchar_t wc : text) {
+    std::uint32_t const c = code_point(wc);
+    if (c < 0x10000) {
+      value = mix(value, c);
+    } else {
+      std::uint32_t const v = c - 0x10000;
+      value = mix(value, 0xD800 + (v >> 10));
+      value = mix(value, 0xDC00 + (v & 0x3FF));
+    }
+  }
+  h = value;
+}
+
+std::uint64_t Hasher::final() {
+  return std::exchange(h, 0);
+}
+
 bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in) {
-  std::uint64_t h = 0;
-  for (unsigned char byte : in)
-    h = mix(h, byte);
+  Hasher hasher;
+  hasher.update(in.data(), in.size());
   out.resize(8);
-  for (int i = 0; i < 8; ++i)
-    out[static_cast<std::size_t>(i)] = static_cast<unsigned char>(h >> (56 - 8 * i));
+  big_endian_bytes(hasher.final(), out.data());
   return true;
 }
 
 std::string compute(std::string const& in) {
-  std::uint64_t h = 0;
-  for (char c : in) {
-    // Sign-extended whatever the signedness of char on this platform.
-    auto const e = static_cast<std::int64_t>(static_cast<signed char>(c));
-    h = mix(h, static_cast<std::uint64_t>(e));
-  }
-  return hex_text<char>(h);
+  Hasher hasher;
+  hasher.update(std::string_view(in));
+  return hex_text<char>(hasher.final());
 }
 
 std::wstring compute(std::wstring const& in) {
-  std::uint64_t h = 0;
-  for (wchar_t wc : in) {
-    std::uint32_t const c = code_point(wc);
-    if (c < 0x10000) {
-      h = mix(h, c);
-    } else {
-      std::uint32_t const v = c - 0x10000;
-      h = mix(h, 0xD800 + (v >> 10));
-      h = mix(h, 0xDC00 + (v & 0x3FF));
-    }
-  }
-  return hex_text<wchar_t>(h);
+  Hasher hasher;
+  hasher.update(std::wstring_view(in));
+  return hex_text<wchar_t>(hasher.final());
 }
 
 }  // namespace hash
 
 namespace sha256 {
 
+Hasher::Hasher() : Hasher(std::make_unique<EvpEngine>(), kEvpMessages) {}
+
+Hasher::Hasher(std::unique_ptr<detail::DigestEngine> e) : Hasher(std::move(e), kEvpMessages) {}
+
+Hasher::Hasher(std::unique_ptr<detail::DigestEngine> e, step_messages m)
+    : engine(std::move(e)), messages(m) {}
+
+Hasher::Hasher(Hasher&& other) noexcept
+    : engine(std::move(other.engine)),
+      messages(other.messages),
+      acquired(std::exchange(other.acquired, false)),
+      running(std::exchange(other.running, false)),
+      failed(std::exchange(other.failed, false)) {}
+
+Hasher& Hasher::operator=(Hasher&& other) noexcept {
+  engine = std::move(other.engine);
+  messages = other.messages;
+  acquired = std::exchange(other.acquired, false);
+  running = std::exchange(other.running, false);
+  failed = std::exchange(other.failed, false);
+  return *this;
+}
+
+Hasher::~Hasher() = default;
+
+bool Hasher::fail(int which) {
+  std::fprintf(stderr, "%s\n", messages[which]);
+  failed = true;
+  running = false;
+  return false;
+}
+
+// Acquires the engine once per object and begins a digest once per final(); a failure is
+// reported once and holds until final().
+bool Hasher::start() {
+  if (failed) return false;
+  if (!acquired) {
+    if (!engine || !engine->acquire()) return fail(acquire_step);
+    acquired = true;
+  }
+  if (!running) {
+    if (!engine->create()) return fail(create_step);
+    running = true;
+  }
+  return true;
+}
+
+bool Hasher::update(void const* data, std::size_t size) {
+  if (!start()) return false;
+  if (!engine->update(static_cast<unsigned char const*>(data), size)) return fail(update_step);
+  return true;
+}
+
+bool Hasher::final(std::vector<unsigned char>& out) {
+  bool ok = start();
+  if (ok) {
+    out.resize(32);
+    ok = engine->finish(out.data()) || fail(finish_step);
+  }
+  running = false;  // the next update begins a new digest
+  failed = false;
+  return ok;
+}
+
+std::string Hasher::final_hex() {
+  std::vector<unsigned char> digest;
+  if (!final(digest)) return {};
+  return hex_text<char>(digest.data(), digest.size());
+}
+
 bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in) {
-  return sha256_bytes(out, in.data(), in.size());
+  return detail::run_sha256(std::make_unique<EvpEngine>(), out, in.data(), in.size());
 }
 
 std::string compute(std::string const& in) {
   std::vector<unsigned char> digest;
-  if (!sha256_bytes(digest, reinterpret_cast<unsigned char const*>(in.data()), in.size())) {
+  if (!detail::run_sha256(std::make_unique<EvpEngine>(), digest,
+                          reinterpret_cast<unsigned char const*>(in.data()), in.size())) {
     return {};
   }
   return hex_text<char>(digest.data(), digest.size());
 }
 
 std::wstring compute(std::wstring const& in) {
-  std::string const utf8 = detail::to_utf8(in);
+  // The same bytes as convert::to_string gives: unpaired surrogates become U+FFFD.
+  std::string const utf8 = *detail::utf8_from_wide(in, detail::on_invalid::replace);
   std::vector<unsigned char> digest;
-  if (!sha256_bytes(digest, reinterpret_cast<unsigned char const*>(utf8.data()), utf8.size())) {
+  if (!detail::run_sha256(std::make_unique<EvpEngine>(), digest,
+                          reinterpret_cast<unsigned char const*>(utf8.data()), utf8.size())) {
     return {};
   }
   return hex_text<wchar_t>(digest.data(), digest.size());

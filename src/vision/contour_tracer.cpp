@@ -1,5 +1,7 @@
 #include <quib/contour.hpp>
 
+#include <opencv2/imgproc.hpp>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -136,14 +138,8 @@ inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned ch
     const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
     const unsigned differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
     const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
-    unsigned edges = differs & ~((differs << 1) | before);
-    if (edges != 0) {
-      while ((edges & 1u) == 0) {
-        edges >>= 1;
-        ++x;
-      }
-      return x;
-    }
+    const unsigned edges = differs & ~((differs << 1) | before);
+    if (edges != 0) return x + __builtin_ctz(edges);
   }
 #endif
   const std::uint64_t blank_word = 0x0101010101010101ull * blank;
@@ -155,6 +151,158 @@ inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned ch
     if (row[x] != blank && (x == 0 || row[x - 1] == blank)) return x;
   }
   return cols;
+}
+
+// out[i] = value wherever canvas[i] is not 2 (outside), for i < n.
+inline void write_unless_outside(unsigned char* out, unsigned char const* canvas, int n,
+                                 unsigned char value) {
+  int i = 0;
+#if defined(__SSE2__)
+  const __m128i outside = _mm_set1_epi8(2);
+  const __m128i values = _mm_set1_epi8(static_cast<char>(value));
+  for (; i + 16 <= n; i += 16) {
+    const __m128i keep =
+        _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<__m128i const*>(canvas + i)), outside);
+    const __m128i old = _mm_loadu_si128(reinterpret_cast<__m128i const*>(out + i));
+    const __m128i merged = _mm_or_si128(_mm_and_si128(keep, old), _mm_andnot_si128(keep, values));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), merged);
+  }
+#endif
+  for (; i < n; ++i) {
+    if (canvas[i] != 2) out[i] = value;
+  }
+}
+
+// Marks a traced boundary and everything it encloses with `value`. The boundary is a closed
+// chain of pixels listed once each: consecutive points that are not neighbours are not joined,
+// since the trace passed through listed pixels between them.
+bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigned char value) {
+  const cv::Rect bounds(0, 0, target.cols, target.rows);
+  int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
+  for (cv::Point const& p : contour) {
+    if (!bounds.contains(p)) continue;
+    x0 = std::min(x0, p.x);
+    y0 = std::min(y0, p.y);
+    x1 = std::max(x1, p.x);
+    y1 = std::max(y1, p.y);
+  }
+  if (x0 > x1) return false;  // no point inside the target
+
+  // A canvas over the bounding rectangle: 1 marks the outline, 2 the outside. A closed
+  // 8-connected chain of pixels cannot be crossed by a 4-connected path, so what is not outside
+  // is the outline and the pixels it encloses. On each row, everything left of the first
+  // outline pixel and right of the last one is outside without looking (as are the rows
+  // beyond the rectangle); only the zeros between them need telling apart. An outside one is
+  // reached from there through a vertical step (a horizontal step meets the first or last
+  // outline pixel), so those steps seed a span flood, which for a convex region never runs.
+  const int w = x1 - x0 + 1;
+  const int h = y1 - y0 + 1;
+  const std::ptrdiff_t pitch = w;
+  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * h, 0);
+  std::vector<int> first(static_cast<std::size_t>(h), INT_MAX);
+  std::vector<int> last(static_cast<std::size_t>(h), INT_MIN);
+  for (cv::Point const& p : contour) {
+    if (!bounds.contains(p)) continue;
+    const int y = p.y - y0;
+    const int x = p.x - x0;
+    canvas[y * pitch + x] = 1;
+    first[y] = std::min(first[y], x);
+    last[y] = std::max(last[y], x);
+  }
+  unsigned char* const cells = canvas.data();
+  // Whether (x, y) is a zero between the row's first and last outline pixels.
+  auto open = [&](int x, int y) {
+    return x > first[y] && x < last[y] && cells[y * pitch + x] == 0;
+  };
+  std::vector<cv::Point> pending;
+  for (int y = 0; y < h; ++y) {
+    if (first[y] >= last[y]) continue;
+    for (int ny : {y - 1, y + 1}) {
+      // The columns of this row's inner part that lie outside the neighbour row's outline.
+      int lo1 = first[y] + 1, hi1 = last[y] - 1;  // all of them when there is no neighbour
+      int lo2 = 1, hi2 = 0;
+      if (ny >= 0 && ny < h && first[ny] <= last[ny]) {
+        hi1 = std::min(hi1, first[ny] - 1);
+        lo2 = std::max(first[y] + 1, last[ny] + 1);
+        hi2 = last[y] - 1;
+      }
+      for (int x = lo1; x <= hi1; ++x)
+        if (cells[y * pitch + x] == 0) pending.emplace_back(x, y);
+      for (int x = lo2; x <= hi2; ++x)
+        if (cells[y * pitch + x] == 0) pending.emplace_back(x, y);
+    }
+  }
+  // A span flood over the inner zeros: fill the whole run around a seed, then seed the runs
+  // above and below it.
+  while (!pending.empty()) {
+    const cv::Point seed = pending.back();
+    pending.pop_back();
+    if (!open(seed.x, seed.y)) continue;
+    unsigned char* row = cells + seed.y * pitch;
+    int left = seed.x;
+    int right = seed.x;
+    while (open(left - 1, seed.y))
+      --left;
+    while (open(right + 1, seed.y))
+      ++right;
+    std::memset(row + left, 2, static_cast<std::size_t>(right - left + 1));
+    for (int ny : {seed.y - 1, seed.y + 1}) {
+      if (ny < 0 || ny >= h) continue;
+      int x = std::max(left, first[ny] + 1);
+      const int end = std::min(right, last[ny] - 1);
+      while (x <= end) {
+        if (!open(x, ny)) {
+          ++x;
+          continue;
+        }
+        pending.emplace_back(x, ny);  // one seed per free run
+        while (x <= end && open(x, ny))
+          ++x;
+      }
+    }
+  }
+  for (int y = 0; y < h; ++y) {
+    if (first[y] <= last[y]) {
+      unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
+      write_unless_outside(out + first[y], cells + y * pitch + first[y], last[y] - first[y] + 1,
+                           value);
+    }
+  }
+  return true;
+}
+
+// The polygon cut to the rectangle [x, x + width] x [y, y + height] (Sutherland-Hodgman, one
+// side after another); a polygon of any shape keeps its part inside the rectangle.
+std::vector<cv::Point2d> clip_polygon(std::vector<cv::Point> const& contour, cv::Rect2d const& r) {
+  std::vector<cv::Point2d> polygon(contour.begin(), contour.end());
+  std::vector<cv::Point2d> next;
+  for (int side = 0; side < 4 && !polygon.empty(); ++side) {
+    // Signed distance inside the side (>= 0 inside).
+    auto inside = [&](cv::Point2d const& p) {
+      switch (side) {
+        case 0:
+          return p.x - r.x;
+        case 1:
+          return r.x + r.width - p.x;
+        case 2:
+          return p.y - r.y;
+        default:
+          return r.y + r.height - p.y;
+      }
+    };
+    next.clear();
+    cv::Point2d previous = polygon.back();
+    double dp = inside(previous);
+    for (cv::Point2d const& p : polygon) {
+      const double d = inside(p);
+      if ((d >= 0) != (dp >= 0)) next.push_back(previous + (p - previous) * (dp / (dp - d)));
+      if (d >= 0) next.push_back(p);
+      previous = p;
+      dp = d;
+    }
+    polygon.swap(next);
+  }
+  return polygon;
 }
 
 }  // namespace
@@ -210,7 +358,7 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
     for (x = next_left_edge(row, x, cols, blank); x < cols;
          x = next_left_edge(row, x + 1, cols, blank)) {
       if (trace(contour, cv::Point(x, y), blank)) {
-        fill(mask_, contour, F_MASK, F_BLANK);
+        mark_traced(mask_, contour, F_MASK);
         position = x + 1 < cols ? cv::Point(x + 1, y) : cv::Point(0, y + 1);
         return true;
       }
@@ -302,67 +450,45 @@ std::pair<bool, std::ptrdiff_t> ContourTracer::check_one(cv::Point const& c, int
 
 bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
                          unsigned char value, unsigned char /*background*/) {
-  if (!is_gray8(target) || target.empty()) return false;
-  const cv::Rect bounds(0, 0, target.cols, target.rows);
-  int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
+  if (!is_gray8(target) || target.empty() || contour.empty()) return false;
+  std::int64_t x0 = INT64_MAX, y0 = INT64_MAX, x1 = INT64_MIN, y1 = INT64_MIN;
   for (cv::Point const& p : contour) {
-    if (!bounds.contains(p)) continue;
-    x0 = std::min(x0, p.x);
-    y0 = std::min(y0, p.y);
-    x1 = std::max(x1, p.x);
-    y1 = std::max(y1, p.y);
+    x0 = std::min<std::int64_t>(x0, p.x);
+    y0 = std::min<std::int64_t>(y0, p.y);
+    x1 = std::max<std::int64_t>(x1, p.x);
+    y1 = std::max<std::int64_t>(y1, p.y);
   }
-  if (x0 > x1) return false;  // no point inside the target
+  // The part of the target that the polygon's bounding box covers.
+  const int left = static_cast<int>(std::max<std::int64_t>(x0, 0));
+  const int top = static_cast<int>(std::max<std::int64_t>(y0, 0));
+  const int right = static_cast<int>(std::min<std::int64_t>(x1, target.cols - 1));
+  const int bottom = static_cast<int>(std::min<std::int64_t>(y1, target.rows - 1));
+  if (left > right || top > bottom) return false;
+  const cv::Rect area(left, top, right - left + 1, bottom - top + 1);
 
-  // A canvas over the bounding rectangle with one free pixel all round: 1 marks the outline,
-  // and a 4-connected flood from the free frame marks the outside with 2. A closed 8-connected
-  // chain of pixels cannot be crossed by a 4-connected flood, so what stays below 2 is the
-  // outline and the pixels it encloses.
-  const int w = x1 - x0 + 1;
-  const int h = y1 - y0 + 1;
-  const std::ptrdiff_t pitch = w + 2;
-  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * (h + 2), 0);
-  for (cv::Point const& p : contour) {
-    if (bounds.contains(p)) canvas[(p.y - y0 + 1) * pitch + (p.x - x0 + 1)] = 1;
+  // OpenCV's polygon filler works in 16.16 fixed point, so a polygon reaching far outside is
+  // first clipped to one pixel around the area; inside the area it is the same polygon.
+  std::vector<cv::Point> polygon;
+  polygon.reserve(contour.size());
+  if (x0 >= left - 1 && y0 >= top - 1 && x1 <= right + 1 && y1 <= bottom + 1) {
+    for (cv::Point const& p : contour)
+      polygon.emplace_back(p.x - left, p.y - top);
+  } else {
+    std::vector<cv::Point2d> clipped = clip_polygon(
+        contour, cv::Rect2d(left - 1.0, top - 1.0, area.width + 1.0, area.height + 1.0));
+    for (cv::Point2d const& p : clipped)
+      polygon.emplace_back(cvRound(p.x) - left, cvRound(p.y) - top);
   }
-  // A span flood: fill the whole free run around a seed, then seed the free runs above and
-  // below it.
-  const int rows = h + 2;
-  unsigned char* const cells = canvas.data();
-  std::vector<cv::Point> pending{cv::Point(0, 0)};
-  while (!pending.empty()) {
-    const cv::Point seed = pending.back();
-    pending.pop_back();
-    unsigned char* row = cells + seed.y * pitch;
-    if (row[seed.x] != 0) continue;
-    int left = seed.x;
-    int right = seed.x;
-    while (left > 0 && row[left - 1] == 0)
-      --left;
-    while (right + 1 < pitch && row[right + 1] == 0)
-      ++right;
-    std::memset(row + left, 2, static_cast<std::size_t>(right - left + 1));
-    for (int ny : {seed.y - 1, seed.y + 1}) {
-      if (ny < 0 || ny >= rows) continue;
-      const unsigned char* next = cells + ny * pitch;
-      int x = left;
-      while (x <= right) {
-        if (next[x] != 0) {
-          ++x;
-          continue;
-        }
-        pending.emplace_back(x, ny);  // one seed per free run
-        while (x <= right && next[x] == 0)
-          ++x;
-      }
-    }
-  }
-  for (int y = 0; y < h; ++y) {
-    const unsigned char* in = canvas.data() + (y + 1) * pitch + 1;
-    unsigned char* out = target.ptr<unsigned char>(y0 + y) + x0;
-    for (int x = 0; x < w; ++x)
-      out[x] = in[x] != 2 ? value : out[x];
-  }
+  if (polygon.empty()) return false;
+
+  // Drawn on a canvas over the area, so that what was written can be told: the inside as
+  // cv::fillPoly fills it, and the outline as cv::polylines draws it.
+  cv::Mat canvas = cv::Mat::zeros(area.size(), CV_8UC1);
+  std::vector<std::vector<cv::Point>> const polygons{polygon};
+  cv::fillPoly(canvas, polygons, cv::Scalar(1), cv::LINE_8);
+  cv::polylines(canvas, polygons, true, cv::Scalar(1), 1, cv::LINE_8);
+  if (cv::countNonZero(canvas) == 0) return false;
+  target(area).setTo(cv::Scalar(value), canvas);
   return true;
 }
 

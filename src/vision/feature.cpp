@@ -1,6 +1,7 @@
 #include <quib/feature.hpp>
 
 #include <opencv2/calib3d.hpp>
+#include <opencv2/flann.hpp>
 
 #include <algorithm>
 #include <array>
@@ -70,6 +71,23 @@ int homography_method(Feature::find_t method) {
   }
 }
 
+// The matcher of `type`. FLANN's default KD-trees take float descriptors only; binary ones get
+// its locality-sensitive hashing index.
+cv::Ptr<cv::DescriptorMatcher> make_matcher(Feature::match_t type, cv::Mat const& descriptors) {
+  if (type == Feature::MATCH_FLANN_BASED && descriptors.depth() == CV_8U) {
+    return cv::makePtr<cv::FlannBasedMatcher>(cv::makePtr<cv::flann::LshIndexParams>(12, 20, 2));
+  }
+  return cv::DescriptorMatcher::create(matcher_name(type));
+}
+
+// The hashing index may find no neighbour for a query; such entries carry index -1.
+void drop_unmatched(std::vector<cv::DMatch>& matches) {
+  matches.erase(
+      std::remove_if(matches.begin(), matches.end(),
+                     [](cv::DMatch const& m) { return m.trainIdx < 0 || m.queryIdx < 0; }),
+      matches.end());
+}
+
 bool in_range(int index, std::size_t size) {
   return index >= 0 && static_cast<std::size_t>(index) < size;
 }
@@ -91,6 +109,15 @@ bool Feature::detect(std::vector<cv::KeyPoint>& keypoints, Image const& image) {
   return detect(keypoints, view(image));
 }
 
+bool Feature::detect_and_compute(std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors,
+                                 cv::Mat const& image) {
+  keypoints.clear();
+  descriptors.release();
+  if (!usable(image)) return false;
+  engine->detectAndCompute(image, cv::noArray(), keypoints, descriptors);
+  return !descriptors.empty();
+}
+
 bool Feature::compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints,
                       cv::Mat const& image) {
   descriptors.release();
@@ -108,8 +135,22 @@ bool Feature::match(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors
                     cv::Mat const& descriptors2, match_t type) const {
   matches.clear();
   if (descriptors1.empty() || descriptors2.empty()) return false;
-  cv::Ptr<cv::DescriptorMatcher> matcher = cv::DescriptorMatcher::create(matcher_name(type));
-  matcher->match(descriptors1, descriptors2, matches);
+  make_matcher(type, descriptors1)->match(descriptors1, descriptors2, matches);
+  drop_unmatched(matches);
+  return !matches.empty();
+}
+
+bool Feature::match_ratio(std::vector<cv::DMatch>& matches, cv::Mat const& descriptors1,
+                          cv::Mat const& descriptors2, match_t type, double ratio) const {
+  matches.clear();
+  if (descriptors1.empty() || descriptors2.empty()) return false;
+  std::vector<std::vector<cv::DMatch>> candidates;
+  make_matcher(type, descriptors1)->knnMatch(descriptors1, descriptors2, candidates, 2);
+  for (std::vector<cv::DMatch> const& c : candidates) {
+    if (c.empty() || c[0].trainIdx < 0) continue;
+    if (c.size() < 2 || c[1].trainIdx < 0 || c[0].distance < ratio * c[1].distance)
+      matches.push_back(c[0]);
+  }
   return !matches.empty();
 }
 
@@ -184,15 +225,23 @@ bool Feature::find_perspective_matrix(cv::Mat& homography,
 
 bool Feature::find(cv::Mat& homography, cv::Mat const& image1, cv::Mat const& image2, double limit,
                    double ratio, match_t type, find_t method) {
+  Data data;
+  return find(homography, data, image1, image2, limit, ratio, type, method);
+}
+
+bool Feature::find(cv::Mat& homography, Data& data, cv::Mat const& image1, cv::Mat const& image2,
+                   double limit, double ratio, match_t type, find_t method) {
   homography.release();
+  data = Data();
   std::vector<cv::KeyPoint> keypoints1;
   std::vector<cv::KeyPoint> keypoints2;
-  if (!detect(keypoints1, image1) || !detect(keypoints2, image2)) return false;
-
   cv::Mat descriptors1;
   cv::Mat descriptors2;
-  if (!compute(descriptors1, keypoints1, image1) || !compute(descriptors2, keypoints2, image2))
-    return false;
+  const bool found1 = detect_and_compute(keypoints1, descriptors1, image1);
+  const bool found2 = detect_and_compute(keypoints2, descriptors2, image2);
+  data.keypoints1 = static_cast<int>(keypoints1.size());
+  data.keypoints2 = static_cast<int>(keypoints2.size());
+  if (!found1 || !found2) return false;
 
   std::vector<cv::DMatch> matches;
   if (!match(matches, descriptors1, descriptors2, type)) return false;
@@ -205,8 +254,40 @@ bool Feature::find(cv::Mat& homography, cv::Mat const& image1, cv::Mat const& im
   if (!(threshold >= spread.x)) threshold = spread.x;
   if (threshold > spread.y) threshold = spread.y;
   if (!extract_hamming_distance(matches, matches, threshold)) return false;
+  data.matches = static_cast<int>(matches.size());
 
-  return find_perspective_matrix(homography, keypoints1, keypoints2, matches, method);
+  if (!find_perspective_matrix(homography, keypoints1, keypoints2, matches, method)) return false;
+  std::tie(data.inliers, data.error) =
+      measure_inliers(homography, keypoints1, keypoints2, matches, 3.0);
+  return true;
+}
+
+std::pair<int, double> Feature::measure_inliers(cv::Mat const& homography,
+                                                std::vector<cv::KeyPoint> const& keypoints1,
+                                                std::vector<cv::KeyPoint> const& keypoints2,
+                                                std::vector<cv::DMatch> const& matches,
+                                                double threshold) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  if (homography.rows != 3 || homography.cols != 3 || homography.channels() != 1) return {0, nan};
+  cv::Matx33d h;
+  homography.convertTo(cv::Mat(h, false), CV_64F);
+  int count = 0;
+  double sum = 0;
+  for (cv::DMatch const& m : matches) {
+    if (!in_range(m.queryIdx, keypoints1.size()) || !in_range(m.trainIdx, keypoints2.size()))
+      continue;
+    const cv::Point2f a = keypoints1[static_cast<std::size_t>(m.queryIdx)].pt;
+    const cv::Point2f b = keypoints2[static_cast<std::size_t>(m.trainIdx)].pt;
+    const cv::Vec3d p = h * cv::Vec3d(a.x, a.y, 1.0);
+    const double dx = p[0] / p[2] - b.x;
+    const double dy = p[1] / p[2] - b.y;
+    const double e2 = dx * dx + dy * dy;
+    if (e2 <= threshold * threshold) {  // false for NaN
+      ++count;
+      sum += e2;
+    }
+  }
+  return {count, count > 0 ? std::sqrt(sum / count) : nan};
 }
 
 bool Feature::find(cv::Mat& homography, Image const& image1, Image const& image2, double limit,

@@ -1,12 +1,17 @@
+#include <quib/convert.hpp>
 #include <quib/projection.hpp>
+
+#include "vision/camera_file.hpp"
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/persistence.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <utility>
 
 namespace quib {
@@ -25,30 +30,6 @@ cv::Mat header(int rows, int cols, double const* data) {
   return cv::Mat(rows, cols, CV_64F, const_cast<double*>(data));
 }
 
-// Reads the first N values of a double matrix node. Everything about the node is checked
-// before OpenCV is asked to materialise it, so a lying rows/cols pair cannot make it
-// allocate more than the node's data holds.
-template <std::size_t N>
-bool read_matrix(cv::FileNode const& node, double (&out)[N]) {
-  if (!node.isMap()) return false;
-  cv::FileNode const rows = node["rows"];
-  cv::FileNode const cols = node["cols"];
-  cv::FileNode const dt = node["dt"];
-  cv::FileNode const data = node["data"];
-  if (!rows.isInt() || !cols.isInt() || !dt.isString() || !data.isSeq()) return false;
-  if (dt.string() != "d") return false;  // only double elements
-  const std::int64_t r = static_cast<int>(rows);
-  const std::int64_t c = static_cast<int>(cols);
-  if (r <= 0 || c <= 0 || r * c != static_cast<std::int64_t>(data.size())) return false;
-  if (r * c < static_cast<std::int64_t>(N)) return false;
-  cv::Mat m;
-  node >> m;
-  if (m.type() != CV_64FC1 || !m.isContinuous() || m.total() < N) return false;
-  double const* p = m.ptr<double>();
-  std::copy(p, p + N, std::begin(out));
-  return true;
-}
-
 // Reads a whole regular file into memory; a camera file is well under 2 KB, so anything
 // over a megabyte is refused rather than read. Directories, pipes and devices are refused
 // too, so the reader never waits or logs about them.
@@ -63,60 +44,14 @@ bool read_text(std::string const& path, std::string& text) {
   return !in.bad() && text.size() <= (1u << 20);
 }
 
-// OpenCV's YAML reader loops forever when, after the first collection, it looks for the next
-// document and finds a '-' that does not start "---". A camera file is one block mapping
-// whose keys start in column 0, so YAML text (anything not XML or JSON) is accepted only in
-// that shape: directives and one "---" before the first key, no second document marker, and
-// no column-0 line that starts a sequence or a flow collection. The mapping then runs to the
-// end of the text, and the reader never goes looking for another document.
-bool safe_for_reader(std::string const& text) {
-  // A camera file is plain text; OpenCV's XML reader dereferences null on embedded NUL and
-  // other control bytes, so they never reach it.
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
-  }
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string::npos) return false;
-  if (text[first] == '<' || text[first] == '{') return true;  // XML or JSON
-  bool marker = false;
-  bool started = false;
-  std::size_t at = 0;
-  while (at < text.size()) {
-    std::size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    const std::string line = text.substr(at, end - at);
-    at = end + 1;
-    const std::size_t p = line.find_first_not_of(" \t\r");
-    if (p == std::string::npos || line[p] == '#') continue;
-    if (p == 0 && (line.compare(0, 3, "---") == 0 || line.compare(0, 3, "...") == 0)) {
-      const std::size_t rest = line.find_first_not_of(" \t\r", 3);
-      if (started || marker || line[0] == '.' || (rest != std::string::npos && line[rest] != '#')) {
-        return false;
-      }
-      marker = true;
-      continue;
-    }
-    if (p == 0 && line[0] == '%' && !started && !marker) continue;  // a directive
-    if (p == 0) {
-      if (line[0] == '-' || line[0] == '[' || line[0] == '{') return false;
-      started = true;
-    } else if (!started) {
-      return false;  // indented content before the first key
-    }
-  }
-  return started;
-}
-
-// Reads an optional integer: absent gives 0, any other node type fails.
-bool read_int(cv::FileNode const& node, int& out) {
-  if (node.empty() || node.isNone()) {
-    out = 0;
-    return true;
-  }
-  if (!node.isInt()) return false;
-  out = static_cast<int>(node);
-  return true;
+// The file system's name for a wide path, or nothing when the path holds something that is no
+// character (an unpaired surrogate, a value past U+10FFFF): such a name names no file. The
+// conversion replaces exactly those with U+FFFD, so they are the names that do not survive
+// the round trip.
+std::optional<std::string> native_name(std::wstring const& wide) {
+  std::string narrow = convert::to_string(wide);
+  if (convert::to_wstring(narrow) != wide) return std::nullopt;
+  return narrow;
 }
 
 // A cv::Mat header over an image's pixels; 16-bit images are one 16-bit channel. An image
@@ -321,34 +256,81 @@ void Projection::undistort(Image& img) const {
   if (!result.empty()) result.copyTo(view);
 }
 
+bool Projection::get_difference(Projection const& other, Difference& out, int columns,
+                                int rows) const {
+  if (empty() || other.empty() || columns <= 0 || rows <= 0) return false;
+  if (static_cast<std::int64_t>(columns) * rows > 1000000) return false;
+  Projection seen(other);
+  seen.resize(size);
+  Difference made;
+  made.columns = columns;
+  made.rows = rows;
+  for (int j = 0; j < rows; ++j) {
+    for (int i = 0; i < columns; ++i) {
+      made.points.emplace_back((i + 0.5) * size.cx / columns, (j + 0.5) * size.cy / rows);
+    }
+  }
+  std::vector<cv::Point2d> rays;
+  cv::undistortPoints(
+      made.points, rays, header(3, 3, matrix), header(1, 4, distortion), cv::noArray(),
+      cv::noArray(), cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 100, 1e-12));
+  std::vector<cv::Point3d> directions;
+  directions.reserve(rays.size());
+  for (cv::Point2d const& r : rays)
+    directions.emplace_back(r.x, r.y, 1.0);
+  std::vector<cv::Point2d> projected;
+  const double zero[3] = {0, 0, 0};
+  cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix),
+                    header(1, 4, seen.distortion), projected);
+  double sum = 0;
+  for (std::size_t k = 0; k < projected.size(); ++k) {
+    made.shifts.push_back(projected[k] - made.points[k]);
+    const double length = std::hypot(made.shifts.back().x, made.shifts.back().y);
+    sum += length * length;
+    made.mean += length;
+    made.max = std::max(made.max, length);
+  }
+  made.rms = std::sqrt(sum / static_cast<double>(projected.size()));
+  made.mean /= static_cast<double>(projected.size());
+  out = std::move(made);
+  return true;
+}
+
 bool Projection::load_setup(std::string const& path) {
   try {
     std::string text;
-    cv::FileStorage fs;
-    if (read_text(path, text) && safe_for_reader(text) &&
-        fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY, "")) {
-      Projection loaded;
-      cv::FileNode const format = fs["format"];
-      if (format.isString() && format.string() == kFormatTag &&
-          read_int(fs["image_width"], loaded.size.cx) &&
-          read_int(fs["image_height"], loaded.size.cy) &&
-          read_matrix(fs["camera_matrix"], loaded.matrix) &&
-          read_matrix(fs["distortion_coefficients"], loaded.distortion) &&
-          read_matrix(fs["rotation_coefficients"], loaded.rotation) &&
-          read_matrix(fs["translation_coefficients"], loaded.translation)) {
-        *this = loaded;
-        return true;
-      }
+    Info loaded{};
+    if (read_text(path, text) && detail::read_camera_file(text, loaded)) {
+      *this = Projection(loaded);
+      return true;
     }
   } catch (...) {
-    // a garbled file is a failed load like any other
+    // allocation failure while reading: a failed load like any other
   }
   reset();
   return false;
 }
 
+bool Projection::load_setup(std::wstring const& path) {
+  const std::optional<std::string> name = native_name(path);
+  if (!name) {
+    reset();
+    return false;
+  }
+  return load_setup(*name);
+}
+
 bool Projection::save_setup(std::string const& path) const {
   return save_setup(path, kFormatTag);
+}
+
+bool Projection::save_setup(std::wstring const& path) const {
+  return save_setup(path, kFormatTag);
+}
+
+bool Projection::save_setup(std::wstring const& path, std::string const& format) const {
+  const std::optional<std::string> name = native_name(path);
+  return name && save_setup(*name, format);
 }
 
 bool Projection::save_setup(std::string const& path, std::string const& format) const {

@@ -195,7 +195,8 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
       "\"a b\"c|\"|1|-2.5|3e2|0x1p3|+4|inf|-nan|1e400|1e-400|1.5abc|-0|.5|1e|"
       "7.|-.25e+1|00012.50|12345678901234567890123|0.1234567890123456789|"
       "9007199254740993|1e22|1e23|2.5e-22|-INF|-0X10|1,5|3.4028235677973366e38|"
-      "1.401298464324817e-45|0.30000001192092896|\xC3\xA4|\xFF|\r|x\ry");
+      "1.401298464324817e-45|0.30000001192092896|\xC3\xA4|\xFF|\r|x\ry|"
+      "nan(4503599627370495)|NaN(a_1)|+.5|+-1|-0x|infinityx");
   for (std::string w; std::getline(vocabulary, w, '|');)
     words.push_back(w);
   const std::vector<std::string> blanks = {" ", "\t", "  ", " \t "};
@@ -221,6 +222,7 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
     quib::Stl mesh;
     ASSERT_EQ(mesh.load(write("odd.stl", text), false), int(expected.points.size() / 3));
     EXPECT_EQ(mesh.get_name(), expected.name);
+    EXPECT_EQ(mesh.info().odd_facets, expected.odd_facets);
     for (std::size_t i = 0; i < expected.points.size(); ++i) {
       for (int c = 0; c < 3; ++c) {
         std::uint32_t a, b;
@@ -231,6 +233,23 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
     }
   }
   EXPECT_GT(triangles, 100u);  // the vocabulary does produce vertex lines
+}
+
+TEST_F(StlFiles, InfoTellsTheEncodingAndCountsFacetsWithOtherThanThreeVertices) {
+  const std::string quad =
+      "facet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\nvertex 1 1 0\n"
+      "vertex 0 1 0\nendloop\nendfacet\n";
+  const std::string text = "solid q\n" + ascii_facet(kT1) + quad + ascii_facet(kT2) +
+                           "facet normal 0 0 1\nendfacet\nendsolid q\n";
+  quib::Stl mesh;
+  ASSERT_EQ(mesh.load(write("quad.stl", text), true), 3);  // 3 + 4 + 3 vertex lines
+  EXPECT_FALSE(mesh.info().binary);
+  EXPECT_EQ(mesh.info().odd_facets, 2);  // the quad and the empty last facet
+  ASSERT_EQ(mesh.load(write("b.stl", binary_file("b", 1, {kT1})), false), 1);
+  EXPECT_TRUE(mesh.info().binary);
+  EXPECT_EQ(mesh.info().odd_facets, 0);
+  EXPECT_EQ(mesh.load(path("missing.stl"), false), -1);
+  EXPECT_FALSE(mesh.info().binary);
 }
 
 // Found by the fuzzer: quotes inside a name join bytes that are not UTF-8 on their own.
@@ -394,6 +413,36 @@ TEST_F(StlFiles, FailedLoadClearsGeometryAndKeepsName) {
   quib::Stl missing(path("missing.stl"), true);
   EXPECT_TRUE(missing.empty());
   EXPECT_EQ(missing.get_name(), "");
+}
+
+TEST_F(StlFiles, NameWithUnpairedSurrogateNamesNoFile) {
+  // Were the lone surrogate replaced by U+FFFD, the file of that name would be read.
+  const quib::Stl mesh = plate(1, 1);
+  ASSERT_TRUE(mesh.write(path("") + L"\uFFFD.stl", 0));
+  const std::wstring lone = path("") + L"\xD800.stl";
+  quib::Stl loaded = plate(2, 2);
+  EXPECT_EQ(loaded.load(lone, false), -1);
+  EXPECT_TRUE(loaded.empty());
+  EXPECT_EQ(quib::Stl(lone, true).size(), 0);
+  EXPECT_FALSE(mesh.write(lone, 0));
+  EXPECT_EQ(mesh.save(lone, 6), 2);  // save reports nothing, and writes nothing either
+  EXPECT_EQ(std::distance(fs::directory_iterator(fs::path(path(""))), fs::directory_iterator()), 1);
+}
+
+TEST_F(StlFiles, WriteReportsFailureAndGivesDegenerateFacetsZeroNormals) {
+  quib::Stl mesh;
+  mesh.assign(std::vector<Point>{Point(0, 0, 0), Point(2, 0, 0), Point(0, 3, 0)},
+              {{0, 1, 2}, {0, 1, 1}});
+  fs::create_directory(path("folder"));
+  EXPECT_FALSE(mesh.write(path("folder"), 0));
+  EXPECT_FALSE(mesh.write(path("no/such/folder.stl"), 6));
+  ASSERT_TRUE(mesh.write(path("w.stl"), 2));
+  EXPECT_NE(read(path("w.stl")).find("endfacet\nfacet normal 0.00 0.00 0.00\n"), std::string::npos);
+  ASSERT_TRUE(mesh.write(path("w.stl"), 0));
+  const std::string bytes = read(path("w.stl"));
+  ASSERT_EQ(bytes.size(), 84u + 2 * 50);
+  EXPECT_EQ(bytes.substr(134, 12), std::string(12, '\0'));
+  EXPECT_EQ(bytes.substr(92, 4), std::string("\0\0\x80\x3f", 4));  // the first normal's z: 1
 }
 
 TEST(Stl, SwapExchangesGeometryButNotNames) {

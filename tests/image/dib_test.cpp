@@ -128,6 +128,7 @@ TEST_F(DibFiles, OpensAndDescribesEachDepth) {
     EXPECT_EQ(dib.getImageSize(), 3u * dib.getLineBytes());
     EXPECT_EQ(dib.getPalette().size(), std::uint64_t(layout.paletteEntries));
     EXPECT_EQ(dib.tell(), 54 + 4 * layout.paletteEntries);
+    EXPECT_EQ(dib.getMode(), quib::Dib::mode_t::opened);
   }
 }
 
@@ -264,6 +265,7 @@ TEST_F(DibFiles, NewFileHeadersAtTheByteLevel) {
   quib::Dib dib(path, 10, -4, 96, 300, 8, 4, 1, grey);
   ASSERT_TRUE(dib);
   EXPECT_EQ(dib.tell(), 1078);
+  EXPECT_EQ(dib.getMode(), quib::Dib::mode_t::created);
   dib.close();
   EXPECT_TRUE(dib.fail());
   const Bytes b = readFile(path);
@@ -436,6 +438,53 @@ TEST_F(DibFiles, CreateChecksThePathFirst) {
   EXPECT_FALSE(bad.create(file("bad.bmp"), 4, 4, 96, 96, 8, 0, 1, quib::Palette()));
 }
 
+TEST_F(DibFiles, WidePathsNameFilesAndRefuseUnpairedSurrogates) {
+  // A name beyond ASCII reaches the file system as its UTF-8 bytes.
+  const std::wstring wide = dir.wstring() + L"/bild-\u00E4\U0001F600.bmp";
+  {
+    quib::Dib out(wide, 4, 2, 96, 96, 8, 4, 1, quib::Palette());
+    ASSERT_TRUE(out);
+    const Bytes rows(8, 1);
+    EXPECT_EQ(out.write(rows.data(), 8), 8);
+    EXPECT_EQ(out.path(), file("bild-\xC3\xA4\xF0\x9F\x98\x80.bmp"));
+  }
+  EXPECT_TRUE(fs::exists(file("bild-\xC3\xA4\xF0\x9F\x98\x80.bmp")));
+  quib::Dib in;
+  EXPECT_TRUE(in.create(wide));
+  EXPECT_EQ(in.getWidth(), 4);
+
+  // An unpaired surrogate names no file, even when "\uFFFD" would name one that exists.
+  writeFile("\xEF\xBF\xBD.bmp", makeBmp(BmpLayout{}));
+  const std::wstring lone = dir.wstring() + L"/" + wchar_t(0xD800) + L".bmp";
+  EXPECT_TRUE(quib::Dib(lone).fail());
+  EXPECT_FALSE(in.create(lone));
+  quib::Dib out(lone, 4, 2, 96, 96, 8, 4, 1, quib::Palette());
+  EXPECT_TRUE(out.fail());
+  EXPECT_TRUE(out.path().empty());
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 2);
+}
+
+// A folder is no bitmap: every way in fails through the stream state, and nothing throws (a
+// read from a directory stream throws inside the standard library).
+TEST_F(DibFiles, FolderFailsCleanly) {
+  for (bool wide : {false, true}) {
+    SCOPED_TRACE(wide);
+    EXPECT_NO_THROW({
+      quib::Dib in = wide ? quib::Dib(dir.wstring()) : quib::Dib(dir.string());
+      EXPECT_TRUE(in.fail());
+      EXPECT_EQ(in.getMode(), quib::Dib::mode_t::none);
+      quib::Dib out = wide ? quib::Dib(dir.wstring(), 4, 4, 96, 96, 8, 4, 1, quib::Palette())
+                           : quib::Dib(dir.string(), 4, 4, 96, 96, 8, 4, 1, quib::Palette());
+      EXPECT_TRUE(out.fail());
+      Bytes rows(16);
+      EXPECT_EQ(out.write(rows.data(), 16), 0);
+      EXPECT_EQ(in.read(rows.data(), 16), 0);
+      EXPECT_TRUE(quib::Dib::read_image(dir.string()).empty());
+    });
+  }
+  EXPECT_TRUE(fs::is_directory(dir));
+}
+
 TEST_F(DibFiles, CopiesShareTheFileAndCloseReleases) {
   const std::string path = writeFile("s.bmp", makeBmp(BmpLayout{}));
   quib::Dib a(path);
@@ -458,13 +507,14 @@ TEST_F(DibFiles, ExceptionsNeverIncludeEndOfFile) {
   ASSERT_TRUE(dib);
   dib.exceptions(std::ios_base::eofbit);
   Bytes rows(16);
-  EXPECT_NO_THROW(dib.read(rows.data(), 16));  // reads past the end of a new file
+  EXPECT_NO_THROW(
+      static_cast<void>(dib.read(rows.data(), 16)));  // reads past the end of a new file
   EXPECT_TRUE(dib.fail());
 
   quib::Dib again(path, 4, 4, 96, 96, 8, 4, 1, quib::Palette());
   ASSERT_TRUE(again);
   again.exceptions(std::ios_base::failbit | std::ios_base::eofbit);
-  EXPECT_THROW(again.read(rows.data(), 16), std::ios_base::failure);
+  EXPECT_THROW(static_cast<void>(again.read(rows.data(), 16)), std::ios_base::failure);
 }
 
 TEST(Palette, SharesOwnsAndBorrows) {

@@ -165,11 +165,11 @@ TEST(RANSAC_Plane, SmallSetsAndIterationBounds) {
   const std::vector<V> mixed = noisy_plane<V>(60, 40);
   for (double p : {0.0, 1.0}) {
     probe.measured = 0;
-    probe.compute(mixed, 0.01f, p, 100);
+    EXPECT_TRUE(probe.compute(mixed, 0.01f, p, 100));
     EXPECT_EQ(probe.measured, 1) << p;
   }
   probe.measured = 0;
-  probe.compute(mixed, 0.01f, 0.999999, 4);
+  EXPECT_TRUE(probe.compute(mixed, 0.01f, 0.999999, 4));
   EXPECT_LE(probe.measured, 5);
 }
 
@@ -178,8 +178,8 @@ TEST(RANSAC_Plane, CallsInTheSameSecondAgree) {
   for (int attempt = 0; attempt < 3; ++attempt) {
     quib::RANSAC_Plane<Eigen::Vector3d, double> a, b;
     const std::time_t before = std::time(nullptr);
-    a.compute(pts, 0.05, 0.5, 20);
-    b.compute(pts, 0.05, 0.5, 20);
+    EXPECT_TRUE(a.compute(pts, 0.05, 0.5, 20));
+    EXPECT_TRUE(b.compute(pts, 0.05, 0.5, 20));
     if (std::time(nullptr) != before) continue;  // crossed a second: try again
     EXPECT_EQ(a.indices(), b.indices());
     EXPECT_EQ(a.result(), b.result());

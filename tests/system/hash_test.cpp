@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <unistd.h>
@@ -22,6 +26,12 @@ std::string hex(bytes const& b) {
     text += "0123456789abcdef"[c >> 4];
     text += "0123456789abcdef"[c & 15];
   }
+  return text;
+}
+
+std::string hex64(std::uint64_t value) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
   return text;
 }
 
@@ -63,16 +73,9 @@ TEST(Sha256, MatchesKnownDigests) {
   bytes out{9};
   EXPECT_TRUE(quib::sha256::compute(out, bytes(1000000, 'a')));
   EXPECT_EQ(hex(out), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
-  // Wide text is hashed as UTF-8; a lone surrogate becomes U+FFFD.
+  // Wide text is hashed as UTF-8.
   EXPECT_EQ(quib::sha256::compute(L"\u00e9\U0001F600"s),
             widen(quib::sha256::compute("\xc3\xa9\xf0\x9f\x98\x80"s)));
-  EXPECT_EQ(quib::detail::to_utf8({L'x', static_cast<wchar_t>(0xDE00), L'\u07ff', L'\u0800'}),
-            "x\xef\xbf\xbd\xdf\xbf\xe0\xa0\x80");
-  // A surrogate pair is one character even where wchar_t has 32 bits; a high surrogate at the
-  // end stands alone.
-  EXPECT_EQ(quib::detail::to_utf8({static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00),
-                                   static_cast<wchar_t>(0xD83D)}),
-            "\xf0\x9f\x98\x80\xef\xbf\xbd");
 }
 
 TEST(Sha256, AgreesWithSha256sumOnAFile) {
@@ -121,11 +124,68 @@ TEST(Sha256, ReportsEachFailedStepOnStandardError) {
   unsigned char const data[] = {1, 2, 3};
   for (int step = 0; step <= 4; ++step) {
     SCOPED_TRACE(step);
-    FailingEngine engine(step);
     bytes out{7};
     testing::internal::CaptureStderr();
-    EXPECT_EQ(quib::detail::run_sha256(engine, out, data, sizeof data), step == 0);
+    EXPECT_EQ(
+        quib::detail::run_sha256(std::make_unique<FailingEngine>(step), out, data, sizeof data),
+        step == 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), messages[step]);
     EXPECT_EQ(out.size(), step == 0 || step == 4 ? 32u : 1u);
   }
+}
+
+TEST(Sha256, StreamingNamesTheFailedOpenSslStepOnceAndRecoversAtFinal) {
+  char const* const messages[] = {
+      "", "sha256: EVP_MD_CTX_new failed\n", "sha256: EVP_DigestInit_ex failed\n",
+      "sha256: EVP_DigestUpdate failed\n", "sha256: EVP_DigestFinal_ex failed\n"};
+  for (int step = 1; step <= 4; ++step) {
+    SCOPED_TRACE(step);
+    quib::sha256::Hasher sha(std::make_unique<FailingEngine>(step));
+    bytes out{7};
+    testing::internal::CaptureStderr();
+    bool const fed = sha.update("ab", 2);
+    EXPECT_EQ(sha.update("cd", 2), fed);  // a failure holds: one line, however many calls
+    EXPECT_FALSE(sha.final(out));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), messages[step]);
+    EXPECT_EQ(out.size(), step == 4 ? 32u : 1u);
+  }
+}
+
+TEST(Hashing, StreamingInOddPiecesEqualsOneShot) {
+  bytes data(100003);
+  std::mt19937 generator(11);
+  for (auto& b : data)
+    b = static_cast<unsigned char>(generator());
+  std::string const narrow(data.begin(), data.end());
+  std::wstring wide;
+  for (std::size_t i = 0; i < 5000; ++i)  // every plane, surrogates and non-characters too
+    wide.push_back(static_cast<wchar_t>(generator() % 0x110010));
+  bytes one_shot;
+  ASSERT_TRUE(quib::sha256::compute(one_shot, data));
+  std::vector<unsigned char> h8;
+  quib::hash::compute(h8, data);
+
+  quib::sha256::Hasher sha;  // reused: each final() begins a new digest
+  for (std::size_t piece : {1u, 3u, 63u, 64u, 65u, 1000u, 4093u, 100003u}) {
+    SCOPED_TRACE(piece);
+    quib::hash::Hasher bytes_hash, narrow_hash, wide_hash;
+    for (std::size_t at = 0; at < data.size(); at += piece) {
+      std::size_t const n = std::min(piece, data.size() - at);
+      EXPECT_TRUE(sha.update(data.data() + at, n));
+      bytes_hash.update(data.data() + at, n);
+      narrow_hash.update(std::string_view(narrow).substr(at, n));
+    }
+    for (std::size_t at = 0; at < wide.size(); at += piece)
+      wide_hash.update(std::wstring_view(wide).substr(at, piece));
+    bytes digest;
+    ASSERT_TRUE(sha.final(digest));
+    EXPECT_EQ(digest, one_shot);
+    EXPECT_EQ(hex64(bytes_hash.final()), hex(h8));
+    EXPECT_EQ(bytes_hash.final(), 0u);  // final() started over
+    EXPECT_EQ(hex64(narrow_hash.final()), quib::hash::compute(narrow));
+    EXPECT_EQ(widen(hex64(wide_hash.final())), quib::hash::compute(wide));
+  }
+  EXPECT_TRUE(sha.update("abc", 3));
+  EXPECT_EQ(sha.final_hex(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(sha.final_hex(), quib::sha256::compute(std::string()));
 }

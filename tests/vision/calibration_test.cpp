@@ -25,8 +25,8 @@ struct Views {
   Views(cv::Vec4d lens, quib::Calibration::Info geometry) : info(geometry) {
     const quib::test::BoardRenderer renderer(kSize, kCamera, lens);
     for (std::size_t i = 0; i < poses.size(); ++i) {
-      const cv::Mat grey =
-          renderer.render(poses[i], info.columns, info.rows, info.square_width, info.square_height);
+      const cv::Mat grey = renderer.render(poses[i], info.columns, info.rows,
+                                           info.get_square_width(), info.get_square_height());
       const bool colour = i % 2 == 0;
       quib::Image image(grey.cols, grey.rows, colour ? 24 : 8, 4,
                         colour ? quib::color_type::bgr : quib::color_type::grey);
@@ -35,7 +35,7 @@ struct Views {
         cv::cvtColor(grey, view, cv::COLOR_GRAY2BGR);
       else
         grey.copyTo(view);
-      accepted += calib.calibration(info, image);
+      accepted += calib.calibration(info, image) ? 1 : 0;
     }
   }
 };
@@ -81,6 +81,8 @@ TEST(Calibration, RefusesWhatItCannotUse) {
   quib::Calibration::Info info;
   ASSERT_TRUE(calib.calibration(info, board));
   const auto corners = info.corners;
+  quib::Calibration::Data data;
+  data.error = 7;
 
   // Blank, unconvertible and empty images add nothing and keep the size.
   quib::Image blank(320, 200, 24, 4, quib::color_type::bgr);
@@ -100,14 +102,23 @@ TEST(Calibration, RefusesWhatItCannotUse) {
   double t[3] = {7, 7, 7};
   info.columns = 11;
   EXPECT_FALSE(calib.get_camera_matrix(info, m, d, r, t));
+  EXPECT_FALSE(calib.get_camera_data(info, data));
+  EXPECT_TRUE(calib.get_reprojection_errors(info, quib::Projection()).empty());
   EXPECT_FALSE(calib.get_chess_extrinsic_parameters(info, m, d, r, t));
+  info.columns = 10;
+  info.square_width = 0;  // a board without spacing
+  EXPECT_FALSE(calib.get_camera_matrix(info, m, d, r, t));
+  EXPECT_FALSE(calib.get_camera_data(info, data));
+  info.columns = 11;
   info.clear();
   EXPECT_FALSE(info.is());
   EXPECT_EQ(info.columns, 11);
   EXPECT_FALSE(calib.get_camera_matrix(info, m, d, r, t));
   EXPECT_FALSE(calib.get_chess_extrinsic_parameters(info, m, d, r, t));
+  EXPECT_FALSE(calib.get_camera_data(info, data));
   EXPECT_TRUE(std::all_of(std::begin(m), std::end(m), [](double v) { return v == 7; }));
   EXPECT_TRUE(std::all_of(std::begin(r), std::end(r), [](double v) { return v == 7; }));
+  EXPECT_EQ(data.error, 7);
 }
 
 TEST(Calibration, ObjectPointsAreCentredOnTheMiddleCorner) {
@@ -118,6 +129,110 @@ TEST(Calibration, ObjectPointsAreCentredOnTheMiddleCorner) {
   EXPECT_EQ(points[10], cv::Point3f(-108, -48, 0));  // then the next row
   EXPECT_EQ(points[69], cv::Point3f(108, 72, 0));
   EXPECT_EQ(quib::Calibration::Info(10, 20, 5, 3).get_object_points()[7], cv::Point3f(0, 0, 0));
+
+  // Squares of a real size; the integer fields carry the nearest whole numbers.
+  const quib::Calibration::Info real(24.5, 12.25, 10, 7);
+  EXPECT_EQ(real.square_width, 25);
+  EXPECT_EQ(real.square_height, 12);
+  EXPECT_EQ(real.get_object_points()[0], cv::Point3f(-110.25f, -36.75f, 0));
+  EXPECT_EQ(real.get_object_points()[11], cv::Point3f(-85.75f, -24.5f, 0));
+  for (double bad : {0.0, -24.5, std::nan(""), HUGE_VAL}) {
+    const quib::Calibration::Info info(bad, 24.5, 10, 7);
+    EXPECT_EQ(info.get_square_width(), 0.0) << bad;
+  }
+}
+
+// Adds Gaussian noise of `sigma` pixels to every corner.
+quib::Calibration::Info noisy(quib::Calibration::Info info, double sigma, int seed) {
+  cv::RNG rng(seed);
+  for (auto& c : info.corners) {
+    c.x += static_cast<float>(rng.gaussian(sigma));
+    c.y += static_cast<float>(rng.gaussian(sigma));
+  }
+  return info;
+}
+
+TEST(Calibration, ReportsDeviationsErrorsAndPosesOfEveryView) {
+  // 24.5 mm squares: the poses come back in millimetres.
+  Views views{kLens, quib::Calibration::Info(24.5, 24.5, 10, 7)};
+  ASSERT_EQ(views.accepted, static_cast<int>(views.poses.size()));
+  quib::Calibration::Data data;
+  ASSERT_TRUE(views.calib.get_camera_data(views.info, data));
+
+  // The camera is exactly what get_camera_matrix gives.
+  quib::Projection camera({640, 480}, 1, 1);
+  ASSERT_TRUE(views.calib.get_camera_matrix(views.info, camera));
+  EXPECT_TRUE(
+      std::equal(std::begin(data.matrix), std::end(data.matrix), camera.get_matrix_array()));
+  EXPECT_TRUE(std::equal(std::begin(data.distortion), std::end(data.distortion),
+                         camera.get_distortion_array()));
+  EXPECT_TRUE(std::equal(std::begin(data.translation), std::end(data.translation),
+                         camera.get_translation_array()));
+
+  ASSERT_EQ(data.views.size(), views.poses.size());
+  const std::vector<double> errors = views.calib.get_reprojection_errors(views.info, camera);
+  ASSERT_EQ(errors.size(), views.poses.size());
+  double sum = 0;
+  for (std::size_t v = 0; v < data.views.size(); ++v) {
+    SCOPED_TRACE(v);
+    auto const& view = data.views[v];
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_NEAR(view.rotation[k], views.poses[v].rvec[k], 0.01);
+      EXPECT_NEAR(view.translation[k], views.poses[v].tvec[k], 0.01 * views.poses[v].tvec[2]);
+    }
+    EXPECT_GT(view.error, 0.0);
+    EXPECT_LT(view.error, 0.5);
+    EXPECT_NEAR(errors[v], view.error, 0.1 * view.error + 1e-3);  // poses solved apart
+    sum += view.error * view.error * 70;
+  }
+  EXPECT_NEAR(data.error, std::sqrt(sum / (70.0 * data.views.size())), 1e-9);
+
+  // Deviations grow with the noise on the corners, in proportion, and the truth lies within a
+  // few of them.
+  quib::Calibration::Data low;
+  quib::Calibration::Data high;
+  ASSERT_TRUE(views.calib.get_camera_data(noisy(views.info, 0.25, 1), low));
+  ASSERT_TRUE(views.calib.get_camera_data(noisy(views.info, 1.0, 2), high));
+  for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_GT(low.matrix_deviation[i], 0.0);
+    EXPECT_NEAR(high.matrix_deviation[i] / low.matrix_deviation[i], 4.0, 1.2);
+    EXPECT_NEAR(high.distortion_deviation[i] / low.distortion_deviation[i], 4.0, 1.2);
+  }
+  const int at[4] = {0, 4, 2, 5};  // fx, fy, cx, cy in the matrix
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_LT(std::abs(high.matrix[at[i]] - kCamera.val[at[i]]), 5 * high.matrix_deviation[i]) << i;
+  }
+  EXPECT_NEAR(high.error, std::sqrt(2.0), 0.15);  // 1 pixel in x and in y
+}
+
+TEST(Calibration, DrawsResidualsAndCoverage) {
+  Views views{cv::Vec4d(), quib::Calibration::Info()};
+  quib::Calibration::Data data;
+  const quib::Calibration::Info info = noisy(views.info, 0.3, 3);
+  ASSERT_TRUE(views.calib.get_camera_data(info, data));
+
+  // Coverage on a half-size grey picture: the corners are marked, the far corner of the
+  // picture (which no board reached) is not.
+  quib::Image coverage(320, 240, 8, 4, quib::color_type::grey);
+  ASSERT_TRUE(views.calib.draw_coverage(info, coverage, 0xffffffu));
+  const cv::Point2f c = info.corners[35] * 0.5f;
+  EXPECT_GT(*coverage.getAddress({cvRound(c.x), cvRound(c.y)}), 100);
+  EXPECT_EQ(*coverage.getAddress({1, 1}), 0);
+
+  // Residual arrows start at the detected corners; magnified 100 times, a 0.3 pixel error
+  // reaches tens of pixels, so much more is drawn than without magnification.
+  quib::Image small(640, 480, 24, 4, quib::color_type::bgr);
+  quib::Image large(640, 480, 24, 4, quib::color_type::bgr);
+  ASSERT_TRUE(views.calib.draw_residuals(info, data, small, 1.0, 0x00ff00u));
+  ASSERT_TRUE(views.calib.draw_residuals(info, data, large, 100.0, 0x00ff00u));
+  EXPECT_GT(cv::countNonZero(large.makeMat(3, 8).reshape(1)),
+            4 * cv::countNonZero(small.makeMat(3, 8).reshape(1)));
+  const cv::Point2f d = info.corners[0];
+  EXPECT_GT(large.getAddress({cvRound(d.x), cvRound(d.y)})[1], 30);
+
+  data.views.pop_back();  // no longer one pose per view
+  EXPECT_FALSE(views.calib.draw_residuals(info, data, large, 1.0, 0));
 }
 
 // The square patch spans n x n corners but is taken as n x n squares: its translation is the

@@ -221,16 +221,58 @@ TEST(ContourTracer, MatchesOpenCvOnRandomMasks) {
 
     ContourTracer tracer(image);
     std::vector<Points> actual;
-    cv::Mat filled = cv::Mat::zeros(image.size(), CV_8UC1);
-    for (Points const& c : trace_all(tracer)) {
+    for (Points const& c : trace_all(tracer))
       actual.push_back(sorted(c));
-      EXPECT_TRUE(tracer.fill(filled, c, 255, 0));
-    }
     std::sort(expected.begin(), expected.end(), before_set);
     std::sort(actual.begin(), actual.end(), before_set);
     EXPECT_EQ(actual.size(), expected.size());
     EXPECT_TRUE(actual == expected);
+    // The mask marks each found region with its holes closed.
+    EXPECT_EQ(cv::countNonZero((tracer.mask() == ContourTracer::F_MASK) != cv_filled), 0);
+
+    // fill() takes OpenCV's contours (which list a pixel again where the boundary comes back
+    // to it) as polygons, as drawContours does.
+    cv::Mat filled = cv::Mat::zeros(image.size(), CV_8UC1);
+    for (Points const& c : cv_contours)
+      EXPECT_TRUE(tracer.fill(filled, c, 255, 0));
     EXPECT_EQ(cv::countNonZero(filled != cv_filled), 0);
+  }
+}
+
+TEST(ContourTracer, FillsPolygonsGivenByTheirCorners) {
+  cv::Mat image = cv::Mat::zeros(4, 4, CV_8UC1);
+  ContourTracer tracer(image);
+  cv::Mat target(20, 30, CV_8UC1, cv::Scalar(3));
+  // A square's four corners mark the whole square, outline and inside.
+  ASSERT_TRUE(tracer.fill(target, {{2, 3}, {9, 3}, {9, 10}, {2, 10}}, 200, 3));
+  EXPECT_EQ(cv::countNonZero(target == 200), 64);
+  EXPECT_EQ(cv::countNonZero(target(cv::Rect(2, 3, 8, 8)) == 200), 64);
+
+  // Any polygon, also one reaching far outside, as cv::fillPoly with its outline drawn.
+  const std::vector<Points> polygons = {
+      {{5, 1}, {25, 4}, {14, 18}},                    // a triangle
+      {{3, 2}, {26, 2}, {26, 17}, {15, 8}, {3, 17}},  // concave
+      {{-40000, -5}, {12, -5}, {12, 90000}},          // corners far outside
+      {{-3, 1}, {3, 3}},                              // a line running into the target
+      {{7, 7}},                                       // one pixel
+  };
+  for (Points const& polygon : polygons) {
+    SCOPED_TRACE(::testing::PrintToString(polygon));
+    cv::Mat ours = cv::Mat::zeros(20, 30, CV_8UC1);
+    ASSERT_TRUE(tracer.fill(ours, polygon, 9, 0));
+    // The reference on a canvas large enough to hold every corner that fillPoly can take.
+    const bool far = polygon[0].x < -1000;
+    cv::Mat want = cv::Mat::zeros(20, 30, CV_8UC1);
+    if (far) {
+      // Within the target the far triangle covers every pixel with x <= 12: its long edge
+      // passes far below.
+      want(cv::Rect(0, 0, 13, 20)) = 9;
+      EXPECT_EQ(cv::countNonZero(ours != want), 0);
+    } else {
+      cv::fillPoly(want, std::vector<Points>{polygon}, cv::Scalar(9));
+      cv::polylines(want, std::vector<Points>{polygon}, true, cv::Scalar(9));
+      EXPECT_EQ(cv::countNonZero(ours != want), 0);
+    }
   }
 }
 
@@ -241,10 +283,9 @@ TEST(ContourTracer, FillRefusesWhatItCannotWrite) {
   cv::Mat target = cv::Mat::zeros(4, 4, CV_8UC1);
   EXPECT_FALSE(tracer.fill(colour, {{1, 1}}, 5, 0));
   EXPECT_FALSE(tracer.fill(target, {}, 5, 0));
-  EXPECT_FALSE(tracer.fill(target, {{-3, 1}, {4, 9}}, 5, 0));
+  EXPECT_FALSE(tracer.fill(target, {{-3, 1}, {4, 9}}, 5, 0));  // passes the target by
+  EXPECT_FALSE(tracer.fill(target, {{-3, -3}, {-1, -9}, {-9, -1}}, 5, 0));
   EXPECT_EQ(cv::countNonZero(target), 0);
-  EXPECT_TRUE(tracer.fill(target, {{-3, 1}, {3, 3}}, 5, 0));
-  EXPECT_EQ(cv::countNonZero(target), 1);
 }
 
 }  // namespace

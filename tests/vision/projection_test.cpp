@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -87,21 +88,95 @@ TEST(Projection, RotationIsQuaternionReading) {
   EXPECT_EQ(p.get_rotation_x(), 1.0);
 }
 
+std::string read_all(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Loads `text` written to `name` into a camera that held something else before.
+bool load_text(TempDir const& dir, std::string const& name, std::string const& text,
+               quib::Projection& p) {
+  std::ofstream(dir.file(name), std::ios::binary) << text;
+  p = awkward_camera();
+  return p.load_setup(dir.file(name));
+}
+
 TEST(Projection, CameraFileRoundTripsBitExactly) {
   TempDir dir;
-  const quib::Projection original = awkward_camera();
-  for (std::string name : {"camera.xml", "camera.yml"}) {
+  quib::Projection original = awkward_camera();
+  for (std::string name : {"camera.xml", "camera.yml", "camera.json"}) {
     SCOPED_TRACE(name);
     ASSERT_TRUE(original.save_setup(dir.file(name)));
     quib::Projection loaded;
     ASSERT_TRUE(loaded.load_setup(dir.file(name)));
     expect_identical(loaded, original);
   }
-  std::string first;
-  std::getline(std::ifstream(dir.file("camera.xml")), first);
-  EXPECT_EQ(first.rfind("<?xml", 0), 0u);  // the syntax follows the name
+  EXPECT_EQ(read_all(dir.file("camera.xml")).rfind("<?xml", 0), 0u);  // the syntax follows the name
+
+  // Values the writer spells out (".Nan", "-.Inf") and negative sizes come back as well. (The
+  // writer prints -0 as 0, so that sign is the one thing a camera file does not keep.)
+  original.get_matrix_array()[1] = std::numeric_limits<double>::quiet_NaN();
+  original.get_distortion_array()[0] = -std::numeric_limits<double>::infinity();
+  original.get_rotation_array()[2] = std::numeric_limits<double>::infinity();
+  original = quib::Projection(quib::Projection::extent_type(-3, 0), original.get_matrix_array(),
+                              original.get_distortion_array(), original.get_rotation_array(),
+                              original.get_translation_array());
+  for (std::string name : {"odd.xml", "odd.yml", "odd.json"}) {
+    SCOPED_TRACE(name);
+    ASSERT_TRUE(original.save_setup(dir.file(name)));
+    quib::Projection loaded;
+    ASSERT_TRUE(loaded.load_setup(dir.file(name)));
+    EXPECT_TRUE(std::isnan(loaded.get_matrix_array()[1]));
+    loaded.get_matrix_array()[1] = original.get_matrix_array()[1];
+    expect_identical(loaded, original);
+  }
 }
 
+// Files as OpenCV's own file storage writes them, with what a user might add by hand: other
+// keys before and after, comments, other matrices, integer elements in a double matrix.
+TEST(Projection, ReadsWhatTheFileStorageWrites) {
+  TempDir dir;
+  const quib::Projection want = awkward_camera();
+  for (std::string name : {"storage.yml", "storage.xml", "storage.json"}) {
+    SCOPED_TRACE(name);
+    {
+      cv::FileStorage fs(dir.file(name), cv::FileStorage::WRITE);
+      fs << "note"
+         << "written by \"hand\" <here> & there";
+      fs << "format"
+         << "camera.projection";
+      fs << "image_height" << 1200 << "image_width" << 1600;
+      fs << "extra_matrix" << cv::Mat::eye(2, 2, CV_32S);
+      fs << "camera_matrix" << want.get_matrix_cv();
+      fs << "translation_coefficients" << want.get_translation_cv();
+      fs << "rotation_coefficients" << want.get_rotation_cv();
+      fs << "distortion_coefficients" << want.get_distortion_cv();
+      fs << "list" << std::vector<int>{1, 2, 3};
+      fs.writeComment("a comment at the end");
+    }
+    quib::Projection p;
+    ASSERT_TRUE(p.load_setup(dir.file(name)));
+    expect_identical(p, want);
+  }
+  // A YAML file written by hand: comments, blank lines, CRLF line ends, no header, quoted tag.
+  const std::string hand =
+      "# camera of rig 2\r\nformat: 'camera.projection'  # checked\r\nimage_width: 640\r\n"
+      "\r\ncamera_matrix: !!opencv-matrix\r\n  rows: 3\r\n  cols: 3\r\n  dt: d\r\n"
+      "  data: [ 500, 0, 320,\r\n   0, 500, 240, 0, 0, 1 ]\r\n"
+      "distortion_coefficients:\n    rows: 1\n    cols: 4\n    dt: d\n    data: [0, 0, 0, 0]\n"
+      "rotation_coefficients: !!opencv-matrix\n rows: 3\n cols: 1\n dt: d\n data: [ 1, 2, 3 ]\n"
+      "translation_coefficients: !!opencv-matrix\n rows: 1\n cols: 3\n dt: d\n"
+      " data: [ -1., +2.5e1, .5 ]\n...\n# the end\n";
+  quib::Projection p;
+  ASSERT_TRUE(load_text(dir, "hand.yml", hand, p));
+  EXPECT_EQ(p.get_size().cx, 640);
+  EXPECT_EQ(p.get_size().cy, 0);
+  EXPECT_EQ(p.get_matrix(), (Eigen::Matrix3d() << 500, 0, 320, 0, 500, 240, 0, 0, 1).finished());
+  EXPECT_EQ(p.get_rotation_z(), 3.0);
+  EXPECT_EQ(p.get_translation(), Eigen::Vector3d(-1, 25, 0.5));
+}
+
+// Edits of a good file, each of which must be refused, in each syntax the writer makes.
 TEST(Projection, RefusesForeignAndBrokenCameraFiles) {
   TempDir dir;
   for (std::string tag : {"camera.projection ", "camera", ""}) {
@@ -112,64 +187,168 @@ TEST(Projection, RefusesForeignAndBrokenCameraFiles) {
     expect_identical(p, quib::Projection());
   }
 
-  ASSERT_TRUE(awkward_camera().save_setup(dir.file("good.yml")));
-  std::ifstream in(dir.file("good.yml"), std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  auto replaced = [&](std::string const& from, std::string const& to) {
-    std::string t = text;
-    const auto at = t.find(from);
-    return at == std::string::npos ? "(" + from + " not found)" : t.replace(at, from.size(), to);
+  struct Edit {
+    const char* name;
+    const char* yml[2];
+    const char* xml[2];
   };
-  const std::string cases[][2] = {
-      {"empty", ""},
-      {"truncated", text.substr(0, text.size() / 2)},
-      {"not yaml", "%YAML:1.0\n{{{ ]] :: \x01\x02"},
-      {"missing matrix", replaced("camera_matrix", "camera_matrics")},
-      {"short distortion", replaced("rows: 1\n   cols: 4", "rows: 1\n   cols: 2")},
-      {"integer matrix", replaced("cols: 3\n   dt: d", "cols: 3\n   dt: i")},
-      {"string matrix", replaced("camera_matrix:", "camera_matrix: \"3x3\"\nunused:")},
-      {"string width", replaced("image_width: 1600", "image_width: wide")},
-      {"lying size", replaced("rows: 3\n   cols: 3", "rows: 300000\n   cols: 300000")},
+  const Edit edits[] = {
+      {"missing matrix", {"camera_matrix", "camera_matrics"}, {"camera_matrix", "camera_matrics"}},
+      {"short distortion",
+       {"rows: 1\n   cols: 4", "rows: 1\n   cols: 2"},
+       {"<rows>1</rows>\n  <cols>4</cols>", "<rows>1</rows>\n  <cols>2</cols>"}},
+      {"rows and columns against data",
+       {"rows: 1\n   cols: 4", "rows: 1\n   cols: 5"},
+       {"<rows>1</rows>\n  <cols>4</cols>", "<rows>5</rows>\n  <cols>1</cols>"}},
+      {"integer matrix", {"dt: d", "dt: i"}, {"<dt>d</dt>", "<dt>i</dt>"}},
+      {"word in the data", {"data: [ ", "data: [ x, "}, {"<data>\n", "<data>\n x "}},
+      {"string matrix",
+       {"camera_matrix:", "camera_matrix: \"3x3\"\nunused:"},
+       {"<camera_matrix type_id=\"opencv-matrix\">",
+        "<camera_matrix>\"3x3\"</camera_matrix><unused>"}},
+      {"other type", {"!!opencv-matrix", "!!opencv-nd-matrix"}, {"opencv-matrix", "opencv-nd"}},
+      {"string width", {"image_width: 1600", "image_width: wide"}, {">1600<", ">wide<"}},
+      {"quoted width", {"image_width: 1600", "image_width: \"1600\""}, {">1600<", ">\"1600\"<"}},
+      {"real width", {"image_width: 1600", "image_width: 1600.5"}, {">1600<", ">1600.5<"}},
+      {"width out of range",
+       {"image_width: 1600", "image_width: 3000000000"},
+       {">1600<", ">3000000000<"}},
+      {"lying size",
+       {"rows: 3\n   cols: 3", "rows: 300000\n   cols: 300000"},
+       {"<rows>3</rows>\n  <cols>3</cols>", "<rows>300000</rows>\n  <cols>300000</cols>"}},
+      {"key twice",
+       {"image_height:", "image_width: 2\nimage_height:"},
+       {"<image_height>", "<image_width>2</image_width><image_height>"}},
+      {"text after",
+       {"translation_coefficients", "- x\ntranslation_coefficients"},
+       {"</opencv_storage>", "</opencv_storage><opencv_storage/>"}},
   };
-  for (auto const& [name, content] : cases) {
-    SCOPED_TRACE(name);
-    std::ofstream(dir.file("broken.yml"), std::ios::binary) << content;
-    quib::Projection p = awkward_camera();
-    EXPECT_FALSE(p.load_setup(dir.file("broken.yml")));
+  for (std::string ext : {".yml", ".xml"}) {
+    ASSERT_TRUE(awkward_camera().save_setup(dir.file("good" + ext)));
+    const std::string text = read_all(dir.file("good" + ext));
+    const bool yml = ext == ".yml";
+    for (Edit const& e : edits) {
+      SCOPED_TRACE(e.name + ext);
+      std::string edited = text;
+      const std::string from = yml ? e.yml[0] : e.xml[0];
+      const auto at = edited.find(from);
+      ASSERT_NE(at, std::string::npos);
+      edited.replace(at, from.size(), yml ? e.yml[1] : e.xml[1]);
+      quib::Projection p;
+      EXPECT_FALSE(load_text(dir, "broken" + ext, edited, p));
+      expect_identical(p, quib::Projection());
+    }
+    // Every cut of the file is refused, and none crashes.
+    for (std::size_t cut = 0; cut + 1 < text.size(); cut += yml ? 7 : 11) {
+      SCOPED_TRACE(cut);
+      quib::Projection p;
+      EXPECT_FALSE(load_text(dir, "cut" + ext, text.substr(0, cut), p));
+    }
+  }
+  const std::string garbage[] = {"",  " \n\t\n", "%YAML:1.0\n{{{ ]] :: \x01\x02", "<",
+                                 "{", "[1]",     "format: camera.projection\n"};
+  for (std::string const& text : garbage) {
+    SCOPED_TRACE(text);
+    quib::Projection p;
+    EXPECT_FALSE(load_text(dir, "garbage.yml", text, p));
     expect_identical(p, quib::Projection());
   }
-  for (std::string path : {dir.file("absent.yml"), dir.path.string()}) {
+}
+
+TEST(Projection, RefusesPathsThatNameNoCameraFile) {
+  TempDir dir;
+  ASSERT_TRUE(awkward_camera().save_setup(dir.file("good.yml")));
+  for (std::string path : {dir.file("absent.yml"), dir.path.string(), std::string("/dev/null")}) {
+    SCOPED_TRACE(path);
     quib::Projection p = awkward_camera();
     EXPECT_FALSE(p.load_setup(path));
     expect_identical(p, quib::Projection());
   }
+  // Wide names: a good one loads; one with an unpaired surrogate names no file, even when a
+  // file named with U+FFFD in its place exists.
+  const std::wstring wide = dir.path.wstring() + L"/g\u00e9.yml";
+  ASSERT_TRUE(awkward_camera().save_setup(wide));
+  quib::Projection p;
+  ASSERT_TRUE(p.load_setup(wide));
+  expect_identical(p, awkward_camera());
+  std::wstring lone = dir.path.wstring() + L"/x.yml";
+  ASSERT_TRUE(awkward_camera().save_setup(dir.path.wstring() + L"/\uFFFD.yml"));
+  lone.replace(lone.size() - 5, 1, 1, static_cast<wchar_t>(0xD800));
+  EXPECT_FALSE(p.load_setup(lone));
+  expect_identical(p, quib::Projection());
+  EXPECT_FALSE(awkward_camera().save_setup(lone));
+  EXPECT_FALSE(p.load_setup(dir.path.wstring()));
 }
 
-// Found by the fuzzer: text after the first collection once sent the YAML reader into an
-// endless search for the next document.
-TEST(Projection, RefusesTextAfterTheMappingWithoutHanging) {
+// Found by fuzzing OpenCV's reader, which crashed or hung on these; the camera file reader
+// refuses each.
+TEST(Projection, RefusesWhatCrashedTheFileStorageReader) {
   TempDir dir;
-  for (std::string text : {"%YAML:1.\n---L:0\n----\n", "%YAML:1.0\n---\na: 1\n...\n-\n",
-                           "%YAML:1.0\n---\n{a: 1}\nxyz-\n", "%YAML:1.0\n---\n  a: 1\nbcd-\n"}) {
-    SCOPED_TRACE(text);
-    std::ofstream(dir.file("stray.yml"), std::ios::binary) << text;
-    quib::Projection p = awkward_camera();
-    EXPECT_FALSE(p.load_setup(dir.file("stray.yml")));
-    expect_identical(p, quib::Projection());
+  const std::string texts[] = {
+      "<?xml v=",
+      std::string("<?xml version=\0\0\0\0\0\0\0\0\xff\xff?s<opmer", 32),
+      "<?xml version=\"1.0\"?>\n<opencv_storage>\n<format>camera.projection</format>\n<camera_ma",
+      "<?xml version=\"1.0\"?>\n<opencv_storage>\n<format>camera.projection</for",
+      "<?xml version=\"1.0\"?>\n<opencv_storage>\n<camera_matrix type_id=\"opencv-matrix\">\n"
+      "<rows>3</rows><cols>3</cols><dt>d</dt><data>1 2 3</da></camera_matrix>",
+      "<?xml version=\"1.0\"?><opencv_storage><a><b><c>1</c></b></a></opencv_storage>",
+      "<opencv_storage><format>camera.projection</format></opencv_storage><x",
+      "%YAML:1.\n---L:0\n----\n",
+      "%YAML:1.0\n---\na: 1\n...\n-\n",
+      "%YAML:1.0\n---\n{a: 1}\nxyz-\n",
+      "%YAML:1.0\n---\n  a: 1\nbcd-\n",
+      "a: [1, [2, 3]]\n",
+      "a: &x 1\nb: *x\n",
+      "a:\n  b:\n    c: 1\n",
+      "{\"a\": {\"b\": {\"c\": 1}}}",
+      "{\"format\": \"camera.projection\", \"data\": [1, 2,",
+  };
+  for (std::string const& text : texts) {
+    for (std::string name : {"crash.yml", "crash.xml"}) {
+      SCOPED_TRACE(name + ": " + text);
+      quib::Projection p;
+      EXPECT_FALSE(load_text(dir, name, text, p));
+      expect_identical(p, quib::Projection());
+    }
   }
 }
 
-// Found by the fuzzer: an XML declaration followed by NUL bytes crashed OpenCV's XML reader.
-TEST(Projection, RefusesControlBytesBeforeTheReaderSeesThem) {
-  TempDir dir;
-  const std::string text(
-      "\x3c\x3f\x78\x6d\x6c\x20\x76\x65\x72\x73\x69\x6f\x6e\x3d\x00\x00\x00\x00\x00\x00\x00\x00\xff"
-      "\xff\x3f\x73\x3c\x6f\x70\x6d\x65\x72",
-      32);
-  std::ofstream(dir.file("nul.xml"), std::ios::binary) << text;
-  quib::Projection p = awkward_camera();
-  EXPECT_FALSE(p.load_setup(dir.file("nul.xml")));
-  expect_identical(p, quib::Projection());
+TEST(Projection, DifferenceOfTwoCamerasAcrossTheImage) {
+  const double m[9] = {1210, 0.1, 805, 0, 1190, 590, 0, 0, 1};
+  const double k[4] = {-0.12, 0.04, 0.001, -0.0005};
+  const double zero[3] = {0, 0, 0};
+  const quib::Projection a({1600, 1200}, m, k, zero, zero);
+  quib::Projection::Difference d;
+  ASSERT_TRUE(a.get_difference(a, d, 8, 6));
+  ASSERT_EQ(d.points.size(), 48u);
+  EXPECT_EQ(d.points[0], cv::Point2d(100, 100));  // cell centres of 1600 x 1200
+  EXPECT_EQ(d.points[47], cv::Point2d(1500, 1100));
+  EXPECT_LT(d.max, 1e-6);
+
+  // The same camera at twice the size differs by nothing; one with fx 1 % longer by 1 % of
+  // each sample's distance from the centre, along x.
+  quib::Projection twice = a;
+  twice.resize({3200, 2400});
+  ASSERT_TRUE(a.get_difference(twice, d, 8, 6));
+  EXPECT_LT(d.max, 1e-4);
+  quib::Projection longer({640, 480}, 2.0, 1.5);
+  quib::Projection plain = longer;
+  longer.get_matrix_array()[0] *= 1.01;
+  ASSERT_TRUE(plain.get_difference(longer, d, 4, 4));
+  for (std::size_t k = 0; k < d.points.size(); ++k) {
+    EXPECT_NEAR(d.shifts[k].x, 0.01 * (d.points[k].x - 320), 1e-9);
+    EXPECT_NEAR(d.shifts[k].y, 0.0, 1e-9);
+  }
+  EXPECT_NEAR(d.max, 0.01 * 240, 1e-9);
+  EXPECT_GT(d.max, d.rms);
+  EXPECT_GT(d.rms, d.mean);
+
+  d.rms = -1;
+  EXPECT_FALSE(plain.get_difference(quib::Projection(), d));
+  EXPECT_FALSE(quib::Projection().get_difference(plain, d));
+  EXPECT_FALSE(plain.get_difference(plain, d, 0, 3));
+  EXPECT_FALSE(plain.get_difference(plain, d, 2000, 2000));
+  EXPECT_EQ(d.rms, -1);
 }
 
 TEST(Projection, UndistortsPointsToNormalisedCoordinates) {

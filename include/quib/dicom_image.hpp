@@ -1,0 +1,241 @@
+// DICOM pixels: the image pixel module of a loaded file, its frames as images, display values,
+// and series of slices as 3-D volumes.
+#pragma once
+
+#include <quib/dicom.hpp>
+#include <quib/export.hpp>
+#include <quib/image.hpp>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quib {
+
+/// The image pixel module of a DICOM file read with the standard reading
+/// (Dicom::READ_STANDARD): the attributes that describe its pixels, and the decoding of any one
+/// frame without touching the others. Native data in either byte order with 1, 8, 16 or 32 bits
+/// allocated (planar data made interleaved, uncompressed YBR_FULL_422 expanded to three
+/// samples per pixel), and encapsulated RLE Lossless, JPEG (baseline, extended 12-bit,
+/// lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
+/// Table, one fragment per frame, or the codec's end marker.
+///
+/// Decoded samples are as stored, not rescaled: one sample per Bits Allocated container
+/// (1-bit data as one byte 0 or 1), unsigned or two's complement by Pixel Representation, the
+/// bits above Bits Stored cleared or sign-filled, interleaved by pixel, rows top-down.
+/// Colour comes as the codec gives it; get_frame_photometric() says what that is ("RGB" for a
+/// YBR_FULL_422 JPEG frame, "YBR_FULL" for expanded native YBR_FULL_422).
+///
+/// Memory: the object refers to the Pixel Data value inside the Dicom it was loaded from,
+/// which must outlive it unchanged; it copies nothing. Frames are decoded into a new owned
+/// image or into caller memory. Failure: load and decode return false and keep a one-line
+/// reason (get_error); a failed load leaves the object empty. No buffer is sized before the
+/// codec's own header agrees with the attributes, and no frame larger than the frame limit
+/// (FRAME_LIMIT bytes unless given) is accepted. Only allocation failure throws.
+/// Threads: one object belongs to one thread at a time (decode records its error).
+///
+///     quib::Dicom file;
+///     file.load(L"ct.dcm", quib::Dicom::READ_STANDARD);
+///     quib::DicomPixels pixels(file);
+///     quib::Image frame;
+///     if (!pixels.decode(0, frame)) std::puts(pixels.get_error().c_str());
+class QUIB_API DicomPixels {
+ public:
+  /// The default largest decoded frame, in bytes (1 GiB).
+  static constexpr std::uint64_t FRAME_LIMIT = std::uint64_t{1} << 30;
+
+  DicomPixels() = default;
+  /// Calls load(file).
+  explicit DicomPixels(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+  /// A loaded object; empty (with its error) when the file has no usable pixel module.
+  static DicomPixels create(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+
+  /// Reads the pixel module and locates every frame. False, with a reason and the object
+  /// emptied, when an attribute is missing or out of range, Pixel Data is absent, a frame
+  /// would exceed `frame_limit` bytes, native data is shorter than its frames, or the
+  /// fragments and offset tables do not locate every frame inside the data.
+  bool load(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
+
+  bool is() const { return value != nullptr; }
+  bool empty() const { return value == nullptr; }
+  /// Back to the state of DicomPixels() (the error is kept).
+  void clear();
+  void swap(DicomPixels& other) noexcept;
+
+  int get_rows() const { return rows; }
+  int get_columns() const { return columns; }
+  int get_samples() const { return samples; }
+  int get_bits_allocated() const { return bits_allocated; }
+  int get_bits_stored() const { return bits_stored; }
+  int get_high_bit() const { return high_bit; }
+  /// 0 unsigned, 1 two's complement.
+  int get_pixel_representation() const { return pixel_representation; }
+  int get_planar_configuration() const { return planar_configuration; }
+  int get_frames() const { return frames; }
+  /// The Photometric Interpretation the file gives ("MONOCHROME2", "YBR_FULL_422", ...).
+  const std::string& get_photometric() const { return photometric; }
+  /// The photometric interpretation of decoded frames.
+  const std::string& get_frame_photometric() const { return frame_photometric; }
+  const std::string& get_transfer_syntax() const { return transfer_syntax; }
+  /// True when Pixel Data is encapsulated (compressed).
+  bool is_encapsulated() const { return !fragments.empty(); }
+
+  /// Pixel Spacing: distance between rows, then between columns (mm); NaN when absent.
+  std::array<double, 2> get_pixel_spacing() const { return pixel_spacing; }
+  /// Image Position (Patient) of the first frame; NaN when absent.
+  std::array<double, 3> get_position() const { return position; }
+  /// Image Orientation (Patient): the row direction, then the column direction; NaN when absent.
+  std::array<double, 6> get_orientation() const { return orientation; }
+  /// Image Position (Patient) of each frame of a multi-frame file that gives them (per-frame
+  /// functional groups); empty otherwise.
+  const std::vector<std::array<double, 3>>& get_frame_positions() const { return frame_positions; }
+  /// Slice Thickness (mm); NaN when absent.
+  double get_slice_thickness() const { return slice_thickness; }
+
+  /// Bytes of one decoded frame: rows * columns * samples * container bytes (1 for 1-bit data).
+  std::uint64_t get_frame_bytes() const;
+  /// The bytes per decoded sample: 1, 2 or 4.
+  int get_sample_bytes() const { return bits_allocated <= 8 ? 1 : bits_allocated / 8; }
+
+  /// Decodes frame `frame` (0-based) into a new owned image (8, 16 or 32 bits per sample,
+  /// grey for one sample, rgb for RGB, ycc for YBR). False with a reason when the frame does
+  /// not exist or cannot be decoded; `out` is then unchanged.
+  bool decode(int frame, Image& out) const;
+  /// The same into caller memory of `size` bytes, which must hold get_frame_bytes(). After a
+  /// failure the memory may hold part of the frame.
+  bool decode(int frame, void* out, std::uint64_t size) const;
+
+  // Values for people.
+
+  /// Rescale Slope and Intercept (1 and 0 when absent): real value = stored * slope + intercept
+  /// (Hounsfield units for CT).
+  double get_rescale_slope() const { return rescale_slope; }
+  double get_rescale_intercept() const { return rescale_intercept; }
+  /// The Window Center / Width pairs the file offers, in its order (VOI LUT Function in
+  /// get_voi_function: "LINEAR" unless the file says "LINEAR_EXACT" or "SIGMOID").
+  const std::vector<std::array<double, 2>>& get_windows() const { return windows; }
+  const std::string& get_voi_function() const { return voi_function; }
+
+  /// Decodes a frame and rescales it to real values: one channel of 32-bit floats. False for
+  /// colour data, and as decode.
+  bool decode_values(int frame, Image& out) const;
+  /// The same rounded to 16-bit two's complement; false when a value falls outside
+  /// [-32768, 32767].
+  bool decode_values16(int frame, Image& out) const;
+  /// Decodes a frame for display, 8 bits per sample: grey data is rescaled, then windowed with
+  /// window `window` of get_windows() (or, when the file has none or `window` is -1, the
+  /// frame's own minimum and maximum), MONOCHROME1 inverted; colour data comes out as RGB
+  /// (YBR_FULL converted, PALETTE COLOR through its tables, 16-bit colour scaled to 8 bits).
+  /// False as decode, or when a palette is shorter than its descriptor says.
+  bool decode_display(int frame, Image& out, int window = 0) const;
+
+  /// The reason of the last failed load or decode; empty when none failed yet.
+  const std::string& get_error() const { return error; }
+
+ private:
+  friend class DicomVolume;
+  // With `with_pixels` false, only the attributes are read (the object stays empty).
+  bool load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels);
+  bool fail(const std::string& reason) const;
+
+  const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom
+  int rows = 0, columns = 0, samples = 0, bits_allocated = 0, bits_stored = 0, high_bit = 0;
+  int pixel_representation = 0, planar_configuration = 0, frames = 0;
+  bool little = true;
+  std::string photometric, frame_photometric, transfer_syntax;
+  std::array<double, 2> pixel_spacing{};
+  std::array<double, 3> position{};
+  std::array<double, 6> orientation{};
+  std::vector<std::array<double, 3>> frame_positions;
+  double slice_thickness = 0;
+  double rescale_slope = 1, rescale_intercept = 0;
+  std::vector<std::array<double, 2>> windows;
+  std::string voi_function;
+  // PALETTE COLOR: red, green and blue tables; each descriptor is entries, first mapped
+  // value, bits per entry (kept to report a table shorter than it claims).
+  std::array<std::array<int, 3>, 3> palette_descriptor{};
+  std::array<std::vector<std::uint16_t>, 3> palette;
+  // Encapsulated data: fragments as (offset in the value, size); frame k is the run of
+  // fragments from frame_first[k] to frame_first[k + 1].
+  std::vector<std::array<std::uint64_t, 2>> fragments;
+  std::vector<std::uint32_t> frame_first;
+  mutable std::string error;
+};
+
+inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
+  a.swap(b);
+}
+
+/// A 3-D volume read from a DICOM series: the slices of one Series Instance UID, ordered along
+/// the normal of their Image Orientation (Patient) by Image Position (Patient), or the frames
+/// of one multi-frame file. Samples run x fastest (along a row), then y (down the columns),
+/// then slices; spacing, origin (the centre of the first voxel) and direction are in patient
+/// millimetres. Values are the decoded samples (type by Bits Allocated and Pixel
+/// Representation) or, rescaled, 32-bit floats of slope * stored + intercept, slice by slice.
+///
+/// Memory: the voxels are one buffer, allocated once when every slice has been checked;
+/// copies share it. Files are read twice (once for their attributes, once to decode them into
+/// the buffer), so no slice is held twice. Failure: load returns false with a reason (no
+/// image in the files, slices that differ in size, orientation or pixel format, two slices
+/// at one position, uneven spacing, a frame that does not decode) and leaves the object
+/// empty. Threads: one object belongs to one thread at a time.
+///
+///     quib::DicomVolume volume;
+///     if (volume.load(L"/data/ct-series", true))
+///       std::printf("%d x %d x %d\n", volume.get_width(), volume.get_height(),
+///       volume.get_depth());
+class QUIB_API DicomVolume {
+ public:
+  DicomVolume() = default;
+
+  /// Reads a folder (every file in it, not its sub-folders) or one file. `series` picks a
+  /// Series Instance UID; empty takes the series with the most images.
+  bool load(const std::wstring& path, bool rescaled = false, const std::string& series = {});
+  /// Reads the given files, as above.
+  bool load(const std::vector<std::wstring>& files, bool rescaled = false,
+            const std::string& series = {});
+
+  bool is() const { return data != nullptr; }
+  bool empty() const { return data == nullptr; }
+  /// Back to the state of DicomVolume() (the error is kept).
+  void clear();
+  void swap(DicomVolume& other) noexcept;
+
+  int get_width() const { return size[0]; }
+  int get_height() const { return size[1]; }
+  int get_depth() const { return size[2]; }
+  /// Samples per voxel (1, or 3 for colour).
+  int get_samples() const { return samples; }
+  /// Voxel spacing along x, y and z (mm).
+  std::array<double, 3> get_spacing() const { return spacing; }
+  /// The patient position of the first voxel (mm).
+  std::array<double, 3> get_origin() const { return origin; }
+  /// The x, y and z axes as unit vectors in patient space, one after the other.
+  std::array<double, 9> get_direction() const { return direction; }
+  /// "uint8", "int8", "uint16", "int16", "uint32", "int32" or "float32".
+  const std::string& get_sample_type() const { return sample_type; }
+  int get_sample_bytes() const { return sample_bytes; }
+  /// The Series Instance UID read.
+  const std::string& get_series() const { return series_uid; }
+  /// The voxels, and their number of bytes.
+  const unsigned char* get_data() const { return data.get(); }
+  unsigned char* get_data() { return data.get(); }
+  std::uint64_t get_bytes() const;
+  const std::string& get_error() const { return error; }
+
+ private:
+  std::shared_ptr<unsigned char[]> data;
+  std::array<int, 3> size{};
+  int samples = 0, sample_bytes = 0;
+  std::array<double, 3> spacing{}, origin{};
+  std::array<double, 9> direction{};
+  std::string sample_type, series_uid, error;
+};
+
+inline void swap(DicomVolume& a, DicomVolume& b) noexcept {
+  a.swap(b);
+}
+
+}  // namespace quib

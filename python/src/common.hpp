@@ -1,0 +1,94 @@
+// Shared pieces of the Python module: failures that become Python exceptions, paths, arrays.
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+
+#include <quib/image.hpp>
+
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quib {
+namespace python {
+
+namespace py = pybind11;
+
+/// A failure of a library call, raised as an exception of the quib.Error family (see
+/// quib/errors.py) once the module is back in Python: the file, and the reason in words.
+struct Failure {
+  enum kind_t { not_found, is_directory, format, write, value };
+  kind_t kind;
+  std::string path;
+  std::string reason;
+};
+
+/// Raises the failure of reading `path`: FileNotFoundError when nothing is there,
+/// IsADirectoryError for a folder, otherwise quib.FormatError with `reason`.
+[[noreturn]] void fail_read(std::filesystem::path const& path, std::string reason);
+/// Raises ValueError (quib.ArgumentError) with `reason`.
+[[noreturn]] void fail_value(std::string reason);
+
+/// The library's wide path of a file name given as str, bytes or os.PathLike.
+std::wstring wide(std::filesystem::path const& path);
+
+/// "(3, 2)" for error messages.
+std::string shape_text(py::array const& a);
+
+/// Points as a read-only float64 array of shape (N, D): any real array or nested sequence is
+/// converted (one copy only when the dtype differs); other shapes raise ValueError.
+py::array_t<double> point_array(py::handle points, py::ssize_t dims, char const* what);
+
+/// Copies the rows of an (N, D) float64 array into a vector of Eigen points. Needs no GIL.
+template <class Point>
+std::vector<Point> to_points(double const* data, py::ssize_t rows, py::ssize_t row_stride,
+                             py::ssize_t col_stride) {
+  std::vector<Point> out(static_cast<std::size_t>(rows));
+  constexpr int D = Point::RowsAtCompileTime;
+  if (row_stride == D * py::ssize_t(sizeof(double)) && col_stride == py::ssize_t(sizeof(double))) {
+    // Eigen points are plain arrays of D doubles.
+    if (rows > 0)
+      std::memcpy(static_cast<void*>(out.data()), data,
+                  static_cast<std::size_t>(rows) * sizeof(Point));
+    return out;
+  }
+  auto const* bytes = reinterpret_cast<unsigned char const*>(data);
+  for (py::ssize_t i = 0; i < rows; ++i)
+    for (int j = 0; j < D; ++j)
+      std::memcpy(&out[static_cast<std::size_t>(i)][j], bytes + i * row_stride + j * col_stride,
+                  sizeof(double));
+  return out;
+}
+
+/// Points given from Python as a vector, read with the GIL released.
+template <class Point>
+std::vector<Point> points_of(py::handle points, char const* what) {
+  constexpr int D = Point::RowsAtCompileTime;
+  py::array_t<double> a = point_array(points, D, what);
+  double const* data = a.data();
+  const py::ssize_t rows = a.shape(0), rs = a.strides(0), cs = a.strides(1);
+  py::gil_scoped_release release;
+  return to_points<Point>(data, rows, rs, cs);
+}
+
+/// An optional weight array of length N as a vector; empty when `weights` is None.
+std::vector<double> weights_of(py::handle weights, py::ssize_t count);
+
+/// A NumPy array over the pixels of an image the library made; the array keeps them alive.
+py::array image_array(Image&& image);
+
+void bind_errors(py::module_& m);
+void bind_image(py::module_& m);
+void bind_numeric(py::module_& m);
+void bind_formats(py::module_& m);
+void bind_system(py::module_& m);
+void bind_vision(py::module_& m);
+
+}  // namespace python
+}  // namespace quib

@@ -1,0 +1,93 @@
+"""Fits from arrays: results against NumPy's least squares, degenerate data, bad arrays."""
+import numpy as np
+import pytest
+
+import quib
+
+
+@pytest.fixture
+def rng():
+    return np.random.default_rng(7)
+
+
+def test_plane_matches_numpy_least_squares(rng):
+    xy = rng.uniform(-50, 50, (500, 2))
+    z = 0.3 * xy[:, 0] - 1.2 * xy[:, 1] + 4.0 + rng.normal(0, 0.01, 500)
+    points = np.c_[xy, z]
+    plane = quib.fit_plane(points)
+    a, b, c = np.linalg.lstsq(np.c_[xy, np.ones(500)], z, rcond=None)[0]
+    np.testing.assert_allclose(plane.coefficients, [a, b, c], rtol=1e-9, atol=1e-9)
+    n = np.array([-a, -b, 1.0]) / np.sqrt(a * a + b * b + 1)
+    np.testing.assert_allclose(plane.normal, n, rtol=1e-9)
+    assert plane.distance == pytest.approx(c / np.sqrt(a * a + b * b + 1))
+    np.testing.assert_allclose(plane.residuals(points), z - (a * xy[:, 0] + b * xy[:, 1] + c), atol=1e-9)
+    # other real dtypes and strided views are converted, never refused
+    assert quib.fit_plane(points.astype(np.float32)).ok
+    assert quib.fit_plane(np.asfortranarray(points)).coefficients == pytest.approx(plane.coefficients)
+    assert quib.fit_plane(points.tolist()).coefficients == pytest.approx(plane.coefficients)
+
+
+def test_circle_sphere_line_polynomial(rng):
+    t = rng.uniform(0, 2 * np.pi, 200)
+    circle = quib.fit_circle(np.c_[10 + 3 * np.cos(t), -4 + 3 * np.sin(t)])
+    np.testing.assert_allclose(circle.center, [10, -4], atol=1e-9)
+    assert circle.radius == pytest.approx(3)
+    u = rng.normal(size=(300, 3))
+    sphere = quib.fit_sphere(u / np.linalg.norm(u, axis=1)[:, None] * 5 + [1, 2, 3])
+    np.testing.assert_allclose(sphere.center, [1, 2, 3], atol=1e-9)
+    assert sphere.radius == pytest.approx(5)
+    x = np.linspace(0, 10, 50)
+    line = quib.fit_line(np.c_[x, 2 * x + 1])
+    assert (line.slope, line.intercept) == pytest.approx((2, 1))
+    np.testing.assert_allclose(line.y(np.array([0.0, 1.0])), [1, 3])
+    y = 0.5 * x ** 3 - x + 2
+    poly = quib.fit_polynomial(np.c_[x, y], 3)
+    np.testing.assert_allclose(poly.coefficients, np.polyfit(x, y, 3), atol=1e-8)
+    assert poly.degree == 3 and poly.y(2.0) == pytest.approx(4 - 2 + 2)
+
+
+def test_weights_and_robust_refit(rng):
+    x = np.linspace(0, 10, 100)
+    points = np.c_[x, 3 * x - 2]
+    points[::10, 1] += 50  # outliers
+    weights = np.ones(100)
+    weights[::10] = 0
+    weighted = quib.fit_line(points, weights=weights)
+    assert (weighted.slope, weighted.intercept) == pytest.approx((3, -2))
+    robust = quib.fit_line(points, k=2.0)
+    assert robust.slope == pytest.approx(3, abs=1e-6)
+    with pytest.raises(ValueError, match="weights"):
+        quib.fit_line(points, weights=np.ones(99))
+    with pytest.raises(ValueError, match="not both"):
+        quib.fit_line(points, weights=weights, k=2.0)
+
+
+def test_too_few_or_degenerate_points_give_no_fit():
+    nan = float("nan")
+    circle = quib.fit_circle(np.array([[0.0, 0.0], [1.0, 1.0]]))
+    assert not circle.ok and np.isnan(circle.radius) and np.isnan(circle.center).all()
+    assert not quib.fit_plane(np.zeros((0, 3))).ok
+    assert not quib.fit_plane([[0, 0, 0], [1, 1, 1], [2, 2, 2]]).ok  # collinear
+    # non-finite points are skipped, as the library does
+    pts = np.array([[0, 0, 1], [1, 0, 1], [0, 1, 1], [nan, 0, 0], [np.inf, 1, 1]], float)
+    plane = quib.fit_plane(pts)
+    assert plane.ok and plane.normal == pytest.approx([0, 0, 1])
+    assert np.isnan(quib.fit_line([[1.0, 2.0]]).residuals([[1.0, 2.0]])).all()
+
+
+@pytest.mark.parametrize("bad", [np.zeros((5, 2)), np.zeros(6), np.zeros((2, 3, 3)), "text", [[1, 2, 3], [4]]])
+def test_bad_point_arrays_raise_value_error(bad):
+    with pytest.raises(ValueError):
+        quib.fit_plane(bad)
+
+
+def test_ransac_plane_finds_inliers(rng):
+    xy = rng.uniform(-1, 1, (400, 2))
+    points = np.c_[xy, np.full(400, 2.0)]
+    # outliers on both sides of the plane, as the search's balance score wants them
+    points[:40, 2] += rng.uniform(0.5, 2, 40) * np.where(np.arange(40) % 2, 1, -1)
+    normal, distance, inliers = quib.ransac_plane(points, 0.01, 0.99, 500)
+    assert abs(normal[2]) > 0.99 and abs(distance) == pytest.approx(2 * abs(normal[2]), abs=0.02)
+    assert len(inliers) >= 360 and list(inliers) == sorted(inliers)
+    with pytest.raises(ValueError):
+        quib.ransac_plane(points, -1.0)

@@ -1,0 +1,75 @@
+// Internal: the codecs behind DicomPixels, each over the bytes of one frame.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quib::detail {
+
+// A run of bytes the caller owns.
+struct byte_span {
+  const unsigned char* data = nullptr;
+  std::size_t size = 0;
+};
+
+// What the DICOM attributes say a frame holds. Every decoder checks its stream's own header
+// against this before it writes anything, and writes exactly rows * columns * samples samples,
+// interleaved by pixel, each in a host-order container of `bytes` (1, 2 or 4) bytes.
+struct frame_layout {
+  int rows = 0;
+  int columns = 0;
+  int samples = 1;
+  int bytes = 1;              // container bytes per sample (Bits Allocated / 8)
+  int bits_stored = 8;        // precision the stream may carry at most (Bits Allocated for codecs)
+  bool ycbcr_to_rgb = false;  // a three-component lossy JPEG stream holds YCbCr: convert to RGB
+  std::size_t frame_bytes() const {
+    return std::size_t(rows) * std::size_t(columns) * std::size_t(samples) * std::size_t(bytes);
+  }
+};
+
+// What a decoder reports besides the samples.
+struct decode_result {
+  bool ok = false;
+  bool to_rgb = false;  // the codec converted YCbCr to RGB
+  std::string error;
+};
+
+// RLE Lossless: one fragment holding the 64-byte segment header and the PackBits segments.
+decode_result decode_rle(byte_span in, const frame_layout& layout, unsigned char* out);
+// The JPEG family: baseline and extended 8-bit through libjpeg-turbo, 12-bit lossy through the
+// 12-bit IJG build, lossless (processes 14 and SV1) through the 16-bit IJG build.
+decode_result decode_jpeg(byte_span in, const frame_layout& layout, unsigned char* out);
+// The IJG builds behind decode_jpeg: `precision` bits per sample (12 lossy, up to 16 lossless).
+decode_result decode_jpeg_ijg12(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_jpeg_ijg16(byte_span in, const frame_layout& layout, unsigned char* out);
+// JPEG-LS, lossless and near-lossless, through CharLS.
+decode_result decode_jpegls(byte_span in, const frame_layout& layout, unsigned char* out);
+// JPEG 2000 (code stream or JP2 file, including high-throughput streams) through OpenJPEG.
+decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char* out);
+
+// Writes slope * v + intercept of `count` decoded samples (`bytes` each, signed or not) to
+// `out` as 32-bit floats (any alignment).
+void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool is_signed,
+                     double slope, double intercept, unsigned char* out);
+
+// The codec a transfer syntax names.
+enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };
+codec_t codec_of(const std::string& transfer_syntax);
+
+// The items of an encapsulated Pixel Data value (the bytes after its header up to its
+// Sequence Delimitation Item): the Basic Offset Table first, then the fragments. Fails with a
+// reason when an item header is not an item or claims more bytes than remain.
+bool split_items(byte_span value, std::vector<byte_span>& items, std::string& error);
+
+// The fragments of each frame. `offsets` (the Extended Offset Table, when given, with
+// `lengths`) or else the Basic Offset Table locate frames; otherwise one fragment per frame
+// when the counts agree, or fragments are gathered until one ends with the codec's end marker
+// (FFD9). Every located frame is checked to lie inside the data.
+bool locate_frames(const std::vector<byte_span>& items, std::size_t frames,
+                   const std::vector<std::uint64_t>& offsets,
+                   const std::vector<std::uint64_t>& lengths, codec_t codec,
+                   std::vector<std::vector<byte_span>>& located, std::string& error);
+
+}  // namespace quib::detail

@@ -1,0 +1,91 @@
+// RLE Lossless frames: a 64-byte header of little-endian 32-bit words (segment count, then
+// fifteen segment offsets), then one PackBits segment per byte plane. Planes come sample by
+// sample, most significant byte first; each decodes to rows * columns bytes.
+#include "formats/dicom_pixels.hpp"
+
+#include "system/bytes.hpp"
+
+#include <cstring>
+
+namespace quib::detail {
+
+namespace {
+
+// Decodes one PackBits segment into every `stride`-th byte of `out` (`count` bytes in all).
+// Returns how many bytes it wrote; a segment may end early only when it is damaged.
+std::size_t unpack_segment(const unsigned char* in, std::size_t size, unsigned char* out,
+                           std::size_t count, std::size_t stride) {
+  std::size_t i = 0, written = 0;
+  while (i < size && written < count) {
+    const int n = static_cast<signed char>(in[i++]);
+    if (n >= 0) {  // n + 1 literal bytes
+      std::size_t run = std::size_t(n) + 1;
+      if (run > size - i) run = size - i;
+      if (run > count - written) run = count - written;
+      if (stride == 1) {
+        std::memcpy(out + written, in + i, run);
+      } else {
+        unsigned char* o = out + written * stride;
+        for (std::size_t k = 0; k < run; ++k)
+          o[k * stride] = in[i + k];
+      }
+      i += std::size_t(n) + 1;
+      written += run;
+    } else if (n != -128) {  // one byte repeated 1 - n times
+      if (i >= size) break;
+      const unsigned char v = in[i++];
+      std::size_t run = std::size_t(1 - n);
+      if (run > count - written) run = count - written;
+      if (stride == 1) {
+        std::memset(out + written, v, run);
+      } else {
+        unsigned char* o = out + written * stride;
+        for (std::size_t k = 0; k < run; ++k)
+          o[k * stride] = v;
+      }
+      written += run;
+    }
+  }
+  return written;
+}
+
+}  // namespace
+
+decode_result decode_rle(byte_span in, const frame_layout& layout, unsigned char* out) {
+  decode_result result;
+  if (in.size < 64) {
+    result.error = "RLE frame shorter than its 64-byte header";
+    return result;
+  }
+  const std::uint32_t segments = load_le<std::uint32_t>(in.data);
+  const std::uint32_t expected = std::uint32_t(layout.samples * layout.bytes);
+  if (segments != expected) {
+    result.error = "RLE frame has " + std::to_string(segments) +
+                   " segments where the attributes give " + std::to_string(expected);
+    return result;
+  }
+  const std::size_t pixels = std::size_t(layout.rows) * std::size_t(layout.columns);
+  const std::size_t stride = std::size_t(layout.samples) * std::size_t(layout.bytes);
+  for (std::uint32_t s = 0; s < segments; ++s) {
+    const std::uint32_t start = load_le<std::uint32_t>(in.data + 4 + 4 * s);
+    const std::uint32_t end =
+        s + 1 < segments ? load_le<std::uint32_t>(in.data + 8 + 4 * s) : std::uint32_t(in.size);
+    if (start < 64 || start > end || end > in.size) {
+      result.error = "RLE segment " + std::to_string(s) + " lies outside the frame";
+      return result;
+    }
+    // Segment s holds byte (bytes - 1 - s % bytes) of sample s / bytes: host order is little.
+    const std::size_t sample = s / std::size_t(layout.bytes);
+    const std::size_t byte = std::size_t(layout.bytes) - 1 - s % std::size_t(layout.bytes);
+    const std::size_t place = kHostLittle ? byte : std::size_t(layout.bytes) - 1 - byte;
+    unsigned char* target = out + sample * std::size_t(layout.bytes) + place;
+    if (unpack_segment(in.data + start, end - start, target, pixels, stride) != pixels) {
+      result.error = "RLE segment " + std::to_string(s) + " decodes to fewer bytes than the frame";
+      return result;
+    }
+  }
+  result.ok = true;
+  return result;
+}
+
+}  // namespace quib::detail

@@ -1,0 +1,310 @@
+#include "formats/stl_text.hpp"
+
+#include "system/fields.hpp"
+#include "system/utf8.hpp"
+
+#include <fast_float/fast_float.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace quib::detail {
+
+namespace {
+
+// Calls `line(text)` for every line, without its '\n' and without a '\r' just before it;
+// stops when `line` returns false.
+template <class Line>
+void for_each_line(std::string_view text, Line line) {
+  while (!text.empty()) {
+    const void* nl = std::memchr(text.data(), '\n', text.size());
+    const std::size_t end =
+        nl ? static_cast<std::size_t>(static_cast<char const*>(nl) - text.data()) : text.size();
+    std::string_view l = text.substr(0, end);
+    if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
+    if (!line(l)) return;
+    text.remove_prefix(nl ? end + 1 : end);
+  }
+}
+
+// Appends `text` with every byte that starts no well-formed UTF-8 sequence replaced by U+FFFD:
+// the text that decoding it to wide text and encoding it again would give.
+void append_valid_utf8(std::string& out, std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t start = i;
+    bool well_formed = true;
+    const char32_t c = decode_utf8(text, i, well_formed);
+    if (well_formed) {
+      out.append(text.data() + start, i - start);
+    } else {
+      append_utf8(out, c);
+    }
+  }
+}
+
+constexpr bool is_blank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+// Calls `field(text)` for the non-empty fields of a line; stops when it returns false.
+template <class Field>
+bool for_each_word(std::string_view line, std::string& scratch, Field field) {
+  bool go_on = true;
+  for_each_field(line, is_blank, '"', '"', scratch, [&](std::string_view f) {
+    if (f.empty()) return true;
+    go_on = field(f);
+    return go_on;
+  });
+  return go_on;
+}
+
+// True when the text at p (before end) starts a decimal number the fast parser reads exactly
+// as strtod: an optional minus, then a digit or a point, and no hexadecimal prefix. A plus
+// sign, hexadecimal, "inf" and "nan" take strtod itself.
+QUIB_STL_INLINE bool plain_decimal_at(char const* p, char const* end) {
+  if (p != end && *p == '-') ++p;
+  if (p == end) return false;
+  if (*p == '0') return end - p < 2 || (p[1] != 'x' && p[1] != 'X');
+  return unsigned(*p - '0') < 10 || *p == '.';
+}
+
+// The characters that end a field or need a closer look when fields are scanned: blanks, the
+// quote and the line ends.
+constexpr auto kFieldStop = [] {
+  std::array<bool, 256> stop{};
+  for (unsigned char c : {' ', '\t', '"', '\n', '\r'})
+    stop[c] = true;
+  return stop;
+}();
+
+// A line without any of 'v', 's', 'f' and '"' before its '\n' holds nothing the text reader
+// uses ('f' for the facets, which are only counted).
+constexpr auto kLineMatters = [] {
+  std::array<bool, 256> matters{};
+  for (unsigned char c : {'v', 's', 'f', '"', '\n'})
+    matters[c] = true;
+  return matters;
+}();
+
+// The first of 'v', 's', 'f', '"' and '\n' at or after p, or end; 16 bytes at a time where
+// SSE2 is there.
+char const* find_line_matter(char const* p, char const* const end) {
+#if defined(__SSE2__)
+  const __m128i v = _mm_set1_epi8('v'), s = _mm_set1_epi8('s');
+  const __m128i quote = _mm_set1_epi8('"'), nl = _mm_set1_epi8('\n'), f = _mm_set1_epi8('f');
+  for (; end - p >= 16; p += 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+    const __m128i hit = _mm_or_si128(
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, v), _mm_cmpeq_epi8(chunk, s)),
+                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl))),
+        _mm_cmpeq_epi8(chunk, f));
+    const int mask = _mm_movemask_epi8(hit);
+    if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
+  }
+#endif
+  while (p != end && !kLineMatters[static_cast<unsigned char>(*p)])
+    ++p;
+  return p;
+}
+
+// What one text line gives the reader: a name, or up to three vertex coordinates.
+struct TextLine {
+  enum Kind { none, name_line, vertex_line } kind = none;
+  int have = 0;
+  double xyz[3] = {0, 0, 0};
+  bool has_name = false;
+  bool facet = false;     // a field "facet": a new facet starts
+  std::string_view name;  // valid until the next line is read
+};
+
+// Takes one field of a line: outside a name or vertex line the fields "vertex" and "solid"
+// start one; the field after "solid" is the name; the three fields after "vertex" are x, y, z.
+// Returns false when the rest of the line no longer matters.
+bool take_field(TextLine& line, std::string_view f) {
+  switch (line.kind) {
+    case TextLine::none:
+      if (f == "vertex") {
+        line.kind = TextLine::vertex_line;
+      } else if (f == "solid") {
+        line.kind = TextLine::name_line;
+      } else if (f == "facet") {
+        line.facet = true;
+      }
+      return true;
+    case TextLine::name_line:
+      line.name = f;
+      line.has_name = true;
+      return false;
+    default:
+      line.xyz[line.have++] = parse_stl_number(f);
+      return line.have < 3;
+  }
+}
+
+char const* past_line(char const* p, char const* end) {
+  if (p != end && *p == '\n') return p + 1;  // the usual case, without a call
+  const void* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+  return nl ? static_cast<char const*>(nl) + 1 : end;
+}
+
+// Reads the line at p field by field through the splitter, quotes and all; returns the start
+// of the next line. A line with bytes of 128 and more is made well-formed UTF-8 first, so
+// that removing quotes cannot join the pieces of two broken sequences into one character.
+char const* read_line_general(char const* p, char const* end, std::string& text,
+                              std::string& scratch, TextLine& line) {
+  char const* const next = past_line(p, end);
+  std::string_view raw(p, static_cast<std::size_t>(next - p));
+  if (!raw.empty() && raw.back() == '\n') raw.remove_suffix(1);
+  if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+  text.clear();
+  append_valid_utf8(text, raw);
+  for_each_word(text, scratch, [&](std::string_view f) { return take_field(line, f); });
+  return next;
+}
+
+// The same reading for lines without quotes, in one pass over the bytes. Returns the start of
+// the next line, or nullptr when the line holds a quote that matters (the caller then reads
+// it with read_line_general).
+char const* read_line_fast(char const* p, char const* const end, TextLine& line) {
+  // A line matters only when one of its fields can be "vertex", "solid" or "facet", or when it
+  // holds a quote. Without a 'v', an 's', an 'f' or a '"' it cannot, and is passed over in one
+  // quick scan. A "facet" is noted and the scan goes on past it.
+  const auto cr_ends_line = [end](char const* c) { return c + 1 == end || c[1] == '\n'; };
+  const auto field_ends_at = [&](char const* c) {
+    return c == end || is_blank(*c) || *c == '\n' || (*c == '\r' && cr_ends_line(c));
+  };
+  char const* q = find_line_matter(p, end);
+  for (; q != end && *q == 'f'; q = find_line_matter(q + 1, end)) {
+    if ((q == p || is_blank(q[-1])) && end - q >= 5 && std::memcmp(q, "facet", 5) == 0 &&
+        field_ends_at(q + 5))
+      line.facet = true;
+  }
+  if (q == end) return end;
+  if (*q == '\n') return q + 1;
+  // The usual vertex line: "vertex" is the first field that can matter. Nothing before q on
+  // this line can start a name or vertex line or hold a quote, so the fields there are passed
+  // over and the numbers read at once.
+  if (*q == 'v' && end - q > 6 && (q == p || is_blank(q[-1])) && std::memcmp(q, "vertex", 6) == 0 &&
+      is_blank(q[6])) {
+    line.kind = TextLine::vertex_line;
+    p = q + 6;
+  }
+  // A '\r' ends the line only right before '\n' or at the end of the text (cr_ends_line).
+  const auto field_end = [&](char const* c) -> char const* {
+    for (; c != end; ++c) {
+      if (!kFieldStop[static_cast<unsigned char>(*c)]) continue;
+      if (*c == '"') return nullptr;
+      if (*c != '\r' || cr_ends_line(c)) return c;
+    }
+    return c;
+  };
+  for (;;) {
+    while (p != end && is_blank(*p))
+      ++p;
+    if (p == end) return end;
+    if (*p == '\n') return p + 1;
+    if (*p == '\r' && cr_ends_line(p)) return p + 1 == end ? end : p + 2;
+    if (line.kind == TextLine::vertex_line && plain_decimal_at(p, end)) {
+      double v;
+      const auto r = fast_float::from_chars(p, end, v);
+      char const* const e = r.ptr;
+      if (r.ec == std::errc() && field_ends_at(e)) {
+        line.xyz[line.have++] = v;
+        if (line.have == 3) return past_line(e, end);
+        p = e;
+        continue;
+      }
+    }
+    char const* const e = field_end(p);
+    if (e == nullptr) return nullptr;
+    const std::string_view f(p, static_cast<std::size_t>(e - p));
+    if (line.kind == TextLine::none && f != "vertex" && f != "solid") {
+      if (f == "facet") line.facet = true;
+      p = e;  // the common case: a field that starts nothing
+      continue;
+    }
+    if (!take_field(line, f)) return past_line(e, end);
+    p = e;
+  }
+}
+
+}  // namespace
+
+double parse_stl_number(std::string_view field) {
+  char const* const p = field.data();
+  char const* const end = p + field.size();
+  double v = 0;
+  if (plain_decimal_at(p, end)) {
+    const auto r = fast_float::from_chars(p, end, v);
+    return r.ec == std::errc() ? v : 0.0;
+  }
+  if (field.empty()) return 0.0;
+  const std::string copy(field);  // strtod wants a terminated string
+  return std::strtod(copy.c_str(), nullptr);
+}
+
+void StlTextDetector::feed(std::string_view lines) {
+  for_each_line(lines, [&](std::string_view line) {
+    return for_each_word(line, scratch_, [&](std::string_view f) {
+      switch (state_) {
+        case 0:
+          if (f == "solid") state_ = 1;
+          break;
+        case 1:
+          state_ = 2;
+          break;
+        case 2:
+          if (f == "facet") state_ = 3;
+          break;
+        default:
+          if (f == "normal") state_ = 4;
+          break;
+      }
+      return state_ != 4;
+    });
+  });
+}
+
+std::int64_t StlTextReader::odd_facets() const {
+  return odd_facets_ + (in_facet_ && facet_vertices_ != 3 ? 1 : 0);
+}
+
+bool StlTextReader::feed(std::string_view lines) {
+  char const* p = lines.data();
+  char const* const end = p + lines.size();
+  std::string text;
+  while (p != end) {
+    TextLine line;
+    char const* next = read_line_fast(p, end, line);
+    if (next == nullptr) {
+      line = TextLine();
+      next = read_line_general(p, end, text, scratch_, line);
+    }
+    p = next;
+    if (line.has_name) {
+      name.clear();
+      append_valid_utf8(name, line.name);
+    }
+    if (line.facet) {
+      if (in_facet_ && facet_vertices_ != 3) ++odd_facets_;
+      in_facet_ = true;
+      facet_vertices_ = 0;
+    }
+    if (line.kind != TextLine::vertex_line || line.have < 3) continue;
+    ++facet_vertices_;
+    corners_[pending_++] =
+        Stl::Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),
+                   static_cast<float>(line.xyz[2]));
+    if (pending_ < 3) continue;
+    pending_ = 0;
+    if (!mesh.add(corners_[0], corners_[1], corners_[2])) return false;
+  }
+  return true;
+}
+
+}  // namespace quib::detail

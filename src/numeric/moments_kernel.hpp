@@ -1,0 +1,269 @@
+// The moment kernel. Included once per instruction set by a source file that first defines
+// QUIB_MOMENTS_NS (the namespace that keeps each compilation's templates apart) and is compiled
+// with that instruction set's flags. Nothing here may be included anywhere else.
+#ifndef QUIB_MOMENTS_NS
+#error "define QUIB_MOMENTS_NS before including moments_kernel.hpp"
+#endif
+
+#include "numeric/moments.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+// The lane vectors pass between inline functions of this file only, never across an interface
+// whose ABI could change with the instruction set.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
+#if defined(__FAST_MATH__)
+#error "The compensated sums need IEEE arithmetic: build QUIB without -ffast-math."
+#endif
+
+namespace quib {
+namespace detail {
+namespace QUIB_MOMENTS_NS {
+
+// Four lanes of doubles and the matching mask type; the compiler maps them onto one AVX
+// register or two SSE2 registers.
+typedef double v4d __attribute__((vector_size(32)));
+typedef long long v4i __attribute__((vector_size(32)));
+
+constexpr int kLanes = 4;
+
+inline v4d splat(double v) {
+  return v4d{v, v, v, v};
+}
+inline v4d keep(v4d value, v4i mask) {
+  return reinterpret_cast<v4d>(reinterpret_cast<v4i>(value) & mask);
+}
+// True in lanes where v is finite: v - v is 0 there and NaN for infinities and NaN.
+inline v4i finite(v4d v) {
+  return reinterpret_cast<v4i>((v - v) == splat(0.0));
+}
+
+// One Kahan step in every lane: y = t + c; s' = s + y; c = y - (s' - s); s = s'.
+inline void kahan(v4d& s, v4d& c, v4d t) {
+  const v4d y = t + c;
+  const v4d next = s + y;
+  c = y - (next - s);
+  s = next;
+}
+
+// Joins the lanes of one term with a scalar compensated sum, lane by lane in a fixed order.
+inline void join(double& sum, double& correction, const v4d* s, const v4d* c, int vectors) {
+  double total = 0.0, lost = 0.0;
+  const auto add = [&](double t) {
+    const double y = t + lost;
+    const double next = total + y;
+    lost = y - (next - total);
+    total = next;
+  };
+  for (int v = 0; v < vectors; ++v)
+    for (int l = 0; l < kLanes; ++l)
+      add(s[v][l]);
+  for (int v = 0; v < vectors; ++v)
+    for (int l = 0; l < kLanes; ++l)
+      add(c[v][l]);
+  sum = total;
+  correction = lost;
+}
+
+// The terms of each fixed model from one group of four points (x, y, z in p[0..2]).
+struct LineTerms {
+  static constexpr int kDims = 2, kTerms = 5;
+  void operator()(const v4d* p, v4d* t) const {
+    const v4d x = p[0], y = p[1];
+    t[0] = splat(1.0), t[1] = x, t[2] = y, t[3] = x * x, t[4] = x * y;
+    t[5] = y * y;
+  }
+};
+struct CircleTerms {
+  static constexpr int kDims = 2, kTerms = 9;
+  void operator()(const v4d* p, v4d* t) const {
+    const v4d x = p[0], y = p[1], q = x * x + y * y;
+    t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = splat(1.0);
+    t[6] = x * q, t[7] = y * q, t[8] = q;
+    t[9] = q * q;
+  }
+};
+struct PlaneTerms {
+  static constexpr int kDims = 3, kTerms = 9;
+  void operator()(const v4d* p, v4d* t) const {
+    const v4d x = p[0], y = p[1], z = p[2];
+    t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = splat(1.0);
+    t[6] = x * z, t[7] = y * z, t[8] = z;
+    t[9] = z * z;
+  }
+};
+struct SphereTerms {
+  static constexpr int kDims = 3, kTerms = 14;
+  void operator()(const v4d* p, v4d* t) const {
+    const v4d x = p[0], y = p[1], z = p[2], q = x * x + y * y + z * z;
+    t[0] = x * x, t[1] = x * y, t[2] = x * z, t[3] = x, t[4] = y * y, t[5] = y * z, t[6] = y;
+    t[7] = z * z, t[8] = z, t[9] = splat(1.0);
+    t[10] = x * q, t[11] = y * q, t[12] = z * q, t[13] = q;
+    t[14] = q * q;
+  }
+};
+
+// Loads four points of D coordinates into p[0..D-1]; returns the lanes that are usable.
+template <int D>
+inline v4i load(v4d* p, const double* c) {
+  p[0] = v4d{c[0], c[D], c[2 * D], c[3 * D]};
+  v4i ok = finite(p[0]);
+  for (int d = 1; d < D; ++d) {
+    p[d] = v4d{c[d], c[D + d], c[2 * D + d], c[3 * D + d]};
+    ok &= finite(p[d]);
+  }
+  return ok;
+}
+
+// Runs the request over a model with K summed terms and V vectors of four lanes per term.
+// Full groups are read in place; the last, partial group is copied into a buffer padded with
+// NaN points (skipped like any non-finite point) and weights of 0.
+template <class Terms, int K, int V>
+void run(Moments& out, const MomentRequest& r) {
+  constexpr int D = Terms::kDims;
+  constexpr int kGroup = kLanes * V;
+  v4d s[K][V], c[K][V], n[V];
+  for (int j = 0; j < K; ++j)
+    for (int v = 0; v < V; ++v)
+      s[j][v] = c[j][v] = splat(0.0);
+  for (int v = 0; v < V; ++v)
+    n[v] = splat(0.0);
+
+  const Terms terms;
+  const auto group = [&](const double* coords, const double* w) {
+    for (int v = 0; v < V; ++v) {
+      v4d p[D];
+      v4i ok = load<D>(p, coords + v * kLanes * D);
+      v4d t[Terms::kTerms + 1];
+      terms(p, t);
+      if (w) {
+        const v4d wv{w[v * kLanes], w[v * kLanes + 1], w[v * kLanes + 2], w[v * kLanes + 3]};
+        ok &= reinterpret_cast<v4i>(wv != splat(0.0));
+        for (int j = 0; j < K; ++j)
+          t[j] *= wv;
+      }
+      for (int j = 0; j < K; ++j)
+        kahan(s[j][v], c[j][v], keep(t[j], ok));
+      n[v] += keep(splat(1.0), ok);
+    }
+  };
+
+  const std::size_t count = r.weighted ? std::min(r.count, r.weight_count) : r.count;
+  const std::size_t full = count - count % kGroup;
+  for (std::size_t i = 0; i < full; i += kGroup)
+    group(r.coords + i * D, r.weighted ? r.weights + i : nullptr);
+  if (full < count) {
+    double coords[kGroup * D];
+    double w[kGroup];
+    std::fill(coords, coords + kGroup * D, std::numeric_limits<double>::quiet_NaN());
+    std::fill(w, w + kGroup, 0.0);
+    const std::size_t rest = count - full;
+    std::memcpy(coords, r.coords + full * D, rest * D * sizeof(double));
+    if (r.weighted) std::memcpy(w, r.weights + full, rest * sizeof(double));
+    group(coords, r.weighted ? w : nullptr);
+  }
+
+  out.sum.resize(K);
+  out.correction.resize(K);
+  for (int j = 0; j < K; ++j)
+    join(out.sum[static_cast<std::size_t>(j)], out.correction[static_cast<std::size_t>(j)], s[j],
+         c[j], V);
+  out.count = 0.0;
+  for (int v = 0; v < V; ++v)
+    for (int l = 0; l < kLanes; ++l)
+      out.count += n[v][l];  // whole numbers: exact
+}
+
+template <class Terms>
+void run_model(Moments& out, const MomentRequest& r) {
+  // Few terms leave the adder idle between the steps of one chain: give them eight lanes.
+  constexpr int V = Terms::kTerms <= 6 ? 2 : 1;
+  if (r.residual) {
+    run<Terms, Terms::kTerms + 1, V>(out, r);
+  } else {
+    run<Terms, Terms::kTerms, V>(out, r);
+  }
+}
+
+// Any degree: the powers x⁰ … x²ⁿ, then x⁰·Y … xⁿ·Y, then Y², four lanes per term, the
+// accumulators in memory.
+inline void run_polynomial(Moments& out, const MomentRequest& r) {
+  struct Lane {
+    v4d s, c;
+  };
+  const std::size_t n = static_cast<std::size_t>(r.degree);
+  const std::size_t powers = 2 * n + 1;
+  const std::size_t k = powers + n + 1 + (r.residual ? 1 : 0);
+  std::vector<Lane> acc(k, Lane{splat(0.0), splat(0.0)});
+  std::vector<v4d> t(k + 1);  // the last slot is scratch
+  v4d used = splat(0.0);
+  const v4d scale = splat(r.scale);
+
+  const auto group = [&](const double* p, const double* w) {
+    const v4d x{p[0], p[2], p[4], p[6]};
+    const v4d y = v4d{p[1], p[3], p[5], p[7]} * scale;
+    v4i ok = finite(x) & finite(v4d{p[1], p[3], p[5], p[7]});
+    v4d xp = splat(1.0);
+    for (std::size_t j = 0; j < powers; ++j) {
+      t[j] = xp;
+      if (j <= n) t[powers + j] = xp * y;
+      xp *= x;
+    }
+    if (r.residual) t[k - 1] = y * y;
+    if (w) {
+      const v4d wv{w[0], w[1], w[2], w[3]};
+      ok &= reinterpret_cast<v4i>(wv != splat(0.0));
+      for (std::size_t j = 0; j < k; ++j)
+        t[j] *= wv;
+    }
+    for (std::size_t j = 0; j < k; ++j)
+      kahan(acc[j].s, acc[j].c, keep(t[j], ok));
+    used += keep(splat(1.0), ok);
+  };
+
+  const std::size_t count = r.weighted ? std::min(r.count, r.weight_count) : r.count;
+  const std::size_t full = count - count % kLanes;
+  for (std::size_t i = 0; i < full; i += kLanes)
+    group(r.coords + i * 2, r.weighted ? r.weights + i : nullptr);
+  if (full < count) {
+    double coords[kLanes * 2];
+    double w[kLanes] = {0.0, 0.0, 0.0, 0.0};
+    std::fill(coords, coords + kLanes * 2, std::numeric_limits<double>::quiet_NaN());
+    const std::size_t rest = count - full;
+    std::memcpy(coords, r.coords + full * 2, rest * 2 * sizeof(double));
+    if (r.weighted) std::memcpy(w, r.weights + full, rest * sizeof(double));
+    group(coords, r.weighted ? w : nullptr);
+  }
+
+  out.sum.resize(k);
+  out.correction.resize(k);
+  for (std::size_t j = 0; j < k; ++j)
+    join(out.sum[j], out.correction[j], &acc[j].s, &acc[j].c, 1);
+  out.count = used[0] + used[1] + used[2] + used[3];
+}
+
+void sum(Moments& out, const MomentRequest& r) {
+  switch (r.model) {
+    case moment_t::line:
+      return run_model<LineTerms>(out, r);
+    case moment_t::circle:
+      return run_model<CircleTerms>(out, r);
+    case moment_t::plane:
+      return run_model<PlaneTerms>(out, r);
+    case moment_t::sphere:
+      return run_model<SphereTerms>(out, r);
+    case moment_t::polynomial:
+      return run_polynomial(out, r);
+  }
+}
+
+}  // namespace QUIB_MOMENTS_NS
+}  // namespace detail
+}  // namespace quib
