@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -88,6 +89,17 @@ TEST_F(HashTool, WritesAndChecksListsLikeSha256sum) {
   EXPECT_TRUE(failsWith(runTool({"hash", "-c", "-"}, "abc  x\n\\" + abc + "  a\\qb\n"), 1,
                         "no properly formatted checksum lines found"));
   EXPECT_TRUE(failsWith(runTool({"hash", "--quiet", plain}), 2, "--quiet requires --check"));
+}
+
+TEST_F(HashTool, StreamsFilesLargerThanMemoryWants) {
+  // A sparse file of 2 GiB of zeros takes no disk; hashing it must not take its size in memory.
+  const std::string big = file("big");
+  std::filesystem::resize_file(writeFile("big", ""), std::uintmax_t(1) << 31);
+  const auto r = runTool({"hash", "--sha256", big});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "a7c744c13cc101ed66c29f672f92455547889cc586ce6d44fe76ae824958ea51  " + big + "\n");
+  EXPECT_LT(r.peakKiB, 64 * 1024);
 }
 
 TEST(NameTool, NumbersASeries) {

@@ -10,9 +10,10 @@
 namespace quib::test {
 
 struct Run {
-  int code = -1;    // exit status, or 128 + signal number when the tool was killed
-  std::string out;  // standard output
-  std::string err;  // standard error
+  int code = -1;     // exit status, or 128 + signal number when the tool was killed
+  std::string out;   // standard output
+  std::string err;   // standard error
+  long peakKiB = 0;  // the most memory the tool held at once (resident, KiB)
 };
 
 /// Runs `quib args...` with standard input from /dev/null.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -36,27 +37,30 @@ std::string hex(std::vector<unsigned char> const& bytes) {
   return s;
 }
 
-// One digest taken block by block.
-// TODO(tool): switch to quib::hash::Hasher and quib::sha256::Hasher once they are on main; until
-// then the blocks are gathered and hashed whole.
+// One digest taken block by block, through the library's incremental hashers.
 class Digest {
  public:
   explicit Digest(algorithm a) : kind(a) {}
   void update(unsigned char const* data, std::size_t size) {
-    gathered.insert(gathered.end(), data, data + size);
+    if (kind == algorithm::sha256)
+      sha.update(data, size);
+    else
+      fast.update(data, size);
   }
   // The digest in hexadecimal, or "" when the engine failed.
   std::string final() {
-    std::vector<unsigned char> out;
-    const bool ok = kind == algorithm::sha256 ? quib::sha256::compute(out, gathered)
-                                              : quib::hash::compute(out, gathered);
-    gathered.clear();
-    return ok ? hex(out) : std::string();
+    if (kind == algorithm::sha256) return sha.final_hex();
+    const std::uint64_t h = fast.final();
+    std::vector<unsigned char> bytes(8);
+    for (int i = 0; i < 8; ++i)
+      bytes[std::size_t(i)] = static_cast<unsigned char>(h >> (56 - 8 * i));
+    return hex(bytes);
   }
 
  private:
   algorithm kind;
-  std::vector<unsigned char> gathered;
+  quib::hash::Hasher fast;
+  quib::sha256::Hasher sha;
 };
 
 // The digest of a file ("-": standard input), read in blocks; Failure naming the file and what
