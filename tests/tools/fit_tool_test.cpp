@@ -127,4 +127,34 @@ TEST_F(FitTool, RefusesBadArguments) {
   EXPECT_TRUE(failsWith(runTool({"fit", "line", "a.csv", "b.csv"}), 2, "unexpected argument"));
 }
 
+TEST_F(FitTool, PrintsUncertaintyAndFitsArcsGeometrically) {
+  std::mt19937 rng(3);
+  std::normal_distribution<double> noise(0, 0.02);
+  std::ostringstream arc;
+  arc.precision(17);
+  for (int i = 0; i < 60; ++i) {
+    const double a = 0.5236 * i / 59, r = 10 + noise(rng);
+    arc << 1 + r * std::cos(a) << ',' << 2 + r * std::sin(a) << '\n';
+  }
+  const std::string file = writeFile("arc.csv", arc.str());
+  const auto g = runTool({"fit", "circle", "--geometric", "--json", file});
+  ASSERT_EQ(g.code, 0) << g.err;
+  const std::string errors = g.out.substr(g.out.find("\"standard_errors\""));
+  const double se = jsonNumber(errors, "r");
+  EXPECT_GT(se, 0.0);
+  EXPECT_LT(se, 1.0);
+  EXPECT_NEAR(jsonNumber(g.out, "radius"), 10, 4 * se);
+  EXPECT_EQ(jsonNumber(g.out, "points_used"), 60);
+  EXPECT_NEAR(jsonNumber(g.out, "sigma"), 0.02, 0.006);
+  EXPECT_NE(g.out.find("\"covariance\": ["), std::string::npos);
+
+  const auto t = runTool({"fit", "circle", "--geometric", file});
+  ASSERT_EQ(t.code, 0) << t.err;
+  EXPECT_NE(t.out.find("r = "), std::string::npos);
+  EXPECT_NE(t.out.find("standard errors: cx "), std::string::npos);
+  EXPECT_NE(t.out.find("60 points used, rms"), std::string::npos);
+
+  EXPECT_TRUE(failsWith(runTool({"fit", "line", "--geometric", file}), 2, "--geometric"));
+}
+
 }  // namespace

@@ -124,6 +124,8 @@ struct Report {
   std::vector<double> residuals;
   std::size_t points = 0;
   std::size_t used = 0;
+  // How well the fit determined its coefficients, in the order of `coefficients`.
+  quib::FitInfo info;
   // RANSAC search (plane only): how many points it kept, and its plane.
   bool ransac = false;
   double threshold = 0;
@@ -156,8 +158,11 @@ std::vector<Point> toPoints(std::vector<std::vector<double>> const& rows, std::s
 }
 
 template <class Fit>
-Fit fitWith(typename Fit::points_type const& pts, bool robust, double k) {
-  return robust ? Fit::create(pts, k) : Fit::create(pts);
+Fit fitWith(typename Fit::points_type const& pts, bool robust, double k, quib::FitInfo& info) {
+  if (robust) return Fit::create(pts, k, info);
+  Fit f;
+  static_cast<void>(f.calculate(pts, info));
+  return f;
 }
 
 void output(Context& ctx, std::string const& path, Report const& r) {
@@ -179,6 +184,22 @@ void output(Context& ctx, std::string const& path, Report const& r) {
                       {"mean_abs", s.meanAbs},
                       {"median_abs", s.medianAbs},
                       {"max_abs", s.maxAbs}};
+    Json se = Json::object();
+    for (std::size_t i = 0; i < r.coefficients.size(); ++i)
+      se[r.coefficients[i].first] = r.info.get_standard_error(static_cast<int>(i));
+    Json cov = Json::array();
+    const Eigen::MatrixXd& m = r.info.get_covariance();
+    for (Eigen::Index i = 0; i < m.rows(); ++i) {
+      Json row = Json::array();
+      for (Eigen::Index k = 0; k < m.cols(); ++k)
+        row.push_back(m(i, k));
+      cov.push_back(row);
+    }
+    j["uncertainty"] = {{"standard_errors", se},
+                        {"covariance", cov},
+                        {"rms", r.info.get_rms()},
+                        {"sigma", r.info.get_sigma()},
+                        {"points_used", r.info.get_count()}};
     if (r.ransac)
       j["ransac"] = {{"threshold", r.threshold},
                      {"inliers", r.inliers},
@@ -202,6 +223,13 @@ void output(Context& ctx, std::string const& path, Report const& r) {
   o << "  " << r.equation << '\n';
   for (auto const& [name, v] : r.coefficients)
     o << "  " << name << " = " << formatShort(v, 10) << '\n';
+  if (r.info.is()) {
+    o << "  standard errors:";
+    for (std::size_t i = 0; i < r.coefficients.size(); ++i)
+      o << (i ? ", " : " ") << r.coefficients[i].first << ' '
+        << formatShort(r.info.get_standard_error(static_cast<int>(i)));
+    o << '\n';
+  }
   for (auto const& [name, v] : r.derived) {
     o << "  " << name << ' ';
     for (std::size_t i = 0; i < v.size(); ++i)
@@ -210,6 +238,8 @@ void output(Context& ctx, std::string const& path, Report const& r) {
   }
   o << "  residuals: rms " << formatShort(s.rms) << ", mean |r| " << formatShort(s.meanAbs)
     << ", median |r| " << formatShort(s.medianAbs) << ", max |r| " << formatShort(s.maxAbs) << '\n';
+  o << "  fit: " << r.info.get_count() << " points used, rms " << formatShort(r.info.get_rms())
+    << ", sigma " << formatShort(r.info.get_sigma()) << " (of the fit's own residuals)\n";
 }
 
 struct FitOptions {
@@ -220,6 +250,7 @@ struct FitOptions {
   double probability = 0.99;
   bool robust = false;
   bool ransac = false;
+  bool geometric = false;
 };
 
 // "line", "circle", "plane", "sphere" or "poly:N" with N from 1 to 12; the degree, 0 for the
@@ -250,6 +281,8 @@ void fit(Context& ctx, FitOptions const& o) {
   const double k = o.k;
   const bool ransac = o.ransac;
   if (ransac && model != "plane") throw UsageError("--ransac works with the plane model only");
+  if (o.geometric && model != "circle" && model != "sphere")
+    throw UsageError("--geometric works with the circle and sphere models only");
   const double threshold = o.threshold;
   const double probability = o.probability;
 
@@ -263,13 +296,27 @@ void fit(Context& ctx, FitOptions const& o) {
   r.points = rows.size();
   if (model == "line") {
     const auto pts = toPoints<P2>(rows, r.used);
-    const auto f = fitWith<quib::LeastSquaresLine>(pts, robust, k);
+    const auto f = fitWith<quib::LeastSquaresLine>(pts, robust, k, r.info);
     r.equation = "y = a*x + b";
     r.coefficients = {{"a", f.a()}, {"b", f.b()}};
-    f.get_d(r.residuals, pts);
+    static_cast<void>(f.get_d(r.residuals, pts));
+  } else if (model == "circle" && o.geometric) {
+    const auto pts = toPoints<P2>(rows, r.used);
+    const auto f = fitWith<quib::GeometricCircle>(pts, robust, k, r.info);
+    r.equation = "|(x, y) - (cx, cy)| = r  (orthogonal distances)";
+    r.coefficients = {{"cx", f.x()}, {"cy", f.y()}, {"r", f.r()}};
+    r.derived = {{"centre", {f.x(), f.y()}}, {"radius", {f.r()}}};
+    static_cast<void>(f.get_d(r.residuals, pts));
+  } else if (model == "sphere" && o.geometric) {
+    const auto pts = toPoints<P3>(rows, r.used);
+    const auto f = fitWith<quib::GeometricSphere>(pts, robust, k, r.info);
+    r.equation = "|(x, y, z) - (cx, cy, cz)| = r  (orthogonal distances)";
+    r.coefficients = {{"cx", f.x()}, {"cy", f.y()}, {"cz", f.z()}, {"r", f.r()}};
+    r.derived = {{"centre", {f.x(), f.y(), f.z()}}, {"radius", {f.r()}}};
+    static_cast<void>(f.get_d(r.residuals, pts));
   } else if (model == "circle") {
     const auto pts = toPoints<P2>(rows, r.used);
-    const auto f = fitWith<quib::LeastSquaresCircle>(pts, robust, k);
+    const auto f = fitWith<quib::LeastSquaresCircle>(pts, robust, k, r.info);
     r.equation = "x^2 + y^2 + a*x + b*y + c = 0";
     r.coefficients = {{"a", f.a()}, {"b", f.b()}, {"c", f.c()}};
     r.derived = {{"centre", {f.x(), f.y()}}, {"radius", {f.r()}}};
@@ -277,7 +324,7 @@ void fit(Context& ctx, FitOptions const& o) {
       r.residuals.push_back((p - P2(f.x(), f.y())).norm() - f.r());
   } else if (model == "sphere") {
     const auto pts = toPoints<P3>(rows, r.used);
-    const auto f = fitWith<quib::LeastSquaresSphere>(pts, robust, k);
+    const auto f = fitWith<quib::LeastSquaresSphere>(pts, robust, k, r.info);
     r.equation = "x^2 + y^2 + z^2 + a*x + b*y + c*z + d = 0";
     r.coefficients = {{"a", f.a()}, {"b", f.b()}, {"c", f.c()}, {"d", f.d()}};
     r.derived = {{"centre", {f.x(), f.y(), f.z()}}, {"radius", {f.r()}}};
@@ -305,19 +352,23 @@ void fit(Context& ctx, FitOptions const& o) {
       pts.swap(inliers);
       r.used = pts.size();
     }
-    const auto f = fitWith<quib::LeastSquaresPlane>(pts, robust, k);
+    const auto f = fitWith<quib::LeastSquaresPlane>(pts, robust, k, r.info);
     r.equation = "z = a*x + b*y + c";
     r.coefficients = {{"a", f.a()}, {"b", f.b()}, {"c", f.c()}};
     r.derived = {{"normal", {f.x(), f.y(), f.z()}}, {"offset", {f.d()}}};
-    f.get_d(r.residuals, pts);
+    static_cast<void>(f.get_d(r.residuals, pts));
   } else {
     const auto pts = toPoints<P2>(rows, r.used);
-    const auto f = robust ? quib::LeastSquaresDimension::create(1.0, degree, pts, k)
-                          : quib::LeastSquaresDimension::create(1.0, degree, pts);
+    quib::LeastSquaresDimension f;
+    if (robust) {
+      f = quib::LeastSquaresDimension::create(1.0, degree, pts, k, r.info);
+    } else {
+      static_cast<void>(f.calculate(degree, pts, r.info));
+    }
     r.equation = "y = c0*x^" + std::to_string(degree) + " + ... + c" + std::to_string(degree);
     for (int i = 0; i < f.size(); ++i)
       r.coefficients.push_back({"c" + std::to_string(i), f[i]});
-    f.get_d(r.residuals, pts);
+    static_cast<void>(f.get_d(r.residuals, pts));
   }
   if (r.coefficients.empty() || !allFinite(r))
     throw Failure(path, "the points do not determine a " + model + " (" + std::to_string(r.used) +
@@ -344,7 +395,10 @@ void add_fit_command(CLI::App& quib, Context& ctx) {
       "blanks; further columns are ignored. Blank lines, lines starting with '#' and a header "
       "line at the top are skipped. Points with a coordinate that is not finite are ignored. "
       "Residuals are vertical (y or z) for line, plane and poly, and radial distances from the "
-      "surface for circle and sphere.");
+      "surface for circle and sphere. Each coefficient is printed with its standard error "
+      "(from the covariance sigma^2 (J^T J)^-1 of the fit), and the fit's own RMS residual, sigma "
+      "and the number of points it used (after --robust or --ransac) follow; circle and sphere "
+      "fits are algebraic unless --geometric asks for orthogonal distances.");
   cmd.add_option("MODEL", o->model, "line, circle, plane, sphere or poly:N")
       ->required()
       ->check(modelName);
@@ -358,6 +412,9 @@ void add_fit_command(CLI::App& quib, Context& ctx) {
                  "than THRESHOLD, then fit the plane to those")
       ->type_name("THRESHOLD")
       ->check(CLI::PositiveNumber);
+  cmd.add_flag("--geometric", o->geometric,
+               "circle and sphere: fit centre and radius by orthogonal distances (unbiased on "
+               "short arcs) instead of the algebraic fit");
   cmd.add_option("--probability", o->probability, "wanted RANSAC success probability")
       ->type_name("P")
       ->check(CLI::Range(0.0, 1.0))
