@@ -9,6 +9,7 @@ void addCommands(CLI::App& quib, Context& ctx) {
   add_fit_command(quib, ctx);
   add_stl_command(quib, ctx);
   add_dicom_command(quib, ctx);
+  add_dicom_pixels_command(quib, ctx);
   add_calibrate_command(quib, ctx);
   add_undistort_command(quib, ctx);
   add_contours_command(quib, ctx);

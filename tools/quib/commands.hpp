@@ -15,6 +15,7 @@ void add_name_command(CLI::App& quib, Context& ctx);
 void add_fit_command(CLI::App& quib, Context& ctx);
 void add_stl_command(CLI::App& quib, Context& ctx);
 void add_dicom_command(CLI::App& quib, Context& ctx);
+void add_dicom_pixels_command(CLI::App& quib, Context& ctx);
 void add_calibrate_command(CLI::App& quib, Context& ctx);
 void add_undistort_command(CLI::App& quib, Context& ctx);
 void add_contours_command(CLI::App& quib, Context& ctx);
