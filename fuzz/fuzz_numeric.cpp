@@ -45,19 +45,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   std::vector<double> d;
-  quib::LeastSquaresLine::create(p2, k).get_d(d, p2);
+  static_cast<void>(quib::LeastSquaresLine::create(p2, k).get_d(d, p2));
   quib::LeastSquaresLine line;
   static_cast<void>(line.calculate(p2, weights));
   quib::LeastSquaresLine::create_iterative(p2, 1e-6, degree, k);
-  quib::LeastSquaresCircle::create(p2, k).get_d(d, p2);
-  quib::LeastSquaresPlane::create(p3, k).get_d(d, p3);
-  quib::LeastSquaresSphere::create(p3, k).get_d(d, p3);
+  static_cast<void>(quib::LeastSquaresCircle::create(p2, k).get_d(d, p2));
+  static_cast<void>(quib::LeastSquaresPlane::create(p3, k).get_d(d, p3));
+  static_cast<void>(quib::LeastSquaresSphere::create(p3, k).get_d(d, p3));
   quib::LeastSquaresCurve::create(p2, k);
   quib::LeastSquaresCurve3 cubic;
   static_cast<void>(cubic.calculate(p2, weights));
 
   const auto poly = quib::LeastSquaresDimension::create(in.number(), degree, p2, k);
-  poly.get_d(d, p2);
+  static_cast<void>(poly.get_d(d, p2));
   const double x0 = in.number(), x1 = in.number();
   const double step = (x1 - x0) / (1 + in.byte());  // at most 256 samples
   std::vector<double> roots;

@@ -39,7 +39,7 @@ class QUIB_API LeastSquaresCurve {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Residuals y - f(x), one per input point.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCurve create(const points_type& points);
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
@@ -83,7 +83,7 @@ class QUIB_API LeastSquaresCurve3 {
   [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCurve3 create(const points_type& points);
   static LeastSquaresCurve3 create(const points_type& points, double k);
@@ -150,7 +150,7 @@ class QUIB_API LeastSquaresDimension {
   [[nodiscard]] bool calculate(int degree, const points_type& points,
                                const std::vector<double>& weights, FitInfo& info);
   /// Residuals y - get_y(x), one per input point; false (d untouched) with no coefficients.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   /// Number of coefficients (degree + 1).
   int size() const { return static_cast<int>(coef.size()); }

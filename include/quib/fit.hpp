@@ -95,7 +95,7 @@ class QUIB_API LeastSquaresLine {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Residuals y - (a·x + b), one per input point in input order.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresLine create(const points_type& points);
   /// Fits, weights the residuals with a Tukey biweight whose threshold is
@@ -156,7 +156,7 @@ class QUIB_API LeastSquaresCircle {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Algebraic residuals (x - cx)² + (y - cy)² - r², one per input point.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresCircle create(const points_type& points);
   static LeastSquaresCircle create(const points_type& points, double k);
@@ -206,7 +206,7 @@ class QUIB_API LeastSquaresPlane {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Residuals z - (a·x + b·y + c), one per input point.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresPlane create(const points_type& points);
   static LeastSquaresPlane create(const points_type& points, double k);
@@ -257,7 +257,7 @@ class QUIB_API LeastSquaresSphere {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Algebraic residuals |p - centre|² - r², one per input point.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static LeastSquaresSphere create(const points_type& points);
   static LeastSquaresSphere create(const points_type& points, double k);
@@ -322,7 +322,7 @@ class QUIB_API GeometricFit {
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
                                FitInfo& info);
   /// Signed distances |p - centre| - r, one per input point; false (d untouched) with no fit.
-  bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
 
   static GeometricFit create(const points_type& points);
   /// One Tukey reweighting of the distances, as LeastSquaresLine::create(points, k).
