@@ -22,24 +22,24 @@ using detail::vr;
 namespace dicom {
 
 std::uint32_t tag_key(element_t element) {
-  if (const data_set_t* row = find_set(element)) return tag_key(row->group, row->number);
-  if (const data_map_t* row = find_map(element)) return tag_key(row->group, row->number);
+  if (data_set_t const* row = find_set(element)) return tag_key(row->group, row->number);
+  if (data_map_t const* row = find_map(element)) return tag_key(row->group, row->number);
   return 0;
 }
 
-const data_set_t* find_set(std::uint16_t group, std::uint16_t number) {
-  const data_set_t* begin = detail::kSetEntries;
-  const data_set_t* end = begin + detail::kSetCount;
-  const data_set_t* row = std::lower_bound(
-      begin, end, tag_key(number, group), [](const data_set_t& r, std::uint32_t k) {
+data_set_t const* find_set(std::uint16_t group, std::uint16_t number) {
+  data_set_t const* begin = detail::kSetEntries;
+  data_set_t const* end = begin + detail::kSetCount;
+  data_set_t const* row = std::lower_bound(
+      begin, end, tag_key(number, group), [](data_set_t const& r, std::uint32_t k) {
         return tag_key(r.number, r.group) < k;  // group in the high half: sorts by group first
       });
   return row != end && row->group == group && row->number == number ? row : nullptr;
 }
 
-const data_map_t* find_map(std::uint16_t group, std::uint16_t number) {
-  const data_map_t* end = detail::kMapEntries + detail::kMapCount;
-  for (const data_map_t* row = detail::kMapEntries; row != end; ++row) {
+data_map_t const* find_map(std::uint16_t group, std::uint16_t number) {
+  data_map_t const* end = detail::kMapEntries + detail::kMapCount;
+  for (data_map_t const* row = detail::kMapEntries; row != end; ++row) {
     if ((group & row->group_mask) == row->group && (number & row->number_mask) == row->number) {
       return row;
     }
@@ -48,9 +48,9 @@ const data_map_t* find_map(std::uint16_t group, std::uint16_t number) {
 }
 
 element_t find_keyword(std::string_view keyword) {
-  const element_t* begin = detail::kKeywordOrder;
-  const element_t* end = begin + detail::kSetCount + detail::kMapCount;
-  const element_t* at = std::lower_bound(begin, end, keyword, [](element_t e, std::string_view k) {
+  element_t const* begin = detail::kKeywordOrder;
+  element_t const* end = begin + detail::kSetCount + detail::kMapCount;
+  element_t const* at = std::lower_bound(begin, end, keyword, [](element_t e, std::string_view k) {
     return std::string_view(detail::kKeywords[e - 1]) < k;
   });
   return at != end && detail::kKeywords[*at - 1] == keyword ? *at : unknown;
@@ -62,12 +62,12 @@ std::string_view get_keyword(element_t element) {
                                                                       : std::string_view();
 }
 
-const data_set_t* find_set(element_t element) {
+data_set_t const* find_set(element_t element) {
   std::uint32_t index = static_cast<std::uint32_t>(element);
   return index >= 1 && index <= detail::kSetCount ? &detail::kSetEntries[index - 1] : nullptr;
 }
 
-const data_map_t* find_map(element_t element) {
+data_map_t const* find_map(element_t element) {
   std::uint32_t index = static_cast<std::uint32_t>(element);
   if (index <= detail::kSetCount || index - detail::kSetCount > detail::kMapCount) return nullptr;
   return &detail::kMapEntries[index - detail::kSetCount - 1];
@@ -76,20 +76,20 @@ const data_map_t* find_map(element_t element) {
 }  // namespace dicom
 
 std::uint16_t detail::dictionary_type(std::uint16_t group, std::uint16_t number) {
-  if (const dicom::data_set_t* row = dicom::find_set(group, number)) return row->type;
-  if (const dicom::data_map_t* row = dicom::find_map(group, number)) return row->type;
+  if (dicom::data_set_t const* row = dicom::find_set(group, number)) return row->type;
+  if (dicom::data_map_t const* row = dicom::find_map(group, number)) return row->type;
   if (number == 0x0000) return vr('U', 'L');
   if ((group & 1) != 0 && number >= 0x0010 && number <= 0x00FF) return vr('L', 'O');
   return 0;
 }
 
 void detail::order_entries(std::vector<Dicom::Entry>& entries, bool last_wins) {
-  const auto before = [](const Dicom::Entry& a, const Dicom::Entry& b) {
+  auto const before = [](Dicom::Entry const& a, Dicom::Entry const& b) {
     return tag_order(a.key) < tag_order(b.key);
   };
-  const auto same = [](const Dicom::Entry& a, const Dicom::Entry& b) { return a.key == b.key; };
+  auto const same = [](Dicom::Entry const& a, Dicom::Entry const& b) { return a.key == b.key; };
   // Files list their elements in tag order, so this is usually one pass over sorted entries.
-  if (std::adjacent_find(entries.begin(), entries.end(), [&](const auto& a, const auto& b) {
+  if (std::adjacent_find(entries.begin(), entries.end(), [&](auto const& a, auto const& b) {
         return !before(a, b);
       }) == entries.end()) {
     return;
@@ -118,7 +118,7 @@ Dicom::Tag::Tag(std::string_view text) {
   if (digits.size() == 9 && digits[4] == ',') digits.erase(4, 1);
   if (digits.size() == 8 &&
       digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
-    const unsigned long value = std::stoul(digits, nullptr, 16);
+    unsigned long const value = std::stoul(digits, nullptr, 16);
     key = dicom::tag_key(std::uint16_t(value >> 16), std::uint16_t(value & 0xFFFF));
     valid = true;
     return;
@@ -131,16 +131,16 @@ Dicom::Tag::Tag(std::string_view text) {
 std::uint16_t Dicom::get_type(Tag tag) const {
   if (!tag.is()) return 0;
   const std::uint32_t key = tag.get_key();
-  const auto at =
-      std::lower_bound(entries.begin(), entries.end(), key, [](const Entry& e, std::uint32_t k) {
+  auto const at =
+      std::lower_bound(entries.begin(), entries.end(), key, [](Entry const& e, std::uint32_t k) {
         return detail::tag_order(e.key) < detail::tag_order(k);
       });
   return at != entries.end() && at->key == key ? at->type : 0;
 }
 
-const std::vector<unsigned char>* Dicom::find(Tag tag) const {
+std::vector<unsigned char> const* Dicom::find(Tag tag) const {
   if (!tag.is()) return nullptr;
-  const auto at = table.find(tag.get_key());
+  auto const at = table.find(tag.get_key());
   return at == table.end() ? nullptr : &at->second;
 }
 
@@ -158,7 +158,7 @@ Dicom::Data::Data(std::uint16_t group_, std::uint16_t number_, std::uint32_t siz
   looked_up = true;
 }
 
-Dicom::Data::Data(const dicom::data_set_t* row, std::uint32_t size_) : size(size_) {
+Dicom::Data::Data(dicom::data_set_t const* row, std::uint32_t size_) : size(size_) {
   if (row == nullptr) return;
   group = row->group;
   number = row->number;
@@ -166,7 +166,7 @@ Dicom::Data::Data(const dicom::data_set_t* row, std::uint32_t size_) : size(size
   set = row;
 }
 
-Dicom::Data::Data(const dicom::data_map_t* row, std::uint32_t size_) : size(size_) {
+Dicom::Data::Data(dicom::data_map_t const* row, std::uint32_t size_) : size(size_) {
   if (row == nullptr) return;
   group = row->group;
   number = row->number;
@@ -320,10 +320,10 @@ template <bool Little>
 Dicom::Analyzer::result_t read_header_as(std::istream& in, unsigned char (&head)[12],
                                          std::size_t got, bool& meta, bool implicit,
                                          std::shared_ptr<Dicom::Data>& data) {
-  const auto u16 = [](const unsigned char* p) {
+  auto const u16 = [](unsigned char const* p) {
     return Little ? detail::load_le<std::uint16_t>(p) : detail::load_be<std::uint16_t>(p);
   };
-  const auto u32 = [](const unsigned char* p) {
+  auto const u32 = [](unsigned char const* p) {
     return Little ? detail::load_le<std::uint32_t>(p) : detail::load_be<std::uint32_t>(p);
   };
   std::uint16_t group = u16(head);
@@ -344,9 +344,9 @@ Dicom::Analyzer::result_t read_header_as(std::istream& in, unsigned char (&head)
     std::uint32_t size = u32(head + 4);
     if (!implicit) {
       store(data, group, number, std::uint16_t{0}, size);
-    } else if (const dicom::data_set_t* row = dicom::find_set(group, number)) {
+    } else if (dicom::data_set_t const* row = dicom::find_set(group, number)) {
       store(data, row, size);
-    } else if (const dicom::data_map_t* family = dicom::find_map(group, number)) {
+    } else if (dicom::data_map_t const* family = dicom::find_map(group, number)) {
       store(data, family, size);  // a repeating-group member takes the family's tag
     } else {
       store(data, group, number, std::uint16_t{0}, size);
@@ -383,13 +383,13 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
     rewind(in, got);
     return {false, 4};
   }
-  const bool little = meta ? meta_little : endian_little;
+  bool const little = meta ? meta_little : endian_little;
   return little ? read_header_as<true>(in, head, got, meta, implicit, data)
                 : read_header_as<false>(in, head, got, meta, implicit, data);
 }
 
 Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
-                                                       const std::shared_ptr<Data>& data,
+                                                       std::shared_ptr<Data> const& data,
                                                        std::vector<unsigned char>& value) {
   value.clear();
   if (!data) return {false, 0};
@@ -422,7 +422,7 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
 // ---------------------------------------------------------------------------------------------
 // Dicom
 
-Dicom::Dicom(const std::wstring& path) {
+Dicom::Dicom(std::wstring const& path) {
   load(path);
 }
 
@@ -478,16 +478,16 @@ bool read_classic(std::istream& in, detail::DicomParts& parts) {
   for (auto& [key, bytes] : read)
     parts.table.insert_or_assign(key, std::move(bytes));  // later wins
   detail::order_entries(parts.entries, true);
-  if (const auto uid = parts.table.find(dicom::tag_key(0x0002, 0x0010)); uid != parts.table.end())
+  if (auto const uid = parts.table.find(dicom::tag_key(0x0002, 0x0010)); uid != parts.table.end())
     parts.info.syntax = std::string(trim_uid(uid->second));
-  if (const auto set = parts.table.find(dicom::tag_key(0x0008, 0x0005)); set != parts.table.end())
+  if (auto const set = parts.table.find(dicom::tag_key(0x0008, 0x0005)); set != parts.table.end())
     parts.info.charset.assign(set->second.begin(), set->second.end());
   return true;
 }
 
 }  // namespace
 
-int Dicom::load(const std::wstring& path) {
+int Dicom::load(std::wstring const& path) {
   return load(path, READ_CLASSIC);
 }
 
@@ -495,7 +495,7 @@ int Dicom::load(std::istream& in) {
   return load(in, READ_CLASSIC);
 }
 
-int Dicom::load(const std::wstring& path, read_t how) {
+int Dicom::load(std::wstring const& path, read_t how) {
   const std::optional<std::filesystem::path> native = detail::native_path(path);
   std::error_code error;
   if (!native || std::filesystem::is_directory(*native, error)) {
@@ -512,7 +512,7 @@ int Dicom::load(const std::wstring& path, read_t how) {
   }
   try {
     return load(file, how);
-  } catch (const std::ios_base::failure&) {
+  } catch (std::ios_base::failure const&) {
     clear();  // the system refused to read (a device, a file gone bad): not a file we can read
     return -1;
   }

@@ -16,8 +16,8 @@ namespace {
 enum class Set { ascii, latin1, utf8, other };
 
 struct Named {
-  const char* term;  // the defined term after "ISO_IR " or "ISO 2022 IR "
-  const char* iconv;
+  char const* term;  // the defined term after "ISO_IR " or "ISO 2022 IR "
+  char const* iconv;
 };
 
 // The single-byte sets (and the two Chinese ones) that glibc's iconv decodes.
@@ -35,7 +35,7 @@ std::string_view trim(std::string_view s) {
 }
 
 // The set one defined term names; `name` receives iconv's name for `other`.
-Set set_of(std::string_view term, const char*& name) {
+Set set_of(std::string_view term, char const*& name) {
   term = trim(term);
   if (term.empty() || term == "ISO_IR 6" || term == "ISO 2022 IR 6") return Set::ascii;
   if (term == "ISO_IR 192") return Set::utf8;
@@ -52,7 +52,7 @@ Set set_of(std::string_view term, const char*& name) {
     return Set::ascii;  // not a set we know: read as the default repertoire
   }
   if (number == "100") return Set::latin1;
-  for (const Named& n : kSets) {
+  for (Named const& n : kSets) {
     if (number == n.term) {
       name = n.iconv;
       return Set::other;
@@ -65,7 +65,7 @@ Set set_of(std::string_view term, const char*& name) {
 void append_checked_utf8(std::string& out, std::string_view in) {
   std::size_t i = 0;
   while (i < in.size()) {
-    const unsigned char c = static_cast<unsigned char>(in[i]);
+    unsigned char const c = static_cast<unsigned char>(in[i]);
     std::size_t n = c < 0x80                 ? 1
                     : c >= 0xC2 && c <= 0xDF ? 2
                     : c >= 0xE0 && c <= 0xEF ? 3
@@ -74,7 +74,7 @@ void append_checked_utf8(std::string& out, std::string_view in) {
     bool ok = n != 0 && i + n <= in.size();
     char32_t cp = n == 1 ? c : n == 2 ? (c & 0x1F) : n == 3 ? (c & 0x0F) : (c & 0x07);
     for (std::size_t k = 1; ok && k < n; ++k) {
-      const unsigned char t = static_cast<unsigned char>(in[i + k]);
+      unsigned char const t = static_cast<unsigned char>(in[i + k]);
       ok = (t & 0xC0) == 0x80;
       cp = (cp << 6) | (t & 0x3F);
     }
@@ -91,7 +91,7 @@ void append_checked_utf8(std::string& out, std::string_view in) {
   }
 }
 
-void append_iconv(std::string& out, const char* name, std::string_view in) {
+void append_iconv(std::string& out, char const* name, std::string_view in) {
   iconv_t cd = iconv_open("UTF-8", name);
   if (cd == iconv_t(-1)) {
     for (char c : in)
@@ -126,7 +126,7 @@ std::string decode_text(std::string_view charset, std::string_view bytes) {
   // Several values name the sets that ISO 2022 escapes switch between; the single-byte and
   // Chinese sets are ASCII below 0x80, so the first value that names more than ASCII decides.
   Set set = Set::ascii;
-  const char* name = nullptr;
+  char const* name = nullptr;
   for (std::size_t start = 0; start <= charset.size();) {
     std::size_t end = charset.find('\\', start);
     if (end == std::string_view::npos) end = charset.size();

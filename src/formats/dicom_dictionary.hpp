@@ -16,7 +16,7 @@ extern const std::size_t kSetCount;
 extern const data_map_t kMapEntries[];
 extern const std::size_t kMapCount;
 /// The keyword of element_t i + 1, and all identities sorted by keyword.
-extern const char* const kKeywords[];
+extern char const* const kKeywords[];
 extern const element_t kKeywordOrder[];
 
 }  // namespace detail

@@ -76,21 +76,21 @@ inline bool is_short_form(std::uint16_t type) {
 }
 
 // Two upper-case letters: what a VR looks like, known or not.
-inline bool looks_like_vr(const unsigned char* p) {
+inline bool looks_like_vr(unsigned char const* p) {
   return p[0] >= 'A' && p[0] <= 'Z' && p[1] >= 'A' && p[1] <= 'Z';
 }
 
 // Blanks, control characters and NUL padding around a UID do not count.
-inline std::string_view trim_uid(const unsigned char* data, std::size_t size) {
+inline std::string_view trim_uid(unsigned char const* data, std::size_t size) {
   std::size_t begin = 0;
   std::size_t end = size;
   while (begin < end && data[begin] <= 0x20)
     ++begin;
   while (end > begin && (data[end - 1] <= 0x20 || data[end - 1] == 0x7F))
     --end;
-  return std::string_view(reinterpret_cast<const char*>(data) + begin, end - begin);
+  return std::string_view(reinterpret_cast<char const*>(data) + begin, end - begin);
 }
-inline std::string_view trim_uid(const std::vector<unsigned char>& value) {
+inline std::string_view trim_uid(std::vector<unsigned char> const& value) {
   return trim_uid(value.data(), value.size());
 }
 
@@ -125,11 +125,11 @@ bool read_standard(std::istream& in, DicomParts& parts);
 
 // Reads the elements of one data set or item from memory in the given encoding, to the end of
 // the bytes. `parts.info` gives the encoding and depth and receives completeness.
-void read_data_set(const unsigned char* data, std::size_t size, DicomParts& parts);
+void read_data_set(unsigned char const* data, std::size_t size, DicomParts& parts);
 
 // For an undefined-length item whose content starts at `data`: the size of the content before
 // its Item Delimitation Item, walking nested sequences; false when the item does not end.
-bool find_item_end(const unsigned char* data, std::size_t size, bool implicit, bool little,
+bool find_item_end(unsigned char const* data, std::size_t size, bool implicit, bool little,
                    std::size_t& content);
 
 }  // namespace quib::detail

@@ -46,13 +46,13 @@ OPJ_BOOL seek_bytes(OPJ_OFF_T to, void* user) {
   return OPJ_TRUE;
 }
 
-void on_error(const char* message, void* user) {
+void on_error(char const* message, void* user) {
   auto* r = static_cast<reader*>(user);
   if (r->error.empty()) r->error = message;
   while (!r->error.empty() && (r->error.back() == '\n' || r->error.back() == ' '))
     r->error.pop_back();
 }
-void on_quiet(const char*, void*) {}
+void on_quiet(char const*, void*) {}
 
 struct codec_deleter {
   void operator()(opj_codec_t* c) const { opj_destroy_codec(c); }
@@ -66,10 +66,10 @@ struct image_deleter {
 
 }  // namespace
 
-decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_j2k(byte_span in, frame_layout const& layout, unsigned char* out) {
   decode_result result;
-  static const unsigned char kJp2[] = {0, 0, 0, 12, 'j', 'P', ' ', ' '};
-  const bool jp2 = in.size >= 8 && std::memcmp(in.data, kJp2, 8) == 0;
+  static unsigned char const kJp2[] = {0, 0, 0, 12, 'j', 'P', ' ', ' '};
+  bool const jp2 = in.size >= 8 && std::memcmp(in.data, kJp2, 8) == 0;
   if (!jp2 && (in.size < 4 || in.data[0] != 0xFF || in.data[1] != 0x4F)) {
     result.error = "JPEG 2000 frame starts with neither a code stream nor a JP2 signature";
     return result;
@@ -89,7 +89,7 @@ decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char
   opj_stream_set_seek_function(stream.get(), seek_bytes);
   opj_dparameters_t parameters;
   opj_set_default_decoder_parameters(&parameters);
-  auto fail = [&](const char* what) {
+  auto fail = [&](char const* what) {
     result.error = std::string("JPEG 2000: ") + (r.error.empty() ? what : r.error.c_str());
     return result;
   };
@@ -105,7 +105,7 @@ decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char
                 image->y1 - image->y0 == OPJ_UINT32(layout.rows) &&
                 image->numcomps == OPJ_UINT32(layout.samples);
   for (OPJ_UINT32 c = 0; agrees && c < image->numcomps; ++c) {
-    const opj_image_comp_t& comp = image->comps[c];
+    opj_image_comp_t const& comp = image->comps[c];
     agrees = comp.dx == 1 && comp.dy == 1 && comp.prec >= 1 &&
              comp.prec <= OPJ_UINT32(8 * layout.bytes) && comp.prec <= 31;
   }
@@ -119,7 +119,7 @@ decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char
   const std::size_t pixels = std::size_t(layout.rows) * std::size_t(layout.columns);
   const std::size_t samples = std::size_t(layout.samples);
   for (std::size_t c = 0; c < samples; ++c) {
-    const opj_image_comp_t& comp = image->comps[c];
+    opj_image_comp_t const& comp = image->comps[c];
     if (!comp.data || comp.w != OPJ_UINT32(layout.columns) || comp.h != OPJ_UINT32(layout.rows))
       return fail("decoded component missing");
     const OPJ_INT32* from = comp.data;
@@ -130,18 +130,18 @@ decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char
       if (samples == 1) {
         auto* to = out;
         for (std::size_t p = 0; p < pixels; ++p) {
-          const auto v = static_cast<std::uint16_t>(from[p]);
+          auto const v = static_cast<std::uint16_t>(from[p]);
           std::memcpy(to + 2 * p, &v, 2);
         }
       } else {
         for (std::size_t p = 0; p < pixels; ++p) {
-          const auto v = static_cast<std::uint16_t>(from[p]);
+          auto const v = static_cast<std::uint16_t>(from[p]);
           std::memcpy(out + 2 * (p * samples + c), &v, 2);
         }
       }
     } else {
       for (std::size_t p = 0; p < pixels; ++p) {
-        const auto v = static_cast<std::uint32_t>(from[p]);
+        auto const v = static_cast<std::uint32_t>(from[p]);
         std::memcpy(out + 4 * (p * samples + c), &v, 4);
       }
     }

@@ -31,12 +31,12 @@ struct jpeg_frame_header {
 };
 
 bool read_frame_header(byte_span in, jpeg_frame_header& header) {
-  const unsigned char* p = in.data;
+  unsigned char const* p = in.data;
   if (in.size < 4 || p[0] != 0xFF || p[1] != 0xD8) return false;
   std::size_t i = 2;
   while (i + 4 <= in.size) {
     if (p[i] != 0xFF) return false;
-    const int marker = p[i + 1];
+    int const marker = p[i + 1];
     if (marker == 0xFF) {  // fill byte
       ++i;
       continue;
@@ -61,14 +61,14 @@ bool read_frame_header(byte_span in, jpeg_frame_header& header) {
 
 }  // namespace
 
-decode_result decode_jpeg(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_jpeg(byte_span in, frame_layout const& layout, unsigned char* out) {
   jpeg_frame_header header;
   if (!read_frame_header(in, header)) {
     decode_result result;
     result.error = "JPEG stream without a frame header";
     return result;
   }
-  const bool lossless = (header.marker & 3) == 3;  // C3, C7, CB, CF
+  bool const lossless = (header.marker & 3) == 3;  // C3, C7, CB, CF
   if (lossless) return decode_jpeg_ijg16(in, layout, out);
   if (header.precision == 8) return turbo::run(in, layout, out);
   if (header.precision == 12) return decode_jpeg_ijg12(in, layout, out);

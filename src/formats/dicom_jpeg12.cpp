@@ -18,7 +18,7 @@ extern "C" {
 
 namespace quib::detail {
 
-decode_result decode_jpeg_ijg12(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_jpeg_ijg12(byte_span in, frame_layout const& layout, unsigned char* out) {
   return ijg12::run(in, layout, out);
 }
 

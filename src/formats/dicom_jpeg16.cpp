@@ -19,7 +19,7 @@ extern "C" {
 
 namespace quib::detail {
 
-decode_result decode_jpeg_ijg16(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_jpeg_ijg16(byte_span in, frame_layout const& layout, unsigned char* out) {
   return ijg16::run(in, layout, out);
 }
 

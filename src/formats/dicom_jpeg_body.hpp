@@ -40,7 +40,7 @@ inline void source_skip(j_decompress_ptr info, long count) {
 }
 
 // Decodes one JPEG frame into `out` as quib::detail::decode_jpeg describes.
-inline decode_result run(byte_span in, const frame_layout& layout, unsigned char* out) {
+inline decode_result run(byte_span in, frame_layout const& layout, unsigned char* out) {
   decode_result result;
   jpeg_decompress_struct info;
   error_manager err;
@@ -99,7 +99,7 @@ inline decode_result run(byte_span in, const frame_layout& layout, unsigned char
 
   const std::size_t row_samples = std::size_t(layout.columns) * std::size_t(layout.samples);
   const std::size_t row_bytes = row_samples * std::size_t(layout.bytes);
-  const bool direct = sizeof(JSAMPLE) == std::size_t(layout.bytes) &&
+  bool const direct = sizeof(JSAMPLE) == std::size_t(layout.bytes) &&
                       reinterpret_cast<std::uintptr_t>(out) % alignof(JSAMPLE) == 0 &&
                       row_bytes % alignof(JSAMPLE) == 0;
   JSAMPARRAY scratch = nullptr;
@@ -114,18 +114,18 @@ inline decode_result run(byte_span in, const frame_layout& layout, unsigned char
       continue;
     }
     jpeg_read_scanlines(&info, scratch, 1);
-    const JSAMPLE* from = scratch[0];
+    JSAMPLE const* from = scratch[0];
     if (layout.bytes == 1) {
       for (std::size_t i = 0; i < row_samples; ++i)
         target[i] = static_cast<unsigned char>(from[i]);
     } else if (layout.bytes == 2) {
       for (std::size_t i = 0; i < row_samples; ++i) {
-        const auto v = static_cast<std::uint16_t>(from[i]);
+        auto const v = static_cast<std::uint16_t>(from[i]);
         std::memcpy(target + 2 * i, &v, 2);
       }
     } else {
       for (std::size_t i = 0; i < row_samples; ++i) {
-        const auto v = static_cast<std::uint32_t>(static_cast<std::uint16_t>(from[i]));
+        auto const v = static_cast<std::uint32_t>(static_cast<std::uint16_t>(from[i]));
         std::memcpy(target + 4 * i, &v, 4);
       }
     }

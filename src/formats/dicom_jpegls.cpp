@@ -15,7 +15,7 @@ struct decoder_deleter {
 };
 
 // Copies `count` samples of `from_bytes` bytes each into containers of `to_bytes` bytes.
-void widen(const unsigned char* from, int from_bytes, unsigned char* to, int to_bytes,
+void widen(unsigned char const* from, int from_bytes, unsigned char* to, int to_bytes,
            std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     std::uint32_t v = 0;
@@ -29,7 +29,7 @@ void widen(const unsigned char* from, int from_bytes, unsigned char* to, int to_
     if (to_bytes == 1) {
       to[i] = static_cast<unsigned char>(v);
     } else if (to_bytes == 2) {
-      const auto s = static_cast<std::uint16_t>(v);
+      auto const s = static_cast<std::uint16_t>(v);
       std::memcpy(to + 2 * i, &s, 2);
     } else {
       std::memcpy(to + 4 * i, &v, 4);
@@ -39,7 +39,7 @@ void widen(const unsigned char* from, int from_bytes, unsigned char* to, int to_
 
 }  // namespace
 
-decode_result decode_jpegls(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_jpegls(byte_span in, frame_layout const& layout, unsigned char* out) {
   decode_result result;
   std::unique_ptr<charls_jpegls_decoder, decoder_deleter> decoder(charls_jpegls_decoder_create());
   if (!decoder) throw std::bad_alloc();
@@ -68,8 +68,8 @@ decode_result decode_jpegls(byte_span in, const frame_layout& layout, unsigned c
                    " bits; the attributes say otherwise";
     return result;
   }
-  const int stream_bytes = info.bits_per_sample > 8 ? 2 : 1;
-  const bool planar = mode == charls::interleave_mode::none && layout.samples > 1;
+  int const stream_bytes = info.bits_per_sample > 8 ? 2 : 1;
+  bool const planar = mode == charls::interleave_mode::none && layout.samples > 1;
   const std::size_t size =
       layout.frame_bytes() / std::size_t(layout.bytes) * std::size_t(stream_bytes);
   if (stream_bytes == layout.bytes && !planar) {

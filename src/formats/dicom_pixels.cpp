@@ -14,7 +14,7 @@ namespace quib {
 
 namespace detail {
 
-codec_t codec_of(const std::string& uid) {
+codec_t codec_of(std::string const& uid) {
   if (uid.empty() || uid == "1.2.840.10008.1.2" || uid == "1.2.840.10008.1.2.1")
     return codec_t::native;
   if (uid == "1.2.840.10008.1.2.1.99") return codec_t::deflated;
@@ -23,7 +23,7 @@ codec_t codec_of(const std::string& uid) {
   const std::string jpeg = "1.2.840.10008.1.2.4.";
   if (uid.compare(0, jpeg.size(), jpeg) != 0) return codec_t::unknown;
   int n = 0;
-  const char* end = uid.data() + uid.size();
+  char const* end = uid.data() + uid.size();
   auto [p, ec] = std::from_chars(uid.data() + jpeg.size(), end, n);
   if (ec != std::errc() || p != end) return codec_t::unknown;
   if (n >= 50 && n <= 70) return codec_t::jpeg;
@@ -44,9 +44,9 @@ bool ends_stream(byte_span fragment) {
 
 }  // namespace
 
-bool locate_frames(const std::vector<byte_span>& items, std::size_t frames,
-                   const std::vector<std::uint64_t>& offsets,
-                   const std::vector<std::uint64_t>& lengths, codec_t codec,
+bool locate_frames(std::vector<byte_span> const& items, std::size_t frames,
+                   std::vector<std::uint64_t> const& offsets,
+                   std::vector<std::uint64_t> const& lengths, codec_t codec,
                    std::vector<std::vector<byte_span>>& located, std::string& error) {
   located.clear();
   const std::size_t count = items.size() - 1;  // fragments after the Basic Offset Table
@@ -140,25 +140,25 @@ using detail::codec_t;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Attribute values, through the table's typed reading (the VR and byte order each was read in).
-const std::vector<unsigned char>* find(const Dicom& file, std::uint16_t group,
+std::vector<unsigned char> const* find(Dicom const& file, std::uint16_t group,
                                        std::uint16_t number) {
   return file.find(Dicom::Tag(group, number));
 }
 
 // The first value of a text element; empty when absent.
-std::string text(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+std::string text(Dicom const& file, std::uint16_t group, std::uint16_t number) {
   std::vector<std::string> values;
   return file.get_strings(Dicom::Tag(group, number), values) > 0 ? values[0] : std::string();
 }
 
 // The first value of a whole-number element (US, SS, IS, ...), or -1 when absent or unreadable.
-long long integer(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+long long integer(Dicom const& file, std::uint16_t group, std::uint16_t number) {
   std::vector<std::int64_t> values;
   return file.get_integers(Dicom::Tag(group, number), values) > 0 ? values[0] : -1;
 }
 
 // Every number of an element (DS, IS, binary); empty when absent or unreadable.
-std::vector<double> numbers(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+std::vector<double> numbers(Dicom const& file, std::uint16_t group, std::uint16_t number) {
   std::vector<double> values;
   file.get_numbers(Dicom::Tag(group, number), values);
   return values;
@@ -166,7 +166,7 @@ std::vector<double> numbers(const Dicom& file, std::uint16_t group, std::uint16_
 
 // The numbers of element (group, number) in the first item of sequence (sequence_group,
 // sequence) of a functional groups item.
-std::vector<double> grouped(const Dicom& groups, std::uint16_t sequence_group,
+std::vector<double> grouped(Dicom const& groups, std::uint16_t sequence_group,
                             std::uint16_t sequence, std::uint16_t group, std::uint16_t number) {
   std::vector<Dicom> items;
   if (groups.read_items(Dicom::Tag(sequence_group, sequence), items) < 1) return {};
@@ -174,10 +174,10 @@ std::vector<double> grouped(const Dicom& groups, std::uint16_t sequence_group,
 }
 
 template <std::size_t N>
-std::array<double, N> fixed(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+std::array<double, N> fixed(Dicom const& file, std::uint16_t group, std::uint16_t number) {
   std::array<double, N> out;
   out.fill(kNaN);
-  const auto v = numbers(file, group, number);
+  auto const v = numbers(file, group, number);
   if (v.size() == N) std::copy(v.begin(), v.end(), out.begin());
   return out;
 }
@@ -185,10 +185,10 @@ std::array<double, N> fixed(const Dicom& file, std::uint16_t group, std::uint16_
 // Copies `count` samples from `in` to `out` (which may be the same memory), clearing the bits
 // above `bits` of each, or copying the sign bit into them: one pass, as fast as a copy.
 template <class T>
-void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bits,
+void fit_samples(unsigned char const* in, unsigned char* out, std::size_t count, int bits,
                  bool is_signed) {
   using U = std::make_unsigned_t<T>;
-  const int shift = int(8 * sizeof(T)) - bits;
+  int const shift = int(8 * sizeof(T)) - bits;
   // Two plain loops (no branch inside) so that the compiler vectorises each.
   if (is_signed) {
     for (std::size_t i = 0; i < count; ++i) {
@@ -208,7 +208,7 @@ void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count,
   }
 }
 
-void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count, int bytes,
+void fit_samples(unsigned char const* in, unsigned char* out, std::size_t count, int bytes,
                  int bits, bool is_signed) {
   if (bits >= 8 * bytes) {
     if (in != out) std::memcpy(out, in, count * std::size_t(bytes));
@@ -223,11 +223,11 @@ void fit_samples(const unsigned char* in, unsigned char* out, std::size_t count,
 
 }  // namespace
 
-DicomPixels::DicomPixels(const Dicom& file, std::uint64_t frame_limit) {
+DicomPixels::DicomPixels(Dicom const& file, std::uint64_t frame_limit) {
   load(file, frame_limit);
 }
 
-DicomPixels DicomPixels::create(const Dicom& file, std::uint64_t frame_limit) {
+DicomPixels DicomPixels::create(Dicom const& file, std::uint64_t frame_limit) {
   return DicomPixels(file, frame_limit);
 }
 
@@ -269,7 +269,7 @@ void DicomPixels::swap(DicomPixels& other) noexcept {
   error.swap(other.error);
 }
 
-bool DicomPixels::fail(const std::string& reason) const {
+bool DicomPixels::fail(std::string const& reason) const {
   error = reason;
   return false;
 }
@@ -279,14 +279,14 @@ std::uint64_t DicomPixels::get_frame_bytes() const {
          std::uint64_t(get_sample_bytes());
 }
 
-bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit) {
+bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit) {
   return load(file, frame_limit, true);
 }
 
-bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels) {
+bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_pixels) {
   clear();
   DicomPixels next;
-  auto refuse = [&](const std::string& reason) {
+  auto refuse = [&](std::string const& reason) {
     error = reason;
     return false;
   };
@@ -295,7 +295,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   if (codec == codec_t::unknown)
     return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
   next.little = codec != codec_t::big_endian;
-  const auto* pixel_data = find(file, 0x7FE0, 0x0010);
+  auto const* pixel_data = find(file, 0x7FE0, 0x0010);
   if (with_pixels && (!pixel_data || pixel_data->empty()))
     return refuse("the file has no pixel data");
 
@@ -327,13 +327,13 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
 
   next.photometric = text(file, 0x0028, 0x0004);
   if (next.photometric.empty()) next.photometric = next.samples == 1 ? "MONOCHROME2" : "RGB";
-  const bool ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
+  bool const ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
 
   // Number of Frames is an IS: a whole count, nothing else.
-  const bool has_frames = find(file, 0x0028, 0x0008) != nullptr;
-  const long long count = has_frames ? integer(file, 0x0028, 0x0008) : 1;
+  bool const has_frames = find(file, 0x0028, 0x0008) != nullptr;
+  long long const count = has_frames ? integer(file, 0x0028, 0x0008) : 1;
   std::string frame_text;
-  if (const auto* v = find(file, 0x0028, 0x0008)) frame_text.assign(v->begin(), v->end());
+  if (auto const* v = find(file, 0x0028, 0x0008)) frame_text.assign(v->begin(), v->end());
   while (!frame_text.empty() && (frame_text.back() == ' ' || frame_text.back() == '\0'))
     frame_text.pop_back();
   if (count < 1 || count > std::numeric_limits<std::int32_t>::max())
@@ -346,10 +346,10 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
                   std::to_string(frame_limit));
 
   next.frame_photometric = next.photometric;
-  const bool native =
+  bool const native =
       codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian;
-  const std::string& uid = next.transfer_syntax;
-  const bool lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
+  std::string const& uid = next.transfer_syntax;
+  bool const lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
   if (native && ybr422) next.frame_photometric = "YBR_FULL";
   if (next.samples == 3 &&
       ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
@@ -385,18 +385,18 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
     if (end < pixel_data->size() && end + 8 > pixel_data->size())
       return refuse("encapsulated pixel data ends inside an item header");
     std::vector<byte_span> items;
-    for (const auto& [offset, length] : listed)
+    for (auto const& [offset, length] : listed)
       items.push_back({pixel_data->data() + offset, length});
     std::string reason;
     std::vector<std::uint64_t> offsets, lengths;
-    const auto table = numbers(file, 0x7FE0, 0x0001), table_lengths = numbers(file, 0x7FE0, 0x0002);
+    auto const table = numbers(file, 0x7FE0, 0x0001), table_lengths = numbers(file, 0x7FE0, 0x0002);
     if (!table_lengths.empty() && table_lengths.size() != table.size())
       return refuse("Extended Offset Table has a broken length");
     // Offsets and lengths past the value cannot be right; refusing them here also keeps the
     // conversion from floating point defined.
-    const double limit = double(pixel_data->size());
+    double const limit = double(pixel_data->size());
     for (std::size_t i = 0; i < table.size(); ++i) {
-      const double length = table_lengths.empty() ? 0 : table_lengths[i];
+      double const length = table_lengths.empty() ? 0 : table_lengths[i];
       if (!(table[i] >= 0 && table[i] <= limit && length >= 0 && length <= limit))
         return refuse("Extended Offset Table entry " + std::to_string(i) +
                       " lies outside the data");
@@ -407,9 +407,9 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
     if (!detail::locate_frames(items, std::size_t(next.frames), offsets, lengths, codec, located,
                                reason))
       return refuse(reason);
-    for (const auto& frame : located) {
+    for (auto const& frame : located) {
       next.frame_first.push_back(std::uint32_t(next.fragments.size()));
-      for (const byte_span& f : frame)
+      for (byte_span const& f : frame)
         next.fragments.push_back({std::uint64_t(f.data - pixel_data->data()), f.size});
     }
     next.frame_first.push_back(std::uint32_t(next.fragments.size()));
@@ -418,7 +418,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   next.pixel_spacing = fixed<2>(file, 0x0028, 0x0030);
   next.position = fixed<3>(file, 0x0020, 0x0032);
   next.orientation = fixed<6>(file, 0x0020, 0x0037);
-  const auto thickness = numbers(file, 0x0018, 0x0050);
+  auto const thickness = numbers(file, 0x0018, 0x0050);
   next.slice_thickness = thickness.size() == 1 ? thickness[0] : kNaN;
 
   // Multi-frame files with functional groups: each frame's position, and the shared (else the
@@ -426,8 +426,8 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   std::vector<Dicom> per_frame, shared;
   file.read_items(Dicom::Tag(0x5200, 0x9229), shared);
   if (file.read_items(Dicom::Tag(0x5200, 0x9230), per_frame) == next.frames) {
-    for (const Dicom& item : per_frame) {
-      const auto p = grouped(item, 0x0020, 0x9113, 0x0020, 0x0032);
+    for (Dicom const& item : per_frame) {
+      auto const p = grouped(item, 0x0020, 0x9113, 0x0020, 0x0032);
       if (p.size() != 3) {
         next.frame_positions.clear();
         break;
@@ -435,7 +435,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
       next.frame_positions.push_back({p[0], p[1], p[2]});
     }
   }
-  for (const auto* groups :
+  for (auto const* groups :
        {shared.empty() ? nullptr : &shared[0], per_frame.empty() ? nullptr : &per_frame[0]}) {
     if (!groups) continue;
     auto fill = [&](auto& target, std::uint16_t sequence_group, std::uint16_t sequence,
@@ -453,10 +453,10 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
   if (!std::isfinite(next.position[0]) && !next.frame_positions.empty())
     next.position = next.frame_positions[0];
 
-  const auto slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
+  auto const slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
   if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope = slope[0];
   if (intercept.size() == 1 && std::isfinite(intercept[0])) next.rescale_intercept = intercept[0];
-  const auto centers = numbers(file, 0x0028, 0x1050), widths = numbers(file, 0x0028, 0x1051);
+  auto const centers = numbers(file, 0x0028, 0x1050), widths = numbers(file, 0x0028, 0x1051);
   for (std::size_t i = 0; i < centers.size() && i < widths.size(); ++i)
     if (std::isfinite(centers[i]) && std::isfinite(widths[i]) && widths[i] >= 1)
       next.windows.push_back({centers[i], widths[i]});
@@ -478,7 +478,7 @@ bool DicomPixels::load(const Dicom& file, std::uint64_t frame_limit, bool with_p
 
 bool DicomPixels::decode(int frame, Image& out) const {
   if (empty()) return fail("no pixel data loaded");
-  const int bits = 8 * get_sample_bytes() * samples;
+  int const bits = 8 * get_sample_bytes() * samples;
   color_type color = color_type::grey;
   if (samples == 3)
     color = frame_photometric.compare(0, 3, "YBR") == 0 ? color_type::ycc : color_type::rgb;
@@ -495,10 +495,10 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
   const std::uint64_t frame_bytes = get_frame_bytes();
   if (size < frame_bytes) return fail("the buffer is smaller than a frame");
   auto* out = static_cast<unsigned char*>(target);
-  const int bytes = get_sample_bytes();
+  int const bytes = get_sample_bytes();
   const std::size_t pixels = std::size_t(rows) * std::size_t(columns);
   const std::size_t count = pixels * std::size_t(samples);
-  const unsigned char* data = value->data();
+  unsigned char const* data = value->data();
 
   if (fragments.empty()) {
     if (bits_allocated == 1) {
@@ -511,7 +511,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     }
     if (photometric == "YBR_FULL_422" && samples == 3) {
       // Y1 Y2 Cb Cr for each pair of pixels: both take the pair's Cb and Cr.
-      const unsigned char* in = data + std::size_t(frame) * pixels * 2;
+      unsigned char const* in = data + std::size_t(frame) * pixels * 2;
       for (std::size_t p = 0; p < pixels; p += 2, in += 4) {
         unsigned char* o = out + 3 * p;
         o[0] = in[0], o[1] = in[2], o[2] = in[3];
@@ -519,8 +519,8 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
       }
       return true;
     }
-    const unsigned char* in = data + std::size_t(frame) * std::size_t(frame_bytes);
-    const bool swap = little != detail::kHostLittle && bytes > 1;
+    unsigned char const* in = data + std::size_t(frame) * std::size_t(frame_bytes);
+    bool const swap = little != detail::kHostLittle && bytes > 1;
     if (planar_configuration == 0 && !swap) {  // the common case: one pass
       fit_samples(in, out, count, bytes, bits_stored, pixel_representation == 1);
       return true;

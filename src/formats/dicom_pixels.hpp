@@ -10,7 +10,7 @@ namespace quib::detail {
 
 // A run of bytes the caller owns.
 struct byte_span {
-  const unsigned char* data = nullptr;
+  unsigned char const* data = nullptr;
   std::size_t size = 0;
 };
 
@@ -37,34 +37,34 @@ struct decode_result {
 };
 
 // RLE Lossless: one fragment holding the 64-byte segment header and the PackBits segments.
-decode_result decode_rle(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char* out);
 // The JPEG family: baseline and extended 8-bit through libjpeg-turbo, 12-bit lossy through the
 // 12-bit IJG build, lossless (processes 14 and SV1) through the 16-bit IJG build.
-decode_result decode_jpeg(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_jpeg(byte_span in, frame_layout const& layout, unsigned char* out);
 // The IJG builds behind decode_jpeg: `precision` bits per sample (12 lossy, up to 16 lossless).
-decode_result decode_jpeg_ijg12(byte_span in, const frame_layout& layout, unsigned char* out);
-decode_result decode_jpeg_ijg16(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_jpeg_ijg12(byte_span in, frame_layout const& layout, unsigned char* out);
+decode_result decode_jpeg_ijg16(byte_span in, frame_layout const& layout, unsigned char* out);
 // JPEG-LS, lossless and near-lossless, through CharLS.
-decode_result decode_jpegls(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_jpegls(byte_span in, frame_layout const& layout, unsigned char* out);
 // JPEG 2000 (code stream or JP2 file, including high-throughput streams) through OpenJPEG.
-decode_result decode_j2k(byte_span in, const frame_layout& layout, unsigned char* out);
+decode_result decode_j2k(byte_span in, frame_layout const& layout, unsigned char* out);
 
 // Writes slope * v + intercept of `count` decoded samples (`bytes` each, signed or not) to
 // `out` as 32-bit floats (any alignment).
-void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool is_signed,
+void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool is_signed,
                      double slope, double intercept, unsigned char* out);
 
 // The codec a transfer syntax names.
 enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };
-codec_t codec_of(const std::string& transfer_syntax);
+codec_t codec_of(std::string const& transfer_syntax);
 
 // The fragments of each frame. `offsets` (the Extended Offset Table, when given, with
 // `lengths`) or else the Basic Offset Table locate frames; otherwise one fragment per frame
 // when the counts agree, or fragments are gathered until one ends with the codec's end marker
 // (FFD9). Every located frame is checked to lie inside the data.
-bool locate_frames(const std::vector<byte_span>& items, std::size_t frames,
-                   const std::vector<std::uint64_t>& offsets,
-                   const std::vector<std::uint64_t>& lengths, codec_t codec,
+bool locate_frames(std::vector<byte_span> const& items, std::size_t frames,
+                   std::vector<std::uint64_t> const& offsets,
+                   std::vector<std::uint64_t> const& lengths, codec_t codec,
                    std::vector<std::vector<byte_span>>& located, std::string& error);
 
 }  // namespace quib::detail

@@ -14,10 +14,10 @@ namespace {
 
 // Calls emit(i, v) for each sample of a decoded frame, v as a signed or unsigned integer.
 template <class Emit>
-void for_each_sample(const unsigned char* data, std::size_t count, int bytes, bool is_signed,
+void for_each_sample(unsigned char const* data, std::size_t count, int bytes, bool is_signed,
                      Emit emit) {
   for (std::size_t i = 0; i < count; ++i) {
-    const unsigned char* p = data + i * std::size_t(bytes);
+    unsigned char const* p = data + i * std::size_t(bytes);
     std::int64_t v;
     if (bytes == 1) {
       v = is_signed ? std::int64_t(std::int8_t(p[0])) : std::int64_t(p[0]);
@@ -35,7 +35,7 @@ void for_each_sample(const unsigned char* data, std::size_t count, int bytes, bo
 }
 
 // The grey level 0..255 of value x through a window (center c, width w).
-double windowed(double x, double c, double w, const std::string& function) {
+double windowed(double x, double c, double w, std::string const& function) {
   double y;
   if (function == "SIGMOID") {
     y = 255.0 / (1.0 + std::exp(-4.0 * (x - c) / w));
@@ -57,7 +57,7 @@ unsigned char to_byte(double v) {
 
 namespace detail {
 
-void rescale_samples(const unsigned char* in, std::size_t count, int bytes, bool is_signed,
+void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool is_signed,
                      double slope, double intercept, unsigned char* out) {
   for_each_sample(in, count, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
     const float r = float(double(v) * slope + intercept);
@@ -73,7 +73,7 @@ bool DicomPixels::decode_values(int frame, Image& out) const {
   if (!decode(frame, raw)) return false;
   Image next(columns, rows, 32, 1, color_type::grey);
   auto* to = reinterpret_cast<float*>(next.getBuffer());
-  const double slope = rescale_slope, intercept = rescale_intercept;
+  double const slope = rescale_slope, intercept = rescale_intercept;
   for_each_sample(
       raw.getBuffer(), std::size_t(rows) * columns, get_sample_bytes(), pixel_representation == 1,
       [&](std::size_t i, std::int64_t v) { to[i] = float(double(v) * slope + intercept); });
@@ -88,7 +88,7 @@ bool DicomPixels::decode_values16(int frame, Image& out) const {
   Image next(columns, rows, 16, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
   bool fits = true;
-  const double slope = rescale_slope, intercept = rescale_intercept;
+  double const slope = rescale_slope, intercept = rescale_intercept;
   for_each_sample(raw.getBuffer(), std::size_t(rows) * columns, get_sample_bytes(),
                   pixel_representation == 1, [&](std::size_t i, std::int64_t v) {
                     const double r = std::nearbyint(double(v) * slope + intercept);
@@ -105,8 +105,8 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   Image raw;
   if (!decode(frame, raw)) return false;
   const std::size_t pixels = std::size_t(rows) * columns;
-  const int bytes = get_sample_bytes();
-  const bool is_signed = pixel_representation == 1;
+  int const bytes = get_sample_bytes();
+  bool const is_signed = pixel_representation == 1;
 
   if (photometric == "PALETTE COLOR" && samples == 1) {
     Image next(columns, rows, 24, 1, color_type::rgb);
@@ -114,10 +114,10 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
     std::array<std::vector<unsigned char>, 3> table;
     std::array<std::int64_t, 3> first{};
     for (int c = 0; c < 3; ++c) {
-      const auto& d = palette_descriptor[c];
+      auto const& d = palette_descriptor[c];
       const std::size_t entries = d[0] == 0 ? 65536 : std::size_t(d[0]);
       first[c] = is_signed ? std::int16_t(d[1]) : d[1];
-      const auto& data = palette[c];
+      auto const& data = palette[c];
       if (d[2] == 8 && data.size() * 2 >= entries && data.size() < entries) {
         for (std::size_t i = 0; i < entries; ++i)  // two 8-bit entries to a word
           table[c].push_back((data[i / 2] >> (8 * (i % 2))) & 0xFF);
@@ -142,14 +142,14 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   if (samples == 3) {
     Image next(columns, rows, 24, 1, color_type::rgb);
     unsigned char* to = next.getBuffer();
-    const int shift = bits_stored > 8 ? bits_stored - 8 : 0;
+    int const shift = bits_stored > 8 ? bits_stored - 8 : 0;
     for_each_sample(raw.getBuffer(), pixels * 3, bytes, false, [&](std::size_t i, std::int64_t v) {
       to[i] = static_cast<unsigned char>(std::clamp<std::int64_t>(v >> shift, 0, 255));
     });
     if (frame_photometric == "YBR_FULL") {
       for (std::size_t p = 0; p < pixels; ++p) {
         unsigned char* px = to + 3 * p;
-        const double y = px[0], cb = px[1] - 128.0, cr = px[2] - 128.0;
+        double const y = px[0], cb = px[1] - 128.0, cr = px[2] - 128.0;
         px[0] = to_byte(y + 1.402 * cr);
         px[1] = to_byte(y - 0.344136 * cb - 0.714136 * cr);
         px[2] = to_byte(y + 1.772 * cb);
@@ -161,7 +161,7 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
 
   // Grey: rescale, window, invert MONOCHROME1.
   std::vector<double> values(pixels);
-  const double slope = rescale_slope, intercept = rescale_intercept;
+  double const slope = rescale_slope, intercept = rescale_intercept;
   for_each_sample(raw.getBuffer(), pixels, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
     values[i] = double(v) * slope + intercept;
   });
@@ -171,7 +171,7 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
     center = windows[std::size_t(window)][0];
     width = windows[std::size_t(window)][1];
   } else {
-    const auto [lo, hi] = std::minmax_element(values.begin(), values.end());
+    auto const [lo, hi] = std::minmax_element(values.begin(), values.end());
     center = (*lo + *hi) / 2;
     width = *hi - *lo;
     function = "LINEAR_EXACT";
@@ -179,9 +179,9 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   }
   Image next(columns, rows, 8, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
-  const bool invert = photometric == "MONOCHROME1";
+  bool const invert = photometric == "MONOCHROME1";
   for (std::size_t i = 0; i < pixels; ++i) {
-    const unsigned char g = to_byte(windowed(values[i], center, width, function));
+    unsigned char const g = to_byte(windowed(values[i], center, width, function));
     to[i] = invert ? 255 - g : g;
   }
   out.swap(next);

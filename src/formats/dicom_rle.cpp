@@ -13,11 +13,11 @@ namespace {
 
 // Decodes one PackBits segment into every `stride`-th byte of `out` (`count` bytes in all).
 // Returns how many bytes it wrote; a segment may end early only when it is damaged.
-std::size_t unpack_segment(const unsigned char* in, std::size_t size, unsigned char* out,
+std::size_t unpack_segment(unsigned char const* in, std::size_t size, unsigned char* out,
                            std::size_t count, std::size_t stride) {
   std::size_t i = 0, written = 0;
   while (i < size && written < count) {
-    const int n = static_cast<signed char>(in[i++]);
+    int const n = static_cast<signed char>(in[i++]);
     if (n >= 0) {  // n + 1 literal bytes
       std::size_t run = std::size_t(n) + 1;
       if (run > size - i) run = size - i;
@@ -33,7 +33,7 @@ std::size_t unpack_segment(const unsigned char* in, std::size_t size, unsigned c
       written += run;
     } else if (n != -128) {  // one byte repeated 1 - n times
       if (i >= size) break;
-      const unsigned char v = in[i++];
+      unsigned char const v = in[i++];
       std::size_t run = std::size_t(1 - n);
       if (run > count - written) run = count - written;
       if (stride == 1) {
@@ -51,7 +51,7 @@ std::size_t unpack_segment(const unsigned char* in, std::size_t size, unsigned c
 
 }  // namespace
 
-decode_result decode_rle(byte_span in, const frame_layout& layout, unsigned char* out) {
+decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char* out) {
   decode_result result;
   if (in.size < 64) {
     result.error = "RLE frame shorter than its 64-byte header";

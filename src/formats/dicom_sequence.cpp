@@ -13,7 +13,7 @@ struct ItemHeader {
   std::uint32_t length;
 };
 
-ItemHeader item_header(const unsigned char* p, bool little) {
+ItemHeader item_header(unsigned char const* p, bool little) {
   return {detail::load<std::uint16_t>(p, little), detail::load<std::uint16_t>(p + 2, little),
           detail::load<std::uint32_t>(p + 4, little)};
 }
@@ -22,14 +22,14 @@ ItemHeader item_header(const unsigned char* p, bool little) {
 
 int Dicom::read_items(Tag tag, std::vector<Dicom>& items) const {
   items.clear();
-  const std::vector<unsigned char>* value = find(tag);
+  std::vector<unsigned char> const* value = find(tag);
   if (value == nullptr || info.depth >= kMaxDepth) return -1;
   const std::uint16_t type = get_type(tag);
-  const bool unknown = type == detail::vr('U', 'N');
+  bool const unknown = type == detail::vr('U', 'N');
   if (type != detail::vr('S', 'Q') && !unknown && type != 0) return -1;
-  const bool implicit = unknown || info.implicit;
-  const bool little = unknown || (tag.get_group() == 2 ? info.meta_little : info.little);
-  const unsigned char* data = value->data();
+  bool const implicit = unknown || info.implicit;
+  bool const little = unknown || (tag.get_group() == 2 ? info.meta_little : info.little);
+  unsigned char const* data = value->data();
   const std::size_t size = value->size();
   if (size >= 8) {
     const ItemHeader first = item_header(data, little);
@@ -54,7 +54,7 @@ int Dicom::read_items(Tag tag, std::vector<Dicom>& items) const {
       items.push_back(std::move(item));  // damage before an item header: an empty, cut item
       break;
     }
-    const unsigned char* content = data + at + 8;
+    unsigned char const* content = data + at + 8;
     const std::size_t room = size - at - 8;
     std::size_t length = head.length;
     bool whole = true;
@@ -73,7 +73,7 @@ int Dicom::read_items(Tag tag, std::vector<Dicom>& items) const {
     item.table.swap(parts.table);
     item.entries.swap(parts.entries);
     item.info = std::move(parts.info);
-    const bool complete = item.info.complete;
+    bool const complete = item.info.complete;
     items.push_back(std::move(item));
     if (!complete) break;
     at += 8 + length + (head.length == detail::kUndefinedLength ? 8 : 0);
@@ -84,9 +84,9 @@ int Dicom::read_items(Tag tag, std::vector<Dicom>& items) const {
 int Dicom::get_fragments(Tag tag,
                          std::vector<std::pair<std::size_t, std::size_t>>& fragments) const {
   fragments.clear();
-  const std::vector<unsigned char>* value = find(tag);
+  std::vector<unsigned char> const* value = find(tag);
   if (value == nullptr) return -1;
-  const bool little = tag.get_group() == 2 ? info.meta_little : info.little;
+  bool const little = tag.get_group() == 2 ? info.meta_little : info.little;
   const std::size_t size = value->size();
   std::size_t at = 0;
   while (size - at >= 8) {

@@ -45,7 +45,7 @@ class Walk {
     return got;
   }
   // Hands n <= 8 bytes back, to be read again.
-  void put_back(const unsigned char* p, std::size_t n) {
+  void put_back(unsigned char const* p, std::size_t n) {
     std::memmove(carry + n, carry, carried);
     std::memcpy(carry, p, n);
     carried += n;
@@ -88,8 +88,8 @@ class Walk {
       const std::size_t at = value.size();
       if (!append(value, 8)) return false;
       const std::uint8_t level = levels.back();
-      const unsigned char* p = value.data() + at;
-      const bool little = (level & kLittle) != 0;
+      unsigned char const* p = value.data() + at;
+      bool const little = (level & kLittle) != 0;
       const std::uint16_t group = load<std::uint16_t>(p, little);
       const std::uint16_t number = load<std::uint16_t>(p + 2, little);
       std::uint32_t length = load<std::uint32_t>(p + 4, little);
@@ -193,7 +193,7 @@ class Walk {
         }
       }
       const std::uint32_t key = dicom::tag_key(group, number);
-      const bool undefined = length == kUndefinedLength;
+      bool const undefined = length == kUndefinedLength;
       if (undefined) {
         std::uint8_t encoding = (Implicit ? kImplicit : 0) | (Little ? kLittle : 0);
         if (!Implicit && type == vr('U', 'N')) encoding = kImplicit | kLittle;
@@ -247,7 +247,7 @@ class Walk {
 
 // Inflates a raw deflate stream, at most `limit` bytes. False when the stream is damaged, cut
 // short or inflates past the limit; `out` then holds what was inflated before.
-bool inflate_raw(const std::vector<unsigned char>& in, std::uint64_t limit,
+bool inflate_raw(std::vector<unsigned char> const& in, std::uint64_t limit,
                  std::vector<unsigned char>& out) {
   z_stream z{};
   if (inflateInit2(&z, -15) != Z_OK) return false;
@@ -302,13 +302,13 @@ bool read_standard(std::istream& in, DicomParts& parts) {
     return true;  // the meta group is damaged: nothing after it can be found
   }
 
-  const std::string& uid = parts.info.syntax;
+  std::string const& uid = parts.info.syntax;
   if (uid == "1.2.840.10008.1.2.1.99") {
     parts.info.deflated = true;
     const std::uint64_t start = walk.position();
     const std::vector<unsigned char> packed = walk.rest();
     std::vector<unsigned char> data;
-    const bool whole =
+    bool const whole =
         inflate_raw(packed, Dicom::kInflateRatio * packed.size() + Dicom::kInflateSlack, data);
     MemoryBuf buf(data.data(), data.size());
     std::istream inflated(&buf);
@@ -322,7 +322,7 @@ bool read_standard(std::istream& in, DicomParts& parts) {
   return true;
 }
 
-bool find_item_end(const unsigned char* data, std::size_t size, bool implicit, bool little,
+bool find_item_end(unsigned char const* data, std::size_t size, bool implicit, bool little,
                    std::size_t& content) {
   MemoryBuf buf(data, size);
   std::istream in(&buf);
@@ -334,11 +334,11 @@ bool find_item_end(const unsigned char* data, std::size_t size, bool implicit, b
   return true;
 }
 
-void read_data_set(const unsigned char* data, std::size_t size, DicomParts& parts) {
+void read_data_set(unsigned char const* data, std::size_t size, DicomParts& parts) {
   MemoryBuf buf(data, size);
   std::istream in(&buf);
   Walk walk(in, 0);
-  const bool implicit = parts.info.implicit, little = parts.info.little;
+  bool const implicit = parts.info.implicit, little = parts.info.little;
   if (implicit) {
     little ? walk.elements<true, true>(parts, false) : walk.elements<false, true>(parts, false);
   } else {

@@ -79,8 +79,8 @@ inline std::streamoff bytes_left(std::istream& in) {
 // A read-only stream buffer over bytes the caller keeps alive, seekable like a file.
 class MemoryBuf : public std::streambuf {
  public:
-  MemoryBuf(const unsigned char* data, std::size_t size) {
-    char* p = const_cast<char*>(reinterpret_cast<const char*>(data));
+  MemoryBuf(unsigned char const* data, std::size_t size) {
+    char* p = const_cast<char*>(reinterpret_cast<char const*>(data));
     setg(p, p, p + size);
   }
 

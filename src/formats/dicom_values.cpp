@@ -17,12 +17,12 @@ using detail::vr;
 
 // One element's bytes with what is needed to read them.
 struct Raw {
-  const std::vector<unsigned char>* value = nullptr;
+  std::vector<unsigned char> const* value = nullptr;
   std::uint16_t type = 0;
   bool little = true;
 
   std::string_view text() const {
-    return std::string_view(reinterpret_cast<const char*>(value->data()), value->size());
+    return std::string_view(reinterpret_cast<char const*>(value->data()), value->size());
   }
 };
 
@@ -79,13 +79,13 @@ void each_value(std::string_view text, F&& f) {
 template <class T>
 bool whole_number(std::string_view s, T& out) {
   if (!s.empty() && s.front() == '+') s.remove_prefix(1);
-  const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
+  auto const [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
   return error == std::errc() && end == s.data() + s.size() && !s.empty();
 }
 
 bool decimal(std::string_view s, double& out) {
   if (!s.empty() && s.front() == '+') s.remove_prefix(1);
-  const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
+  auto const [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
   return error == std::errc() && end == s.data() + s.size() && !s.empty();
 }
 
@@ -117,11 +117,11 @@ std::size_t binary_size(std::uint16_t type) {
 
 // Calls f(value) for each whole binary value, read as the VR's C++ type.
 template <class F>
-void each_binary(const Raw& raw, F&& f) {
+void each_binary(Raw const& raw, F&& f) {
   const std::size_t size = binary_size(raw.type);
-  const unsigned char* p = raw.value->data();
+  unsigned char const* p = raw.value->data();
   const std::size_t n = raw.value->size() / size;
-  const bool little = raw.little;
+  bool const little = raw.little;
   for (std::size_t i = 0; i < n; ++i, p += size) {
     switch (raw.type) {
       case vr('O', 'B'):
@@ -175,7 +175,7 @@ bool digits(std::string_view s, std::size_t at, std::size_t n, int& out) {
 bool parse_time(std::string_view s, std::size_t& at, Dicom::DateTime& t) {
   if (!digits(s, at, 2, t.hour) || t.hour > 23) return false;
   at += 2;
-  const bool colons = at < s.size() && s[at] == ':';
+  bool const colons = at < s.size() && s[at] == ':';
   for (int* field : {&t.minute, &t.second}) {
     if (colons) {
       if (at >= s.size() || s[at] != ':') return true;
@@ -204,7 +204,7 @@ bool parse_time(std::string_view s, std::size_t& at, Dicom::DateTime& t) {
 bool parse_date(std::string_view s, std::size_t& at, Dicom::DateTime& t, bool partial) {
   if (!digits(s, at, 4, t.year)) return false;
   at += 4;
-  const bool dots = !partial && at < s.size() && s[at] == '.';
+  bool const dots = !partial && at < s.size() && s[at] == '.';
   for (int* field : {&t.month, &t.day}) {
     if (dots) {
       if (at >= s.size() || s[at] != '.') return false;
@@ -243,7 +243,7 @@ bool parse_date_time(std::string_view s, std::uint16_t type, Dicom::DateTime& t)
 
 namespace {
 
-Raw raw_of(const Dicom& d, const Dicom::Tag& tag) {
+Raw raw_of(Dicom const& d, Dicom::Tag const& tag) {
   Raw raw;
   raw.value = d.find(tag);
   if (raw.value == nullptr) return raw;
@@ -317,7 +317,7 @@ int Dicom::get_tags(Tag tag, std::vector<std::uint32_t>& values) const {
   values.clear();
   const Raw raw = raw_of(*this, tag);
   if (raw.value == nullptr || raw.type != vr('A', 'T')) return -1;
-  const unsigned char* p = raw.value->data();
+  unsigned char const* p = raw.value->data();
   for (std::size_t i = 0; i + 4 <= raw.value->size(); i += 4) {
     values.push_back(dicom::tag_key(detail::load<std::uint16_t>(p + i, raw.little),
                                     detail::load<std::uint16_t>(p + i + 2, raw.little)));
@@ -350,7 +350,7 @@ int Dicom::get_names(Tag tag, std::vector<Name>& values) const {
   values.clear();
   std::vector<std::string> names;
   if (get_type(tag) != vr('P', 'N') || get_strings(tag, names) < 0) return -1;
-  for (const std::string& written : names) {
+  for (std::string const& written : names) {
     Name name;
     const std::string_view all(written);
     const std::size_t first = all.find('=');
@@ -383,7 +383,7 @@ int Dicom::get_dates(Tag tag, std::vector<DateTime>& values) const {
   if (type != vr('D', 'A') && type != vr('T', 'M') && type != vr('D', 'T')) return -1;
   std::vector<std::string> written;
   if (get_strings(tag, written) < 0) return -1;
-  for (const std::string& s : written) {
+  for (std::string const& s : written) {
     DateTime t;
     if (!parse_date_time(s, type, t)) {
       values.clear();

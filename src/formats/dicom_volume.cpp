@@ -33,7 +33,7 @@ struct slice_t {
   double along = 0;    // position along the normal
 };
 
-std::string text_of(const Dicom& file, std::uint16_t group, std::uint16_t number) {
+std::string text_of(Dicom const& file, std::uint16_t group, std::uint16_t number) {
   auto it = file->find(dicom::tag_key(group, number));
   if (it == file->end()) return {};
   std::string s(it->second.begin(), it->second.end());
@@ -42,33 +42,33 @@ std::string text_of(const Dicom& file, std::uint16_t group, std::uint16_t number
   return s;
 }
 
-bool load_file(Dicom& file, const std::wstring& path) {
+bool load_file(Dicom& file, std::wstring const& path) {
   return file.load(path, Dicom::READ_STANDARD) > 0;
 }
 
 // The attributes of a file without its pixels: the elements in its first 64 KiB (reading ends
 // inside Pixel Data), or the whole file when they do not reach Rows.
-bool load_head(Dicom& file, const std::wstring& path) {
-  const auto native = detail::native_path(path);
+bool load_head(Dicom& file, std::wstring const& path) {
+  auto const native = detail::native_path(path);
   if (!native) return false;
   std::ifstream in(*native, std::ios::binary);
   std::string head(std::size_t{64} << 10, '\0');
   in.read(head.data(), std::streamsize(head.size()));
   head.resize(std::size_t(in.gcount()));
-  const bool whole = in.eof();
+  bool const whole = in.eof();
   std::istringstream prefix(head);
   if (file.load(prefix, Dicom::READ_STANDARD) > 0 && file->count(dicom::tag_key(0x0028, 0x0010)))
     return true;
   return !whole && load_file(file, path);
 }
 
-bool same_format(const slice_t& a, const slice_t& b) {
+bool same_format(slice_t const& a, slice_t const& b) {
   return a.rows == b.rows && a.columns == b.columns && a.samples == b.samples &&
          a.bits_allocated == b.bits_allocated && a.bits_stored == b.bits_stored &&
          a.representation == b.representation && a.photometric == b.photometric;
 }
 
-bool finite(const double* v, int n) {
+bool finite(double const* v, int n) {
   for (int i = 0; i < n; ++i)
     if (!std::isfinite(v[i])) return false;
   return true;
@@ -100,16 +100,16 @@ std::uint64_t DicomVolume::get_bytes() const {
   return data ? std::uint64_t(size[0]) * size[1] * size[2] * samples * sample_bytes : 0;
 }
 
-bool DicomVolume::load(const std::wstring& path, bool rescaled, const std::string& series) {
-  const auto native = detail::native_path(path);
+bool DicomVolume::load(std::wstring const& path, bool rescaled, std::string const& series) {
+  auto const native = detail::native_path(path);
   std::error_code ec;
   if (native && fs::is_directory(*native, ec)) {
     std::vector<fs::path> names;
-    for (const auto& entry : fs::directory_iterator(*native, ec))
+    for (auto const& entry : fs::directory_iterator(*native, ec))
       if (entry.is_regular_file(ec)) names.push_back(entry.path());
     std::sort(names.begin(), names.end());
     std::vector<std::wstring> files;
-    for (const auto& name : names)
+    for (auto const& name : names)
       files.push_back(name.wstring());
     if (files.empty()) {
       clear();
@@ -121,10 +121,10 @@ bool DicomVolume::load(const std::wstring& path, bool rescaled, const std::strin
   return load(std::vector<std::wstring>{path}, rescaled, series);
 }
 
-bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
-                       const std::string& series) {
+bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
+                       std::string const& series) {
   clear();
-  auto refuse = [&](const std::string& reason) {
+  auto refuse = [&](std::string const& reason) {
     error = reason;
     return false;
   };
@@ -132,7 +132,7 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   // First pass: the attributes of every image, grouped by series.
   std::map<std::string, std::vector<slice_t>> groups;
   std::string last_reason;
-  for (const std::wstring& path : files) {
+  for (std::wstring const& path : files) {
     Dicom file;
     if (!load_head(file, path)) continue;
     DicomPixels pixels;
@@ -152,7 +152,7 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
     s.between = pixels.get_slice_thickness();
     const std::string between = text_of(file, 0x0018, 0x0088);
     if (!between.empty()) s.between = std::strtod(between.c_str(), nullptr);
-    const auto& positions = pixels.get_frame_positions();
+    auto const& positions = pixels.get_frame_positions();
     if (s.frames > 1 && int(positions.size()) == s.frames) {
       for (int f = 0; f < s.frames; ++f) {  // a multi-frame file with a position per frame
         slice_t one = s;
@@ -175,29 +175,29 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
       if (chosen == groups.end() || it->second.size() > chosen->second.size()) chosen = it;
   }
   std::vector<slice_t>& slices = chosen->second;
-  const slice_t& first = slices.front();
+  slice_t const& first = slices.front();
 
   // Checks: one format, one orientation, one multi-frame file or single frames.
-  for (const slice_t& s : slices) {
+  for (slice_t const& s : slices) {
     if (!same_format(s, first)) return refuse("the slices differ in size or pixel format");
     if (s.frames != 1 && s.frame < 0 && slices.size() > 1)
       return refuse("a series of several files holds a multi-frame file without frame positions");
   }
   if (rescaled && first.samples != 1) return refuse("rescaled values need grey images");
   std::array<double, 3> row{1, 0, 0}, column{0, 1, 0}, normal{0, 0, 1};
-  const bool oriented = finite(first.orientation.data(), 6);
+  bool const oriented = finite(first.orientation.data(), 6);
   if (oriented) {
     for (int i = 0; i < 3; ++i)
       row[i] = first.orientation[i], column[i] = first.orientation[3 + i];
     normal = {row[1] * column[2] - row[2] * column[1], row[2] * column[0] - row[0] * column[2],
               row[0] * column[1] - row[1] * column[0]};
-    const double length =
+    double const length =
         std::sqrt(normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2]);
     if (!(length > 0.5)) return refuse("Image Orientation (Patient) is not two directions");
     for (double& v : normal)
       v /= length;
   }
-  for (const slice_t& s : slices)
+  for (slice_t const& s : slices)
     for (int i = 0; i < 6; ++i)
       if (oriented && !(std::abs(s.orientation[i] - first.orientation[i]) < 1e-4))
         return refuse("the slices differ in orientation");
@@ -210,13 +210,13 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
       s.along = s.position[0] * normal[0] + s.position[1] * normal[1] + s.position[2] * normal[2];
     }
     std::stable_sort(slices.begin(), slices.end(),
-                     [](const slice_t& a, const slice_t& b) { return a.along < b.along; });
+                     [](slice_t const& a, slice_t const& b) { return a.along < b.along; });
     step = (slices.back().along - slices.front().along) / double(slices.size() - 1);
     for (std::size_t k = 1; k < slices.size(); ++k)
       if (slices[k].along - slices[k - 1].along < 1e-6)
         return refuse("two slices lie at the same position");
     for (std::size_t k = 1; k < slices.size(); ++k) {
-      const double gap = slices[k].along - slices[k - 1].along;
+      double const gap = slices[k].along - slices[k - 1].along;
       if (std::abs(gap - step) > 1e-3 + 1e-2 * step)
         return refuse("uneven slice spacing: " + std::to_string(gap) +
                       " mm where the series averages " + std::to_string(step) + " mm");
@@ -226,10 +226,10 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   }
 
   // One buffer for the whole volume.
-  const int depth = slices.size() > 1 ? int(slices.size()) : first.frames;
+  int const depth = slices.size() > 1 ? int(slices.size()) : first.frames;
   if (depth < 1) return refuse("the series has no frames");
-  const int bytes = first.bits_allocated <= 8 ? 1 : first.bits_allocated / 8;
-  const int out_bytes = rescaled ? 4 : bytes;
+  int const bytes = first.bits_allocated <= 8 ? 1 : first.bits_allocated / 8;
+  int const out_bytes = rescaled ? 4 : bytes;
   const std::uint64_t slice_samples = std::uint64_t(first.rows) * first.columns * first.samples;
   const std::uint64_t total = slice_samples * std::uint64_t(depth) * std::uint64_t(out_bytes);
   std::shared_ptr<unsigned char[]> voxels(new unsigned char[total]);
@@ -239,8 +239,8 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   int k = 0;
   Dicom file;
   DicomPixels pixels;
-  const std::wstring* open = nullptr;
-  for (const slice_t& s : slices) {
+  std::wstring const* open = nullptr;
+  for (slice_t const& s : slices) {
     if (!open || *open != s.path) {
       if (!load_file(file, s.path)) return refuse("a file of the series can no longer be read");
       if (!pixels.load(file)) return refuse(pixels.get_error());
@@ -249,7 +249,7 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
         return refuse("a file of the series changed while it was read");
       open = &s.path;
     }
-    const int begin = s.frame < 0 ? 0 : s.frame, end = s.frame < 0 ? s.frames : s.frame + 1;
+    int const begin = s.frame < 0 ? 0 : s.frame, end = s.frame < 0 ? s.frames : s.frame + 1;
     for (int f = begin; f < end; ++f, ++k) {
       unsigned char* target = voxels.get() + std::uint64_t(k) * slice_samples * out_bytes;
       if (!rescaled) {
@@ -271,10 +271,10 @@ bool DicomVolume::load(const std::vector<std::wstring>& files, bool rescaled,
   next.sample_type =
       rescaled ? "float32"
                : std::string(first.representation ? "int" : "uint") + std::to_string(8 * bytes);
-  const auto ps = first.pixel_spacing;
-  const bool has_spacing = finite(ps.data(), 2) && ps[0] > 0 && ps[1] > 0;
+  auto const ps = first.pixel_spacing;
+  bool const has_spacing = finite(ps.data(), 2) && ps[0] > 0 && ps[1] > 0;
   next.spacing = {has_spacing ? ps[1] : 1.0, has_spacing ? ps[0] : 1.0, step};
-  const auto& start = slices.front().position;
+  auto const& start = slices.front().position;
   next.origin = finite(start.data(), 3) ? start : std::array<double, 3>{0, 0, 0};
   next.direction = {row[0],    row[1],    row[2],    column[0], column[1],
                     column[2], normal[0], normal[1], normal[2]};

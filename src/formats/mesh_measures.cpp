@@ -54,7 +54,7 @@ class EdgeBuckets {
 
   // Second pass: files the same runs.
   void file(std::uint32_t from, std::uint32_t to) {
-    const bool up = from < to;
+    bool const up = from < to;
     const std::uint32_t low = up ? from : to, high = up ? to : from;
     runs_[fill_[low]++] = high * 2 + (up ? 1 : 0);
   }
@@ -141,7 +141,7 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   polygons = static_cast<std::int64_t>(polygons_in.size());
   const std::size_t point_count = points.size();
   // Indices fit in 32 bits; a polygon naming anything else is invalid.
-  const auto valid = [&](Stl::Polygon const& p) {
+  auto const valid = [&](Stl::Polygon const& p) {
     return p.size() >= 3 && p[0] >= 0 && p[1] >= 0 && p[2] >= 0 &&
            static_cast<std::size_t>(p[0]) < point_count &&
            static_cast<std::size_t>(p[1]) < point_count &&
@@ -196,14 +196,14 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
     low = low.cwiseMin(p0).cwiseMin(p1).cwiseMin(p2);
     high = high.cwiseMax(p0).cwiseMax(p1).cwiseMax(p2);
     const Vector n = (p1 - p0).cross(p2 - p0);
-    const double twice_area = n.norm();
+    double const twice_area = n.norm();
     if (twice_area == 0) ++degenerate_triangles;
     area2 += twice_area;
-    const double det = p0.dot(p1.cross(p2));
+    double const det = p0.dot(p1.cross(p2));
     volume6 += det;
     const Vector s = p0 + p1 + p2;
     moment1 += det * s;
-    const auto second = [&](int u, int v) {
+    auto const second = [&](int u, int v) {
       return det * (p0[u] * p0[v] + p1[u] * p1[v] + p2[u] * p2[v] + s[u] * s[v]);
     };
     xx += second(0, 0), yy += second(1, 1), zz += second(2, 2);
@@ -248,7 +248,7 @@ void MeshMeasures::swap(MeshMeasures& other) noexcept {
 }
 
 void MeshMeasures::clear() {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
+  double const nan = std::numeric_limits<double>::quiet_NaN();
   polygons = triangles = other_polygons = invalid_polygons = non_finite_triangles = 0;
   degenerate_triangles = edges = boundary_edges = non_manifold_edges = inconsistent_edges = 0;
   parts = 0;

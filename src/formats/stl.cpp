@@ -108,7 +108,7 @@ int load_from(Source& source, bool merge, Stl& mesh, Stl::Info& info) {
   std::vector<Point> points;
   std::vector<Polygon> polygons;
   info = Stl::Info();
-  const int result = read_mesh(source, merge, name, points, polygons, info);
+  int const result = read_mesh(source, merge, name, points, polygons, info);
   if (result < 0) {
     info = Stl::Info();
     mesh.clear();
@@ -135,7 +135,7 @@ Stl::~Stl() = default;
 
 int Stl::load(std::wstring const& path, bool merge) {
   detail::FileSource file;
-  const auto native = detail::native_path(path);
+  auto const native = detail::native_path(path);
   if (!native || !file.open(*native)) {
     clear();
     info_ = Info();
@@ -150,13 +150,13 @@ int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
 }
 
 int Stl::save(std::wstring const& path, int precision) const {
-  if (const auto native = detail::native_path(path))
+  if (auto const native = detail::native_path(path))
     (void)detail::write_stl(*native, name_, points_, polygons_, precision, false);
   return size_polygon();
 }
 
 bool Stl::write(std::wstring const& path, int precision) const {
-  const auto native = detail::native_path(path);
+  auto const native = detail::native_path(path);
   return native && detail::write_stl(*native, name_, points_, polygons_, precision, true);
 }
 
@@ -203,7 +203,7 @@ int Stl::compress() {
   // Looks up the corners of polygons a few ahead, so that their table slots arrive from memory
   // while the polygons before them are handled.
   constexpr std::size_t kAhead = 8;
-  const auto corner_count = [](Polygon const& p) { return std::min<std::size_t>(p.size(), 3); };
+  auto const corner_count = [](Polygon const& p) { return std::min<std::size_t>(p.size(), 3); };
   for (std::size_t i = 0; i < count; ++i) {
     if (i + kAhead < count) {
       Polygon const& ahead = polygons_[i + kAhead];
@@ -230,7 +230,7 @@ int Stl::decompress() {
   std::vector<Polygon> polygons;
   polygons.reserve(polygons_.size());
   for (Polygon const& p : polygons_) {
-    const int n = static_cast<int>(points.size());
+    int const n = static_cast<int>(points.size());
     for (std::size_t k = 0; k < 3; ++k)
       points.push_back(points_[static_cast<std::size_t>(p[k])]);
     polygons.push_back(Polygon{n, n + 1, n + 2});

@@ -74,7 +74,7 @@ class PointTable {
       if (s.index < 0) break;
       if (s.x == x && s.y == y && s.z == z) return s.index;
     }
-    const int n = append(p, points);
+    int const n = append(p, points);
     slots_[i] = Slot{x, y, z, n};
     if (++used_ * 2 > slots_.size()) grow();
     return n;
@@ -146,12 +146,12 @@ class MeshBuilder {
   QUIB_STL_INLINE bool add(Stl::Point const& a, Stl::Point const& b, Stl::Point const& c) {
     if (points.size() > kStlMaxPoints - 3 || polygons.size() >= kStlMaxPoints) return false;
     if (merge_) {
-      const int ia = table_.index(a, points);
-      const int ib = table_.index(b, points);
-      const int ic = table_.index(c, points);
+      int const ia = table_.index(a, points);
+      int const ib = table_.index(b, points);
+      int const ic = table_.index(c, points);
       polygons.push_back(Stl::Polygon{ia, ib, ic});
     } else {
-      const int n = static_cast<int>(points.size());
+      int const n = static_cast<int>(points.size());
       points.push_back(a);
       points.push_back(b);
       points.push_back(c);

@@ -22,7 +22,7 @@ namespace {
 template <class Line>
 void for_each_line(std::string_view text, Line line) {
   while (!text.empty()) {
-    const void* nl = std::memchr(text.data(), '\n', text.size());
+    void const* nl = std::memchr(text.data(), '\n', text.size());
     const std::size_t end =
         nl ? static_cast<std::size_t>(static_cast<char const*>(nl) - text.data()) : text.size();
     std::string_view l = text.substr(0, end);
@@ -38,7 +38,7 @@ void append_valid_utf8(std::string& out, std::string_view text) {
   for (std::size_t i = 0; i < text.size();) {
     const std::size_t start = i;
     bool well_formed = true;
-    const char32_t c = decode_utf8(text, i, well_formed);
+    char32_t const c = decode_utf8(text, i, well_formed);
     if (well_formed) {
       out.append(text.data() + start, i - start);
     } else {
@@ -103,7 +103,7 @@ char const* find_line_matter(char const* p, char const* const end) {
         _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, v), _mm_cmpeq_epi8(chunk, s)),
                      _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl))),
         _mm_cmpeq_epi8(chunk, f));
-    const int mask = _mm_movemask_epi8(hit);
+    int const mask = _mm_movemask_epi8(hit);
     if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
   }
 #endif
@@ -148,7 +148,7 @@ bool take_field(TextLine& line, std::string_view f) {
 
 char const* past_line(char const* p, char const* end) {
   if (p != end && *p == '\n') return p + 1;  // the usual case, without a call
-  const void* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+  void const* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
   return nl ? static_cast<char const*>(nl) + 1 : end;
 }
 
@@ -174,8 +174,8 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
   // A line matters only when one of its fields can be "vertex", "solid" or "facet", or when it
   // holds a quote. Without a 'v', an 's', an 'f' or a '"' it cannot, and is passed over in one
   // quick scan. A "facet" is noted and the scan goes on past it.
-  const auto cr_ends_line = [end](char const* c) { return c + 1 == end || c[1] == '\n'; };
-  const auto field_ends_at = [&](char const* c) {
+  auto const cr_ends_line = [end](char const* c) { return c + 1 == end || c[1] == '\n'; };
+  auto const field_ends_at = [&](char const* c) {
     return c == end || is_blank(*c) || *c == '\n' || (*c == '\r' && cr_ends_line(c));
   };
   char const* q = find_line_matter(p, end);
@@ -195,7 +195,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     p = q + 6;
   }
   // A '\r' ends the line only right before '\n' or at the end of the text (cr_ends_line).
-  const auto field_end = [&](char const* c) -> char const* {
+  auto const field_end = [&](char const* c) -> char const* {
     for (; c != end; ++c) {
       if (!kFieldStop[static_cast<unsigned char>(*c)]) continue;
       if (*c == '"') return nullptr;
@@ -211,7 +211,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     if (*p == '\r' && cr_ends_line(p)) return p + 1 == end ? end : p + 2;
     if (line.kind == TextLine::vertex_line && plain_decimal_at(p, end)) {
       double v;
-      const auto r = fast_float::from_chars(p, end, v);
+      auto const r = fast_float::from_chars(p, end, v);
       char const* const e = r.ptr;
       if (r.ec == std::errc() && field_ends_at(e)) {
         line.xyz[line.have++] = v;
@@ -240,7 +240,7 @@ double parse_stl_number(std::string_view field) {
   char const* const end = p + field.size();
   double v = 0;
   if (plain_decimal_at(p, end)) {
-    const auto r = fast_float::from_chars(p, end, v);
+    auto const r = fast_float::from_chars(p, end, v);
     return r.ec == std::errc() ? v : 0.0;
   }
   if (field.empty()) return 0.0;

@@ -27,17 +27,17 @@ bool write_stl(std::filesystem::path const& path, std::string const& name,
   if (!out) return false;
   std::string buffer;
   constexpr std::size_t kFlush = 1 << 20;
-  const auto flush = [&] {
+  auto const flush = [&] {
     out.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     buffer.clear();
   };
-  const auto corner = [&](Stl::Polygon const& p, std::size_t k) -> Point const& {
+  auto const corner = [&](Stl::Polygon const& p, std::size_t k) -> Point const& {
     return points[static_cast<std::size_t>(p[k])];
   };
-  const auto normal = [&](Stl::Polygon const& p) {
-    const Point& a = corner(p, 0);
-    const Point& b = corner(p, 1);
-    const Point& c = corner(p, 2);
+  auto const normal = [&](Stl::Polygon const& p) {
+    Point const& a = corner(p, 0);
+    Point const& b = corner(p, 1);
+    Point const& c = corner(p, 2);
     const Point e1 = b - a, e2 = c - b;
     const Point n(e1.y() * e2.z() - e1.z() * e2.y(), e1.z() * e2.x() - e1.x() * e2.z(),
                   e1.x() * e2.y() - e1.y() * e2.x());
@@ -70,9 +70,9 @@ bool write_stl(std::filesystem::path const& path, std::string const& name,
 
   // Fixed notation in the classic locale. A float has at most 149 significant digits after
   // the point, so digits past 160 are zeros and are appended rather than formatted.
-  const int digits = std::min(precision, 160);
+  int const digits = std::min(precision, 160);
   char number[256];
-  const auto put = [&](float value) {
+  auto const put = [&](float value) {
     const auto r = std::to_chars(number, number + sizeof number, static_cast<double>(value),
                                  std::chars_format::fixed, digits);
     buffer.append(number, r.ptr);
@@ -80,7 +80,7 @@ bool write_stl(std::filesystem::path const& path, std::string const& name,
       buffer.append(static_cast<std::size_t>(precision - digits), '0');
     }
   };
-  const auto put3 = [&](char const* prefix, Point const& v) {
+  auto const put3 = [&](char const* prefix, Point const& v) {
     buffer += prefix;
     put(v.x());
     buffer += ' ';

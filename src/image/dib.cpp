@@ -27,7 +27,7 @@ constexpr std::uint16_t kMagic = 0x4D42;  // "BM" read as a little-endian 16-bit
 // True when the path names something that exists and is not a directory.
 bool isExistingFile(std::filesystem::path const& path) {
   std::error_code ec;
-  const auto status = std::filesystem::status(path, ec);
+  auto const status = std::filesystem::status(path, ec);
   return !ec && std::filesystem::exists(status) && !std::filesystem::is_directory(status);
 }
 
@@ -127,7 +127,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
   coordinator = ImageCoordinator(bits, align, color_type::undetermined);
   palette = pal;
   lineBytes = checkedLineBytes(std::int64_t(w) * cc, coordinator);
-  const bool sane = w >= 0 && h != INT_MIN && bits > 0 && cc > 0 && lineBytes >= 0 &&
+  bool const sane = w >= 0 && h != INT_MIN && bits > 0 && cc > 0 && lineBytes >= 0 &&
                     pal.size() <= std::uint64_t(INT_MAX - kHeaderBytes) / 4;
   if (!sane || !stream->is_open() || stream->fail()) {
     refuse();
@@ -146,7 +146,7 @@ void Dib::open(std::filesystem::path const& path, int w, int h, int xdpi, int yd
   }
 
   const std::uint64_t tableBytes = 4 * pal.size();
-  const int offBits = static_cast<int>(tableBytes) + kHeaderBytes;
+  int const offBits = static_cast<int>(tableBytes) + kHeaderBytes;
   const std::uint64_t fileSize = std::uint64_t(height) * std::uint64_t(lineBytes) + offBits;
   const std::int64_t pixelBits = std::int64_t(bits) * cc;
   bitCount = static_cast<std::uint16_t>(pixelBits);  // as the header stores it
@@ -189,13 +189,13 @@ bool Dib::readHeaders(bool keepGeometry) {
   s.read(reinterpret_cast<char*>(h + kFileHeaderBytes), kInfoHeaderBytes);
   if (s.gcount() != kInfoHeaderBytes) return false;
 
-  const auto offBits = load_le<std::uint32_t>(h + 10);
-  const auto infoSize = load_le<std::uint32_t>(h + 14);
-  const auto fileWidth = load_le<std::int32_t>(h + 18);
-  const auto fileHeight = load_le<std::int32_t>(h + 22);
-  const int planes = load_le<std::uint16_t>(h + 26);
-  const int fileBitCount = load_le<std::uint16_t>(h + 28);
-  const auto compression = load_le<std::uint32_t>(h + 30);
+  auto const offBits = load_le<std::uint32_t>(h + 10);
+  auto const infoSize = load_le<std::uint32_t>(h + 14);
+  auto const fileWidth = load_le<std::int32_t>(h + 18);
+  auto const fileHeight = load_le<std::int32_t>(h + 22);
+  int const planes = load_le<std::uint16_t>(h + 26);
+  int const fileBitCount = load_le<std::uint16_t>(h + 28);
+  auto const compression = load_le<std::uint32_t>(h + 30);
   if (compression != 0) return false;
   if (offBits < std::uint32_t(kHeaderBytes) || std::int64_t(offBits) > fileSize) return false;
 
@@ -221,7 +221,7 @@ bool Dib::readHeaders(bool keepGeometry) {
     }
     if (fileWidth <= 0 || fileHeight == 0 || fileHeight == INT_MIN || planes == 0) return false;
     const ImageCoordinator format(sampleBits, 4, color_type::undetermined);
-    const int rowBytes = checkedLineBytes(std::int64_t(fileWidth) * samples, format);
+    int const rowBytes = checkedLineBytes(std::int64_t(fileWidth) * samples, format);
     if (rowBytes < 0) return false;
     const std::int64_t rowsHeight = fileHeight < 0 ? -std::int64_t(fileHeight) : fileHeight;
     // The rows must fit in the file behind the offset: nothing past the end is promised.
@@ -364,7 +364,7 @@ int Dib::oneSampleLineBytes() const {
 
 int Dib::read(unsigned char* buffer, int bytes) {
   if (fail() || interleave != interleave_type::pixel) return 0;
-  const int rows = rowsAt(position[0], lineBytes != 0 ? bytes / lineBytes : bytes);
+  int const rows = rowsAt(position[0], lineBytes != 0 ? bytes / lineBytes : bytes);
   if (rows <= 0) return 0;
   stream->seekg(offsetOf(position[0], rows));
   stream->read(reinterpret_cast<char*>(buffer), std::streamsize(rows) * lineBytes);
@@ -374,7 +374,7 @@ int Dib::read(unsigned char* buffer, int bytes) {
 
 int Dib::write(unsigned char const* buffer, int bytes) {
   if (fail() || interleave != interleave_type::pixel) return 0;
-  const int rows = rowsAt(position[0], lineBytes != 0 ? bytes / lineBytes : bytes);
+  int const rows = rowsAt(position[0], lineBytes != 0 ? bytes / lineBytes : bytes);
   if (rows <= 0) return 0;
   const std::int64_t offset = offsetOf(position[0], rows);
   stream->seekp(offset);
@@ -387,10 +387,10 @@ int Dib::write(unsigned char const* buffer, int bytes) {
 
 int Dib::read(int index, unsigned char* buffer, int bytes) {
   if (fail() || interleave != interleave_type::pixel || colorCount <= 0) return 0;
-  const int slot = mod(index, 4);
-  const int single = oneSampleLineBytes();
+  int const slot = mod(index, 4);
+  int const single = oneSampleLineBytes();
   if (single <= 0) return 0;
-  const int rows = rowsAt(position[slot], bytes / single);
+  int const rows = rowsAt(position[slot], bytes / single);
   if (rows <= 0) return 0;
 
   const std::size_t total = std::size_t(rows) * std::size_t(lineBytes);
@@ -410,10 +410,10 @@ int Dib::read(int index, unsigned char* buffer, int bytes) {
 
 int Dib::write(int index, unsigned char const* buffer, int bytes) {
   if (fail() || interleave != interleave_type::pixel || colorCount <= 0) return 0;
-  const int slot = mod(index, 4);
-  const int single = oneSampleLineBytes();
+  int const slot = mod(index, 4);
+  int const single = oneSampleLineBytes();
   if (single <= 0) return 0;
-  const int rows = rowsAt(position[slot], bytes / single);
+  int const rows = rowsAt(position[slot], bytes / single);
   if (rows <= 0) return 0;
 
   const std::size_t total = std::size_t(rows) * std::size_t(lineBytes);
@@ -422,7 +422,7 @@ int Dib::write(int index, unsigned char const* buffer, int bytes) {
   stream->seekg(0, std::ios::end);
   const std::int64_t fileSize = stream->tellg();
   if (offset < fileSize) {  // read-modify-write of the rows that exist already
-    const auto present = std::min<std::int64_t>(std::int64_t(total), fileSize - offset);
+    auto const present = std::min<std::int64_t>(std::int64_t(total), fileSize - offset);
     stream->seekg(offset);
     stream->read(reinterpret_cast<char*>(rowsBuffer.data()), std::streamsize(present));
   }

@@ -49,7 +49,7 @@ class RowConverter {
         break;
       case kind_t::rgb555:
         for (int x = 0; x < width; ++x, dst += 3) {
-          const unsigned v = detail::load_le<std::uint16_t>(src + 2 * x);
+          unsigned const v = detail::load_le<std::uint16_t>(src + 2 * x);
           dst[0] = widen5(v & 31);
           dst[1] = widen5((v >> 5) & 31);
           dst[2] = widen5((v >> 10) & 31);
@@ -76,18 +76,18 @@ class RowConverter {
   // The index of pixel x in a row of `bits`-bit indices, the leftmost pixel in the high bits.
   unsigned index(unsigned char const* row, int x) const {
     if (bits == 8) return row[x];
-    const int bit = x * bits;
-    const int shift = 8 - bits - bit % 8;
+    int const bit = x * bits;
+    int const shift = 8 - bits - bit % 8;
     return (row[bit / 8] >> shift) & ((1u << bits) - 1);
   }
 
   void preparePalette(Palette const& table, palette_t mode) {
-    const unsigned entries = 1u << bits;
+    unsigned const entries = 1u << bits;
     bool allGrey = true;
     for (unsigned i = 0; i < entries; ++i) {
       // Without a table the indices are the even grey ramp of the depth; an index past the
       // end of a table is black.
-      const unsigned bgr = table.size() == 0  ? i * 255 / (entries - 1) * 0x010101u
+      unsigned const bgr = table.size() == 0  ? i * 255 / (entries - 1) * 0x010101u
                            : i < table.size() ? table[int(i)] & 0xFFFFFFu
                                               : 0u;
       colour[i] = {static_cast<unsigned char>(bgr), static_cast<unsigned char>(bgr >> 8),
@@ -134,7 +134,7 @@ Image Dib::readPicture(palette_t mode) {
       !converter.prepare(bitCount, palette, mode)) {
     return {};
   }
-  const int channels = converter.channelCount();
+  int const channels = converter.channelCount();
   Image picture(width, height, 8 * channels, 4, colourOf(channels));
 
   // The file is read in bands of about 256 KiB. Each band holds the file rows
@@ -142,16 +142,16 @@ Image Dib::readPicture(palette_t mode) {
   // in a top-down file the rows that far from the end, since its bands are taken from the end
   // of the data backwards. File row f is picture row f in a top-down file and picture row
   // height - 1 - f in a bottom-up one.
-  const int bandRows = std::clamp((1 << 18) / lineBytes, 1, height);
+  int const bandRows = std::clamp((1 << 18) / lineBytes, 1, height);
   std::vector<unsigned char> band(std::size_t(bandRows) * std::size_t(lineBytes));
   seek(0, 0);
   for (int cursor = 0; cursor < height;) {
-    const int rows = std::min(bandRows, height - cursor);
-    const int bytes = rows * lineBytes;
+    int const rows = std::min(bandRows, height - cursor);
+    int const bytes = rows * lineBytes;
     if (read(band.data(), bytes) != bytes) return {};
-    const int first = topDown ? height - cursor - rows : cursor;
+    int const first = topDown ? height - cursor - rows : cursor;
     for (int k = 0; k < rows; ++k) {
-      const int y = topDown ? first + k : height - 1 - (first + k);
+      int const y = topDown ? first + k : height - 1 - (first + k);
       converter.convert(band.data() + std::size_t(k) * std::size_t(lineBytes),
                         picture.getBuffer() + std::size_t(y) * std::size_t(picture.getLineBytes()),
                         width);

@@ -99,7 +99,7 @@ std::uint64_t Image::getBufferSize() const {
 }
 
 int Image::getLinePixel() const {
-  const int n = coordinator.getNumerator();
+  int const n = coordinator.getNumerator();
   return (coordinator.getDenominator() * lineBytes + n - 1) / n;
 }
 
@@ -196,7 +196,7 @@ IplImage Image::makeIpl(int w, int h, int lb, unsigned char* data, std::uint64_t
   std::memset(&ipl, 0, sizeof ipl);
   ipl.nSize = static_cast<int>(sizeof(IplImage));
   ipl.nChannels = channels;
-  const bool known =
+  bool const known =
       bitsPerChannel == 1 || bitsPerChannel == 8 || bitsPerChannel == 16 || bitsPerChannel == 32;
   ipl.depth = known ? bitsPerChannel : 8;
   ipl.dataOrder = 0;

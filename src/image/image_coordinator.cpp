@@ -61,7 +61,7 @@ void ImageCoordinator::setBlockFormat(int b) {
 }
 
 int ImageCoordinator::getChannel() const {
-  const int c = static_cast<int>(color);
+  int const c = static_cast<int>(color);
   if (c > 25) return 1;
   if (c == 0) {
     if (bits == 12 || bits == 15 || bits == 16 || bits == 24) return 3;
@@ -73,9 +73,9 @@ int ImageCoordinator::getChannel() const {
 }
 
 int ImageCoordinator::getLineBytes(int w) const {
-  const int d = denominator;
-  const int n = numerator;
-  const int blockBytes = (((w + d - 1) * n) / d) / n * n;
+  int const d = denominator;
+  int const n = numerator;
+  int const blockBytes = (((w + d - 1) * n) / d) / n * n;
   return ((blockBytes + align - 1) / align) * align;
 }
 

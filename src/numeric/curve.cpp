@@ -16,8 +16,8 @@ namespace {
 
 // Fits a polynomial of fixed degree into `out` (highest power first); NaN when there is none.
 template <std::size_t Size>
-void fit_fixed(double (&out)[Size], const std::vector<Point2>& points,
-               const std::vector<double>* weights, FitInfo* info) {
+void fit_fixed(double (&out)[Size], std::vector<Point2> const& points,
+               std::vector<double> const* weights, FitInfo* info) {
   std::vector<double> coef;
   if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, weights, info)) {
     for (std::size_t i = 0; i < Size; ++i)
@@ -29,7 +29,7 @@ void fit_fixed(double (&out)[Size], const std::vector<Point2>& points,
 }
 
 template <class Curve>
-bool residuals(const Curve& curve, std::vector<double>& d, const std::vector<Point2>& points) {
+bool residuals(Curve const& curve, std::vector<double>& d, std::vector<Point2> const& points) {
   if (!curve.is()) return false;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i)
@@ -38,9 +38,9 @@ bool residuals(const Curve& curve, std::vector<double>& d, const std::vector<Poi
 }
 
 template <class Fit>
-Fit robust(const std::vector<Point2>& points, double k, FitInfo* info) {
+Fit robust(std::vector<Point2> const& points, double k, FitInfo* info) {
   Fit fit(points);
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     if (info) {
       static_cast<void>(fit.calculate(points, w, *info));
     } else {
@@ -56,7 +56,7 @@ Fit robust(const std::vector<Point2>& points, double k, FitInfo* info) {
 // ---- quadratic --------------------------------------------------------------------------
 
 LeastSquaresCurve::LeastSquaresCurve() : a_(kNaN), b_(kNaN), c_(kNaN) {}
-LeastSquaresCurve::LeastSquaresCurve(const points_type& points) : LeastSquaresCurve() {
+LeastSquaresCurve::LeastSquaresCurve(points_type const& points) : LeastSquaresCurve() {
   static_cast<void>(calculate(points));
 }
 void LeastSquaresCurve::swap(LeastSquaresCurve& other) noexcept {
@@ -70,48 +70,48 @@ void LeastSquaresCurve::clear() {
 bool LeastSquaresCurve::is() const {
   return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_);
 }
-bool LeastSquaresCurve::calculate(const points_type& points) {
+bool LeastSquaresCurve::calculate(points_type const& points) {
   double x[3];
   fit_fixed(x, points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCurve::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresCurve::calculate(points_type const& points, std::vector<double> const& weights) {
   double x[3];
   fit_fixed(x, points, &weights, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCurve::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresCurve::calculate(points_type const& points, FitInfo& info) {
   double x[3];
   fit_fixed(x, points, nullptr, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCurve::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresCurve::calculate(points_type const& points, std::vector<double> const& weights,
                                   FitInfo& info) {
   double x[3];
   fit_fixed(x, points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCurve::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresCurve::get_d(std::vector<double>& d, points_type const& points) const {
   return residuals(*this, d, points);
 }
-LeastSquaresCurve LeastSquaresCurve::create(const points_type& points) {
+LeastSquaresCurve LeastSquaresCurve::create(points_type const& points) {
   return LeastSquaresCurve(points);
 }
-LeastSquaresCurve LeastSquaresCurve::create(const points_type& points, double k) {
+LeastSquaresCurve LeastSquaresCurve::create(points_type const& points, double k) {
   return robust<LeastSquaresCurve>(points, k, nullptr);
 }
-LeastSquaresCurve LeastSquaresCurve::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresCurve LeastSquaresCurve::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresCurve>(points, k, &info);
 }
 
 // ---- cubic ------------------------------------------------------------------------------
 
 LeastSquaresCurve3::LeastSquaresCurve3() : a_(kNaN), b_(kNaN), c_(kNaN), d_(kNaN) {}
-LeastSquaresCurve3::LeastSquaresCurve3(const points_type& points) : LeastSquaresCurve3() {
+LeastSquaresCurve3::LeastSquaresCurve3(points_type const& points) : LeastSquaresCurve3() {
   static_cast<void>(calculate(points));
 }
 void LeastSquaresCurve3::swap(LeastSquaresCurve3& other) noexcept {
@@ -126,41 +126,41 @@ void LeastSquaresCurve3::clear() {
 bool LeastSquaresCurve3::is() const {
   return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_) && std::isfinite(d_);
 }
-bool LeastSquaresCurve3::calculate(const points_type& points) {
+bool LeastSquaresCurve3::calculate(points_type const& points) {
   double x[4];
   fit_fixed(x, points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresCurve3::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresCurve3::calculate(points_type const& points, std::vector<double> const& weights) {
   double x[4];
   fit_fixed(x, points, &weights, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresCurve3::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresCurve3::calculate(points_type const& points, FitInfo& info) {
   double x[4];
   fit_fixed(x, points, nullptr, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresCurve3::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresCurve3::calculate(points_type const& points, std::vector<double> const& weights,
                                    FitInfo& info) {
   double x[4];
   fit_fixed(x, points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresCurve3::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresCurve3::get_d(std::vector<double>& d, points_type const& points) const {
   return residuals(*this, d, points);
 }
-LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points) {
+LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points) {
   return LeastSquaresCurve3(points);
 }
-LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double k) {
+LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points, double k) {
   return robust<LeastSquaresCurve3>(points, k, nullptr);
 }
-LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresCurve3>(points, k, &info);
 }
 
@@ -168,7 +168,7 @@ LeastSquaresCurve3 LeastSquaresCurve3::create(const points_type& points, double 
 
 LeastSquaresDimension::LeastSquaresDimension() : scale(1.0) {}
 LeastSquaresDimension::LeastSquaresDimension(double s) : scale(s) {}
-LeastSquaresDimension::LeastSquaresDimension(double s, int degree, const points_type& points)
+LeastSquaresDimension::LeastSquaresDimension(double s, int degree, points_type const& points)
     : scale(s) {
   static_cast<void>(calculate(degree, points));
 }
@@ -178,43 +178,43 @@ void LeastSquaresDimension::swap(LeastSquaresDimension& other) noexcept {
 }
 
 LeastSquaresDimension LeastSquaresDimension::create(double s, int degree,
-                                                    const points_type& points) {
+                                                    points_type const& points) {
   return LeastSquaresDimension(s, degree, points);
 }
-LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, const points_type& points,
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, points_type const& points,
                                                     double k) {
   LeastSquaresDimension fit(s, degree, points);
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     static_cast<void>(fit.calculate(degree, points, w));
   });
   return fit;
 }
-LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, const points_type& points,
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, points_type const& points,
                                                     double k, FitInfo& info) {
   LeastSquaresDimension fit(s, degree, points);
   info.clear();
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     static_cast<void>(fit.calculate(degree, points, w, info));
   });
   return fit;
 }
 
-bool LeastSquaresDimension::calculate(int degree, const points_type& points) {
+bool LeastSquaresDimension::calculate(int degree, points_type const& points) {
   return detail::fit_polynomial(coef, degree, scale, points, nullptr, nullptr);
 }
-bool LeastSquaresDimension::calculate(int degree, const points_type& points,
-                                      const std::vector<double>& weights) {
+bool LeastSquaresDimension::calculate(int degree, points_type const& points,
+                                      std::vector<double> const& weights) {
   return detail::fit_polynomial(coef, degree, scale, points, &weights, nullptr);
 }
-bool LeastSquaresDimension::calculate(int degree, const points_type& points, FitInfo& info) {
+bool LeastSquaresDimension::calculate(int degree, points_type const& points, FitInfo& info) {
   return detail::fit_polynomial(coef, degree, scale, points, nullptr, &info);
 }
-bool LeastSquaresDimension::calculate(int degree, const points_type& points,
-                                      const std::vector<double>& weights, FitInfo& info) {
+bool LeastSquaresDimension::calculate(int degree, points_type const& points,
+                                      std::vector<double> const& weights, FitInfo& info) {
   return detail::fit_polynomial(coef, degree, scale, points, &weights, &info);
 }
 
-bool LeastSquaresDimension::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresDimension::get_d(std::vector<double>& d, points_type const& points) const {
   return residuals(*this, d, points);
 }
 
@@ -241,7 +241,7 @@ double LeastSquaresDimension::get_slope(double x) const {
 }
 
 double LeastSquaresDimension::get_area(double x0, double x1) const {
-  const auto primitive = [this](double x) {
+  auto const primitive = [this](double x) {
     const std::size_t n = coef.size() - 1;
     detail::Sum sum;
     double xp = x;  // x^(n-i+1)
@@ -270,9 +270,9 @@ double LeastSquaresDimension::get_length(double x0, double x1, double step) cons
   detail::Sum length;
   double xp = x0, yp = get_y(x0);
   for (std::uint64_t k = 1;; ++k) {
-    const double x = x0 + static_cast<double>(k) * step;
+    double const x = x0 + static_cast<double>(k) * step;
     if (!(x < x1)) break;
-    const double y = get_y(x);
+    double const y = get_y(x);
     length.add(std::hypot(x - xp, y - yp));
     xp = x, yp = y;
   }
@@ -282,13 +282,13 @@ double LeastSquaresDimension::get_length(double x0, double x1, double step) cons
 double LeastSquaresDimension::get_x(double x0, double length, double step) const {
   if (length == 0.0) return x0;
   if (!std::isfinite(length) || !walkable(x0, x0, step)) return kNaN;
-  const double target = std::fabs(length);
-  const double dir = length > 0.0 ? step : -step;
+  double const target = std::fabs(length);
+  double const dir = length > 0.0 ? step : -step;
   detail::Sum walked;
   double xp = x0, yp = get_y(x0);
   for (std::uint64_t k = 1;; ++k) {
-    const double x = x0 + static_cast<double>(k) * dir;
-    const double y = get_y(x);
+    double const x = x0 + static_cast<double>(k) * dir;
+    double const y = get_y(x);
     if (x == xp || !std::isfinite(x) || !std::isfinite(y)) return kNaN;  // cannot get further
     walked.add(std::hypot(x - xp, y - yp));                              // no underflow to 0
     if (walked.value() >= target) return x;
@@ -299,7 +299,7 @@ double LeastSquaresDimension::get_x(double x0, double length, double step) const
 int LeastSquaresDimension::get_solution(std::vector<double>& roots, double x0, double x1,
                                         double step) const {
   constexpr double kTiny = 2.220446049250313e-16;
-  const auto sign = [](double v) { return v > kTiny ? 1 : (v < -kTiny ? -1 : 0); };
+  auto const sign = [](double v) { return v > kTiny ? 1 : (v < -kTiny ? -1 : 0); };
   std::vector<double> found;
   if (walkable(x0, x1, step)) {
     double vp = get_y(x0);
@@ -307,10 +307,10 @@ int LeastSquaresDimension::get_solution(std::vector<double>& roots, double x0, d
     if (s == 0 && x0 < x1) found.push_back(x0);
     double xp = x0;
     for (std::uint64_t k = 1;; ++k) {
-      const double x = x0 + static_cast<double>(k) * step;
+      double const x = x0 + static_cast<double>(k) * step;
       if (!(x < x1)) break;
-      const double v = get_y(x);
-      const int t = sign(v);
+      double const v = get_y(x);
+      int const t = sign(v);
       if (t == 0) {
         found.push_back(x);
       } else if (s != 0 && t != s) {
@@ -342,7 +342,7 @@ int LeastSquaresDimension::walk(bool local, std::vector<int>& kinds, points_type
                                 double step) const {
   kinds.clear();
   points.clear();
-  const int degree = get_numeric();
+  int const degree = get_numeric();
   if (degree > 1) {
     kinds.reserve(static_cast<std::size_t>(degree - 1));
     points.reserve(static_cast<std::size_t>(degree - 1));
@@ -351,10 +351,10 @@ int LeastSquaresDimension::walk(bool local, std::vector<int>& kinds, points_type
   Slope slope;  // direction 0 until the curve first rises or falls
   double m = 0.0;
   for (std::uint64_t k = 0;; ++k) {
-    const double x = x0 + static_cast<double>(k) * step;
+    double const x = x0 + static_cast<double>(k) * step;
     if (!(x < x1)) break;
-    const double s = get_slope(x);
-    const int d = slope.dir();
+    double const s = get_slope(x);
+    int const d = slope.dir();
     if (d == 0) {
       if (s > 0.0) slope.dir(1);
       if (s < 0.0) slope.dir(-1);
@@ -362,7 +362,7 @@ int LeastSquaresDimension::walk(bool local, std::vector<int>& kinds, points_type
     }
     if (d > 0 ? s > m : s < m) m = s;
     int kind = 0;
-    const bool event = local ? slope.is_local(kind, s) : slope.is_extreme(kind, s);
+    bool const event = local ? slope.is_local(kind, s) : slope.is_extreme(kind, s);
     if (!event) continue;
     points.push_back(Point2(x, get_y(x)));
     kinds.push_back(kind);

@@ -14,13 +14,13 @@ namespace {
 constexpr double kTwoPi = 6.283185307179586;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-Eigen::Matrix2d inverse(const Eigen::Matrix2d& c) {
-  const double det = c(0, 0) * c(1, 1) - c(0, 1) * c(1, 0);
+Eigen::Matrix2d inverse(Eigen::Matrix2d const& c) {
+  double const det = c(0, 0) * c(1, 1) - c(0, 1) * c(1, 0);
   Eigen::Matrix2d inv;
   inv << c(1, 1), -c(0, 1), -c(1, 0), c(0, 0);
   return (1.0 / det) * inv;
 }
-Eigen::Matrix3d inverse(const Eigen::Matrix3d& c) {
+Eigen::Matrix3d inverse(Eigen::Matrix3d const& c) {
   return c.inverse();
 }
 
@@ -30,15 +30,15 @@ struct Stats {
   using Point = Eigen::Matrix<double, N, 1>;
   using Matrix = Eigen::Matrix<double, N, N>;
 
-  static bool estimate(const std::vector<Point>& samples, Point& centroid, Matrix& covariance) {
+  static bool estimate(std::vector<Point> const& samples, Point& centroid, Matrix& covariance) {
     centroid = eigen::get_centroid(samples);
     covariance = eigen::get_covariance_matrix(centroid, samples);
     return !samples.empty() && centroid.allFinite() && covariance.allFinite();
   }
-  static bool is(const std::vector<Point>& samples, const Point& centroid) {
+  static bool is(std::vector<Point> const& samples, Point const& centroid) {
     return !samples.empty() && centroid.allFinite();
   }
-  static double mahalanobis(const Point& x, const Point& centroid, const Matrix& covariance) {
+  static double mahalanobis(Point const& x, Point const& centroid, Matrix const& covariance) {
     const Point d = x - centroid;
     return d.dot(inverse(covariance) * d);
   }
@@ -46,19 +46,19 @@ struct Stats {
     return math::exponent(-0.5 * d2) /
            (std::pow(kTwoPi, std::sqrt(static_cast<double>(k))) * std::sqrt(det));
   }
-  static double linear(const std::vector<Point>& samples, const Point& x) {
+  static double linear(std::vector<Point> const& samples, Point const& x) {
     if (samples.empty()) return 0.0;
-    const double half = 0.5 * samples.front().squaredNorm();
+    double const half = 0.5 * samples.front().squaredNorm();
     math::KahanSum<double> sum;
-    for (const Point& s : samples)
+    for (Point const& s : samples)
       sum.add(s.dot(x) - half);
     return sum.value();
   }
-  static double nearest(const std::vector<Point>& samples, const Point& x) {
+  static double nearest(std::vector<Point> const& samples, Point const& x) {
     double best = std::numeric_limits<double>::max();
-    const double xx = x.squaredNorm();
-    for (const Point& s : samples) {
-      const double d = xx - 2.0 * s.dot(x) + s.squaredNorm();
+    double const xx = x.squaredNorm();
+    for (Point const& s : samples) {
+      double const d = xx - 2.0 * s.dot(x) + s.squaredNorm();
       if (d < best) best = d;
     }
     return best;
@@ -70,7 +70,7 @@ struct Stats {
 // ---- scalars ----------------------------------------------------------------------------
 
 Discrim1::Discrim1() : centroid(kNaN), covariance(0.0) {}
-Discrim1::Discrim1(const std::vector<double>& s) : samples(s), centroid(0.0), covariance(0.0) {
+Discrim1::Discrim1(std::vector<double> const& s) : samples(s), centroid(0.0), covariance(0.0) {
   static_cast<void>(estimate());
 }
 
@@ -87,7 +87,7 @@ bool Discrim1::is() const {
   return !samples.empty() && std::isfinite(centroid) && std::isfinite(covariance);
 }
 
-bool Discrim1::estimate(const std::vector<double>& s) {
+bool Discrim1::estimate(std::vector<double> const& s) {
   samples = s;
   return estimate();
 }
@@ -97,7 +97,7 @@ bool Discrim1::estimate() {
     centroid = covariance = 0.0;
     return false;
   }
-  const double n = static_cast<double>(samples.size());
+  double const n = static_cast<double>(samples.size());
   double total = 0.0;  // the mean is a plain sum
   for (double s : samples)
     total += s;
@@ -110,7 +110,7 @@ bool Discrim1::estimate() {
 }
 
 double Discrim1::get_gaussian_distribution(double x) const {
-  const double d = x - centroid;
+  double const d = x - centroid;
   return math::exponent(-0.5 * d * d * covariance) / std::sqrt(kTwoPi * std::sqrt(covariance));
 }
 
@@ -129,7 +129,7 @@ double Discrim1::get_bayes_discriminant(double x, double p, double c) const {
 
 #define QUIB_DISCRIM_MEMBERS(Class, N)                                                         \
   Class::Class() : centroid(point_type::Constant(kNaN)), covariance(matrix_type::Zero()) {}    \
-  Class::Class(const std::vector<point_type>& s) : samples(s) {                                \
+  Class::Class(std::vector<point_type> const& s) : samples(s) {                                \
     Stats<N>::estimate(samples, centroid, covariance);                                         \
   }                                                                                            \
   void Class::swap(Class& other) noexcept {                                                    \
@@ -144,39 +144,39 @@ double Discrim1::get_bayes_discriminant(double x, double p, double c) const {
   bool Class::is() const {                                                                     \
     return Stats<N>::is(samples, centroid);                                                    \
   }                                                                                            \
-  bool Class::estimate(const std::vector<point_type>& s) {                                     \
+  bool Class::estimate(std::vector<point_type> const& s) {                                     \
     samples = s;                                                                               \
     return estimate();                                                                         \
   }                                                                                            \
   bool Class::estimate() {                                                                     \
     return Stats<N>::estimate(samples, centroid, covariance);                                  \
   }                                                                                            \
-  double Class::get_mahalanobis_distance(const point_type& x) const {                          \
+  double Class::get_mahalanobis_distance(point_type const& x) const {                          \
     return Stats<N>::mahalanobis(x, centroid, covariance);                                     \
   }                                                                                            \
-  double Class::get_gaussian_distribution(const point_type& x) const {                         \
+  double Class::get_gaussian_distribution(point_type const& x) const {                         \
     return get_gaussian_distribution(x, static_cast<int>(samples.size()));                     \
   }                                                                                            \
-  double Class::get_gaussian_distribution(const point_type& x, int k) const {                  \
+  double Class::get_gaussian_distribution(point_type const& x, int k) const {                  \
     return Stats<N>::gauss(get_mahalanobis_distance(x), k, covariance.determinant());          \
   }                                                                                            \
-  double Class::get_gaussian_distribution2(const point_type& x) const {                        \
+  double Class::get_gaussian_distribution2(point_type const& x) const {                        \
     return get_gaussian_distribution2(x, static_cast<int>(samples.size()));                    \
   }                                                                                            \
-  double Class::get_gaussian_distribution2(const point_type& x, int k) const {                 \
+  double Class::get_gaussian_distribution2(point_type const& x, int k) const {                 \
     return Stats<N>::gauss(get_mahalanobis_distance(x), k, inverse(covariance).determinant()); \
   }                                                                                            \
-  double Class::get_bayes_discriminant(const point_type& x, double p, double c) const {        \
+  double Class::get_bayes_discriminant(point_type const& x, double p, double c) const {        \
     return std::log(p) + c - 0.5 * get_mahalanobis_distance(x);                                \
   }                                                                                            \
-  double Class::get_bayes_discriminant2(const point_type& x, double p, double c) const {       \
+  double Class::get_bayes_discriminant2(point_type const& x, double p, double c) const {       \
     return std::log(p) + c - 0.5 * std::log(covariance.determinant()) -                        \
            0.5 * get_mahalanobis_distance(x);                                                  \
   }                                                                                            \
-  double Class::get_linear_discriminant(const point_type& x) const {                           \
+  double Class::get_linear_discriminant(point_type const& x) const {                           \
     return Stats<N>::linear(samples, x);                                                       \
   }                                                                                            \
-  double Class::get_nearest_neighbor_discriminant(const point_type& x) const {                 \
+  double Class::get_nearest_neighbor_discriminant(point_type const& x) const {                 \
     return Stats<N>::nearest(samples, x);                                                      \
   }
 

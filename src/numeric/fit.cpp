@@ -26,9 +26,9 @@ using detail::SystemLayout;
 
 // Sums the model's moments and solves its system; NaN when it is singular.
 template <int D>
-Eigen::VectorXd solve(moment_t model, const SystemLayout& layout,
-                      const std::vector<Eigen::Matrix<double, D, 1>>& points,
-                      const std::vector<double>* weights, FitInfo* info) {
+Eigen::VectorXd solve(moment_t model, SystemLayout const& layout,
+                      std::vector<Eigen::Matrix<double, D, 1>> const& points,
+                      std::vector<double> const* weights, FitInfo* info) {
   const detail::Moments s = detail::sum_moments(model, points, weights, info != nullptr);
   Eigen::VectorXd x;
   static_cast<void>(detail::solve_system(s, layout, x, info));
@@ -36,9 +36,9 @@ Eigen::VectorXd solve(moment_t model, const SystemLayout& layout,
 }
 
 template <class Fit, class Points>
-Fit robust(const Points& points, double k, FitInfo* info) {
+Fit robust(Points const& points, double k, FitInfo* info) {
   Fit fit(points);
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     if (info) {
       static_cast<void>(fit.calculate(points, w, *info));
     } else {
@@ -52,22 +52,22 @@ Fit robust(const Points& points, double k, FitInfo* info) {
 
 // x² + y² + a·x + b·y + c = 0 in the unknowns (a, b, c): rows (x, y, 1), target -(x² + y²);
 // z = a·x + b·y + c: rows (x, y, 1), target z. Both read the same matrix terms.
-const SystemLayout& circle_layout() {
+SystemLayout const& circle_layout() {
   static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, -1.0, 9, 5};
   return l;
 }
-const SystemLayout& plane_layout() {
+SystemLayout const& plane_layout() {
   static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, 1.0, 9, 5};
   return l;
 }
 // x² + y² + z² + a·x + b·y + c·z + d = 0: rows (x, y, z, 1), target -(x² + y² + z²).
-const SystemLayout& sphere_layout() {
+SystemLayout const& sphere_layout() {
   static const SystemLayout l{
       4, {0, 1, 2, 3, 1, 4, 5, 6, 2, 5, 7, 8, 3, 6, 8, 9}, {10, 11, 12, 13}, -1.0, 14, 9};
   return l;
 }
 // y = a·x + b: rows (x, 1), target y.
-const SystemLayout& line_layout() {
+SystemLayout const& line_layout() {
   static const SystemLayout l{2, {3, 1, 1, 0}, {4, 2}, 1.0, 5, 0};
   return l;
 }
@@ -105,7 +105,7 @@ double FitInfo::get_standard_error(int i) const {
 // ---- line -------------------------------------------------------------------------------
 
 LeastSquaresLine::LeastSquaresLine() : a_(kNaN), b_(kNaN) {}
-LeastSquaresLine::LeastSquaresLine(const points_type& points) : LeastSquaresLine() {
+LeastSquaresLine::LeastSquaresLine(points_type const& points) : LeastSquaresLine() {
   static_cast<void>(calculate(points));
 }
 
@@ -123,12 +123,12 @@ bool LeastSquaresLine::is() const {
 namespace {
 
 // Closed form over the moments 1, x, y, x², x·y (and y² for the statistics).
-void fit_line(double& a, double& b, const std::vector<Point2>& points,
-              const std::vector<double>* weights, FitInfo* info) {
+void fit_line(double& a, double& b, std::vector<Point2> const& points,
+              std::vector<double> const* weights, FitInfo* info) {
   if (info) info->clear();
   const detail::Moments s = detail::sum_moments(moment_t::line, points, weights, info != nullptr);
-  const double n = s[0], sx = s[1], sy = s[2], sxx = s[3], sxy = s[4];
-  const double det = n * sxx - sx * sx;
+  double const n = s[0], sx = s[1], sy = s[2], sxx = s[3], sxy = s[4];
+  double const det = n * sxx - sx * sx;
   // All x equal: the determinant is zero up to the rounding of n·Sxx, which must not pass
   // for a steep line.
   if (!(std::fabs(det) > 2.0 * std::numeric_limits<double>::epsilon() * std::fabs(n * sxx))) {
@@ -146,25 +146,25 @@ void fit_line(double& a, double& b, const std::vector<Point2>& points,
 
 }  // namespace
 
-bool LeastSquaresLine::calculate(const points_type& points) {
+bool LeastSquaresLine::calculate(points_type const& points) {
   fit_line(a_, b_, points, nullptr, nullptr);
   return is();
 }
-bool LeastSquaresLine::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresLine::calculate(points_type const& points, std::vector<double> const& weights) {
   fit_line(a_, b_, points, &weights, nullptr);
   return is();
 }
-bool LeastSquaresLine::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresLine::calculate(points_type const& points, FitInfo& info) {
   fit_line(a_, b_, points, nullptr, &info);
   return is();
 }
-bool LeastSquaresLine::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresLine::calculate(points_type const& points, std::vector<double> const& weights,
                                  FitInfo& info) {
   fit_line(a_, b_, points, &weights, &info);
   return is();
 }
 
-bool LeastSquaresLine::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresLine::get_d(std::vector<double>& d, points_type const& points) const {
   if (!is()) return false;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i)
@@ -172,17 +172,17 @@ bool LeastSquaresLine::get_d(std::vector<double>& d, const points_type& points) 
   return true;
 }
 
-LeastSquaresLine LeastSquaresLine::create(const points_type& points) {
+LeastSquaresLine LeastSquaresLine::create(points_type const& points) {
   return LeastSquaresLine(points);
 }
-LeastSquaresLine LeastSquaresLine::create(const points_type& points, double k) {
+LeastSquaresLine LeastSquaresLine::create(points_type const& points, double k) {
   return robust<LeastSquaresLine>(points, k, nullptr);
 }
-LeastSquaresLine LeastSquaresLine::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresLine LeastSquaresLine::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresLine>(points, k, &info);
 }
 
-LeastSquaresLine LeastSquaresLine::iterate(const points_type& points, double tolerance, int count,
+LeastSquaresLine LeastSquaresLine::iterate(points_type const& points, double tolerance, int count,
                                            pass_type pass, double k) {
   LeastSquaresLine out;
   if (count <= 0) return out;
@@ -198,16 +198,16 @@ LeastSquaresLine LeastSquaresLine::iterate(const points_type& points, double tol
     // sees them close to the horizontal line y = b.
     double lo = std::numeric_limits<double>::infinity();
     double hi = -lo;
-    for (const Point2& p : work)
+    for (Point2 const& p : work)
       if (std::isfinite(p[0])) {
         lo = std::min(lo, p[0]);
         hi = std::max(hi, p[0]);
       }
-    const double dx = hi - lo;
-    const double angle = std::atan2(line.a_ * dx, dx);
-    const double c = std::cos(angle), s = std::sin(angle);
+    double const dx = hi - lo;
+    double const angle = std::atan2(line.a_ * dx, dx);
+    double const c = std::cos(angle), s = std::sin(angle);
     for (Point2& p : work) {
-      const double x = p[0], y = p[1] - line.b_;
+      double const x = p[0], y = p[1] - line.b_;
       p[0] = c * x + s * y;
       p[1] = -s * x + c * y + line.b_;
     }
@@ -216,23 +216,23 @@ LeastSquaresLine LeastSquaresLine::iterate(const points_type& points, double tol
   return out;
 }
 
-LeastSquaresLine LeastSquaresLine::create_iterative(const points_type& points, double tolerance,
+LeastSquaresLine LeastSquaresLine::create_iterative(points_type const& points, double tolerance,
                                                     int count) {
   return iterate(
-      points, tolerance, count, [](const points_type& p, double) { return LeastSquaresLine(p); },
+      points, tolerance, count, [](points_type const& p, double) { return LeastSquaresLine(p); },
       0.0);
 }
-LeastSquaresLine LeastSquaresLine::create_iterative(const points_type& points, double tolerance,
+LeastSquaresLine LeastSquaresLine::create_iterative(points_type const& points, double tolerance,
                                                     int count, double k) {
   return iterate(
       points, tolerance, count,
-      [](const points_type& p, double kk) { return LeastSquaresLine::create(p, kk); }, k);
+      [](points_type const& p, double kk) { return LeastSquaresLine::create(p, kk); }, k);
 }
 
 // ---- circle -----------------------------------------------------------------------------
 
 LeastSquaresCircle::LeastSquaresCircle() : a_(kNaN), b_(kNaN), c_(kNaN) {}
-LeastSquaresCircle::LeastSquaresCircle(const points_type& points) : LeastSquaresCircle() {
+LeastSquaresCircle::LeastSquaresCircle(points_type const& points) : LeastSquaresCircle() {
   static_cast<void>(calculate(points));
 }
 
@@ -253,61 +253,61 @@ double LeastSquaresCircle::r() const {
 
 namespace {
 
-Eigen::VectorXd fit_circle(const std::vector<Point2>& points, const std::vector<double>* weights,
+Eigen::VectorXd fit_circle(std::vector<Point2> const& points, std::vector<double> const* weights,
                            FitInfo* info) {
   return solve(moment_t::circle, circle_layout(), points, weights, info);
 }
 
 }  // namespace
 
-bool LeastSquaresCircle::calculate(const points_type& points) {
+bool LeastSquaresCircle::calculate(points_type const& points) {
   const Eigen::VectorXd x = fit_circle(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCircle::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresCircle::calculate(points_type const& points, std::vector<double> const& weights) {
   const Eigen::VectorXd x = fit_circle(points, &weights, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCircle::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresCircle::calculate(points_type const& points, FitInfo& info) {
   const Eigen::VectorXd x = fit_circle(points, nullptr, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCircle::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresCircle::calculate(points_type const& points, std::vector<double> const& weights,
                                    FitInfo& info) {
   const Eigen::VectorXd x = fit_circle(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 
-bool LeastSquaresCircle::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresCircle::get_d(std::vector<double>& d, points_type const& points) const {
   if (!is()) return false;
-  const double cx = x(), cy = y(), rr = r();
-  const double k = cx * cx + cy * cy - rr * rr;
+  double const cx = x(), cy = y(), rr = r();
+  double const k = cx * cx + cy * cy - rr * rr;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i) {
-    const double px = points[i][0], py = points[i][1];
+    double const px = points[i][0], py = points[i][1];
     d[i] = px * px + py * py - 2.0 * px * cx - 2.0 * py * cy + k;
   }
   return true;
 }
 
-LeastSquaresCircle LeastSquaresCircle::create(const points_type& points) {
+LeastSquaresCircle LeastSquaresCircle::create(points_type const& points) {
   return LeastSquaresCircle(points);
 }
-LeastSquaresCircle LeastSquaresCircle::create(const points_type& points, double k) {
+LeastSquaresCircle LeastSquaresCircle::create(points_type const& points, double k) {
   return robust<LeastSquaresCircle>(points, k, nullptr);
 }
-LeastSquaresCircle LeastSquaresCircle::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresCircle LeastSquaresCircle::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresCircle>(points, k, &info);
 }
 
 // ---- plane ------------------------------------------------------------------------------
 
 LeastSquaresPlane::LeastSquaresPlane() : a_(kNaN), b_(kNaN), c_(kNaN) {}
-LeastSquaresPlane::LeastSquaresPlane(const points_type& points) : LeastSquaresPlane() {
+LeastSquaresPlane::LeastSquaresPlane(points_type const& points) : LeastSquaresPlane() {
   static_cast<void>(calculate(points));
 }
 
@@ -344,59 +344,59 @@ double LeastSquaresPlane::d() const {
 
 namespace {
 
-Eigen::VectorXd fit_plane(const std::vector<Point3>& points, const std::vector<double>* weights,
+Eigen::VectorXd fit_plane(std::vector<Point3> const& points, std::vector<double> const* weights,
                           FitInfo* info) {
   return solve(moment_t::plane, plane_layout(), points, weights, info);
 }
 
 }  // namespace
 
-bool LeastSquaresPlane::calculate(const points_type& points) {
+bool LeastSquaresPlane::calculate(points_type const& points) {
   const Eigen::VectorXd x = fit_plane(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresPlane::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresPlane::calculate(points_type const& points, std::vector<double> const& weights) {
   const Eigen::VectorXd x = fit_plane(points, &weights, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresPlane::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresPlane::calculate(points_type const& points, FitInfo& info) {
   const Eigen::VectorXd x = fit_plane(points, nullptr, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresPlane::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresPlane::calculate(points_type const& points, std::vector<double> const& weights,
                                   FitInfo& info) {
   const Eigen::VectorXd x = fit_plane(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 
-bool LeastSquaresPlane::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresPlane::get_d(std::vector<double>& d, points_type const& points) const {
   if (!is()) return false;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i) {
-    const Point3& p = points[i];
+    Point3 const& p = points[i];
     d[i] = p[2] - (a_ * p[0] + b_ * p[1] + c_);
   }
   return true;
 }
 
-LeastSquaresPlane LeastSquaresPlane::create(const points_type& points) {
+LeastSquaresPlane LeastSquaresPlane::create(points_type const& points) {
   return LeastSquaresPlane(points);
 }
-LeastSquaresPlane LeastSquaresPlane::create(const points_type& points, double k) {
+LeastSquaresPlane LeastSquaresPlane::create(points_type const& points, double k) {
   return robust<LeastSquaresPlane>(points, k, nullptr);
 }
-LeastSquaresPlane LeastSquaresPlane::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresPlane LeastSquaresPlane::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresPlane>(points, k, &info);
 }
 
 // ---- sphere -----------------------------------------------------------------------------
 
 LeastSquaresSphere::LeastSquaresSphere() : a_(kNaN), b_(kNaN), c_(kNaN), d_(kNaN) {}
-LeastSquaresSphere::LeastSquaresSphere(const points_type& points) : LeastSquaresSphere() {
+LeastSquaresSphere::LeastSquaresSphere(points_type const& points) : LeastSquaresSphere() {
   static_cast<void>(calculate(points));
 }
 
@@ -418,54 +418,54 @@ double LeastSquaresSphere::r() const {
 
 namespace {
 
-Eigen::VectorXd fit_sphere(const std::vector<Point3>& points, const std::vector<double>* weights,
+Eigen::VectorXd fit_sphere(std::vector<Point3> const& points, std::vector<double> const* weights,
                            FitInfo* info) {
   return solve(moment_t::sphere, sphere_layout(), points, weights, info);
 }
 
 }  // namespace
 
-bool LeastSquaresSphere::calculate(const points_type& points) {
+bool LeastSquaresSphere::calculate(points_type const& points) {
   const Eigen::VectorXd x = fit_sphere(points, nullptr, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresSphere::calculate(const points_type& points, const std::vector<double>& weights) {
+bool LeastSquaresSphere::calculate(points_type const& points, std::vector<double> const& weights) {
   const Eigen::VectorXd x = fit_sphere(points, &weights, nullptr);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresSphere::calculate(const points_type& points, FitInfo& info) {
+bool LeastSquaresSphere::calculate(points_type const& points, FitInfo& info) {
   const Eigen::VectorXd x = fit_sphere(points, nullptr, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresSphere::calculate(const points_type& points, const std::vector<double>& weights,
+bool LeastSquaresSphere::calculate(points_type const& points, std::vector<double> const& weights,
                                    FitInfo& info) {
   const Eigen::VectorXd x = fit_sphere(points, &weights, &info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
 
-bool LeastSquaresSphere::get_d(std::vector<double>& d, const points_type& points) const {
+bool LeastSquaresSphere::get_d(std::vector<double>& d, points_type const& points) const {
   if (!is()) return false;
-  const double cx = x(), cy = y(), cz = z(), rr = r();
-  const double k = cx * cx + cy * cy + cz * cz - rr * rr;
+  double const cx = x(), cy = y(), cz = z(), rr = r();
+  double const k = cx * cx + cy * cy + cz * cz - rr * rr;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i) {
-    const double px = points[i][0], py = points[i][1], pz = points[i][2];
+    double const px = points[i][0], py = points[i][1], pz = points[i][2];
     d[i] = px * px + py * py + pz * pz - 2.0 * px * cx - 2.0 * py * cy - 2.0 * pz * cz + k;
   }
   return true;
 }
 
-LeastSquaresSphere LeastSquaresSphere::create(const points_type& points) {
+LeastSquaresSphere LeastSquaresSphere::create(points_type const& points) {
   return LeastSquaresSphere(points);
 }
-LeastSquaresSphere LeastSquaresSphere::create(const points_type& points, double k) {
+LeastSquaresSphere LeastSquaresSphere::create(points_type const& points, double k) {
   return robust<LeastSquaresSphere>(points, k, nullptr);
 }
-LeastSquaresSphere LeastSquaresSphere::create(const points_type& points, double k, FitInfo& info) {
+LeastSquaresSphere LeastSquaresSphere::create(points_type const& points, double k, FitInfo& info) {
   return robust<LeastSquaresSphere>(points, k, &info);
 }
 

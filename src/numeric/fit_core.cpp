@@ -17,10 +17,10 @@ std::size_t at(int i) {
 
 // T - 2·xᵀr + xᵀ·M·x: the quadratic form rather than T - xᵀr, so that the rounding of x
 // enters only to second order; in extended precision from both halves of every moment.
-long double residual_sum(const Moments& s, const SystemLayout& l, const Eigen::VectorXd& x) {
+long double residual_sum(Moments const& s, SystemLayout const& l, Eigen::VectorXd const& x) {
   long double rss = s.wide(at(l.target));
   for (int i = 0; i < l.size; ++i) {
-    const long double xi = x[i];
+    long double const xi = x[i];
     rss -= 2.0L * xi * static_cast<long double>(l.sign) * s.wide(at(l.rhs[at(i)]));
     for (int j = 0; j < l.size; ++j)
       rss += xi * static_cast<long double>(x[j]) * s.wide(at(l.matrix[at(i * l.size + j)]));
@@ -30,7 +30,7 @@ long double residual_sum(const Moments& s, const SystemLayout& l, const Eigen::V
 
 }  // namespace
 
-bool solve_system(const Moments& s, const SystemLayout& l, Eigen::VectorXd& x, FitInfo* info,
+bool solve_system(Moments const& s, SystemLayout const& l, Eigen::VectorXd& x, FitInfo* info,
                   double unit) {
   Eigen::MatrixXd m(l.size, l.size);
   Eigen::VectorXd r(l.size);
@@ -51,21 +51,21 @@ bool solve_system(const Moments& s, const SystemLayout& l, Eigen::VectorXd& x, F
   return true;
 }
 
-void fit_statistics(const Moments& s, const SystemLayout& l, const Eigen::VectorXd& x,
-                    const Eigen::MatrixXd& inverse, FitInfo& info, double unit) {
+void fit_statistics(Moments const& s, SystemLayout const& l, Eigen::VectorXd const& x,
+                    Eigen::MatrixXd const& inverse, FitInfo& info, double unit) {
   info.clear();
   if (l.target < 0 || at(l.target) >= s.sum.size() || !x.allFinite()) return;
-  const double rss = static_cast<double>(residual_sum(s, l, x)) / (unit * unit);
-  const double weight = s[at(l.weight)];
-  const double dof = s.count - l.size;
-  const double sigma = dof > 0.0 ? std::sqrt(rss / dof) : kNaN;
+  double const rss = static_cast<double>(residual_sum(s, l, x)) / (unit * unit);
+  double const weight = s[at(l.weight)];
+  double const dof = s.count - l.size;
+  double const sigma = dof > 0.0 ? std::sqrt(rss / dof) : kNaN;
   info = FitInfo(sigma * sigma * inverse, weight > 0.0 ? std::sqrt(rss / weight) : kNaN, sigma,
                  static_cast<std::size_t>(s.count));
 }
 
 SystemLayout polynomial_layout(int degree) {
-  const int n = degree;
-  const int powers = 2 * n + 1;  // x^0 .. x^2n, then x^0·y .. x^n·y, then y²
+  int const n = degree;
+  int const powers = 2 * n + 1;  // x^0 .. x^2n, then x^0·y .. x^n·y, then y²
   SystemLayout l;
   l.size = n + 1;
   for (int i = 0; i <= n; ++i) {
@@ -79,8 +79,8 @@ SystemLayout polynomial_layout(int degree) {
 }
 
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
-                    const std::vector<Eigen::Matrix<double, 2, 1>>& points,
-                    const std::vector<double>* weights, FitInfo* info) {
+                    std::vector<Eigen::Matrix<double, 2, 1>> const& points,
+                    std::vector<double> const* weights, FitInfo* info) {
   coef.clear();
   if (info) info->clear();
   // More coefficients than points cannot be determined; refusing early also bounds the

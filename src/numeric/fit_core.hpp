@@ -25,7 +25,7 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 using Sum = math::KahanSum<double>;
 
 template <class Point>
-bool finite_point(const Point& p) {
+bool finite_point(Point const& p) {
   for (Eigen::Index i = 0; i < p.size(); ++i)
     if (!std::isfinite(p[i])) return false;
   return true;
@@ -34,8 +34,8 @@ bool finite_point(const Point& p) {
 /// The compensated moments of `model` over the points (see moment_t for the terms). With
 /// `residual`, the square of the target is summed last, for the statistics of the fit.
 template <int D>
-Moments sum_moments(moment_t model, const std::vector<Eigen::Matrix<double, D, 1>>& points,
-                    const std::vector<double>* weights, bool residual, int degree = 0,
+Moments sum_moments(moment_t model, std::vector<Eigen::Matrix<double, D, 1>> const& points,
+                    std::vector<double> const* weights, bool residual, int degree = 0,
                     double scale = 1.0) {
   static_assert(sizeof(Eigen::Matrix<double, D, 1>) == D * sizeof(double), "packed points");
   MomentRequest request;
@@ -72,12 +72,12 @@ struct SystemLayout {
 /// residual sum of squares T - 2·xᵀr + xᵀ·M·x (from the moments carried to extended precision),
 /// σ² = RSS / (count - size), covariance σ²·M⁻¹, RMS sqrt(RSS / Σw), the count of points used.
 /// `unit` divides the residuals (the polynomial's y scale). A failed solve clears `info`.
-bool solve_system(const Moments& s, const SystemLayout& layout, Eigen::VectorXd& x, FitInfo* info,
+bool solve_system(Moments const& s, SystemLayout const& layout, Eigen::VectorXd& x, FitInfo* info,
                   double unit = 1.0);
 
 /// Fills `info` from a solved system: x its solution, `inverse` M⁻¹ (see solve_system).
-void fit_statistics(const Moments& s, const SystemLayout& layout, const Eigen::VectorXd& x,
-                    const Eigen::MatrixXd& inverse, FitInfo& info, double unit = 1.0);
+void fit_statistics(Moments const& s, SystemLayout const& layout, Eigen::VectorXd const& x,
+                    Eigen::MatrixXd const& inverse, FitInfo& info, double unit = 1.0);
 
 /// The layouts of the polynomial of degree n (highest power first).
 SystemLayout polynomial_layout(int degree);
@@ -86,18 +86,18 @@ SystemLayout polynomial_layout(int degree);
 /// `coef` left empty (and `info` cleared), for a negative degree, fewer points than
 /// coefficients or a singular system.
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
-                    const std::vector<Eigen::Matrix<double, 2, 1>>& points,
-                    const std::vector<double>* weights, FitInfo* info);
+                    std::vector<Eigen::Matrix<double, 2, 1>> const& points,
+                    std::vector<double> const* weights, FitInfo* info);
 
 /// The one robust reweighting step: residuals of `fit`, a Tukey biweight with threshold
 /// MAD/0.6745·k + median |residual|, and `refit(weights)`. A fit without residuals (no fit)
 /// is left as it is.
 template <class Fit, class Points, class Refit>
-void reweight_once(Fit& fit, const Points& points, double k, Refit refit) {
+void reweight_once(Fit& fit, Points const& points, double k, Refit refit) {
   std::vector<double> d;
   if (!fit.get_d(d, points)) return;
-  const double m = RobustM::get_med(d);
-  const double s = RobustM::get_mad(d, m);
+  double const m = RobustM::get_med(d);
+  double const s = RobustM::get_mad(d, m);
   RobustM weights;
   static_cast<void>(weights.estimate(d, (s / 0.6745) * k + m));
   refit(*weights);

@@ -25,8 +25,8 @@ using Normal = Eigen::Matrix<double, D + 1, D + 1>;
 
 // |v|, without overflow for coordinates whose squares are not finite.
 template <int D>
-double length(const Point<D>& v) {
-  const double l = v.norm();
+double length(Point<D> const& v) {
+  double const l = v.norm();
   return std::isfinite(l) ? l : v.stableNorm();
 }
 
@@ -38,10 +38,10 @@ struct Usable {
 };
 
 template <int D>
-Usable<D> usable(const std::vector<Point<D>>& points, const std::vector<double>* weights) {
+Usable<D> usable(std::vector<Point<D>> const& points, std::vector<double> const* weights) {
   Usable<D> u;
   for (std::size_t i = 0; i < points.size(); ++i) {
-    const double w = weights ? (i < weights->size() ? (*weights)[i] : 0.0) : 1.0;
+    double const w = weights ? (i < weights->size() ? (*weights)[i] : 0.0) : 1.0;
     if (w == 0.0 || !std::isfinite(w) || !detail::finite_point(points[i])) continue;
     u.points.push_back(points[i]);
     u.weights.push_back(w);
@@ -53,19 +53,19 @@ Usable<D> usable(const std::vector<Point<D>>& points, const std::vector<double>*
 // r_i = |p_i - centre| - r and the row of J: (-(p_i - centre)/|p_i - centre|, -1). A point at
 // the centre has no direction; its row is (0, -1).
 template <int D>
-double evaluate(const Usable<D>& u, const Params<D>& theta, Normal<D>& a, Params<D>& g) {
-  const Point<D> c = theta.template head<D>();
+double evaluate(Usable<D> const& u, Params<D> const& theta, Normal<D>& a, Params<D>& g) {
+  Point<D> const c = theta.template head<D>();
   a.setZero();
   g.setZero();
   detail::Sum cost;
   for (std::size_t i = 0; i < u.points.size(); ++i) {
-    const Point<D> v = u.points[i] - c;
-    const double l = length<D>(v);
-    const double res = l - theta[D];
+    Point<D> const v = u.points[i] - c;
+    double const l = length<D>(v);
+    double const res = l - theta[D];
     Params<D> j;
     j.template head<D>() = l > 0.0 ? Point<D>(-v / l) : Point<D>::Zero();
     j[D] = -1.0;
-    const double w = u.weights[i];
+    double const w = u.weights[i];
     a.noalias() += w * j * j.transpose();
     g += (w * res) * j;
     cost.add(w * res * res);
@@ -75,7 +75,7 @@ double evaluate(const Usable<D>& u, const Params<D>& theta, Normal<D>& a, Params
 
 // Levenberg-Marquardt from `theta`; false when it cannot proceed or does not settle.
 template <int D>
-bool refine(const Usable<D>& u, Params<D>& theta) {
+bool refine(Usable<D> const& u, Params<D>& theta) {
   Normal<D> a;
   Params<D> g;
   double cost = evaluate(u, theta, a, g);
@@ -86,18 +86,18 @@ bool refine(const Usable<D>& u, Params<D>& theta) {
     damped.diagonal() *= 1.0 + lambda;
     const Eigen::FullPivLU<Normal<D>> lu(damped);
     if (!lu.isInvertible()) return false;
-    const Params<D> step = lu.solve(-g);
+    Params<D> const step = lu.solve(-g);
     if (!step.allFinite()) return false;
-    const Params<D> next = theta + step;
+    Params<D> const next = theta + step;
     Normal<D> a_next;
     Params<D> g_next;
-    const double cost_next = evaluate(u, next, a_next, g_next);
-    const bool small = step.norm() <= 1e-12 * (1.0 + theta.norm());
+    double const cost_next = evaluate(u, next, a_next, g_next);
+    bool const small = step.norm() <= 1e-12 * (1.0 + theta.norm());
     if (std::isfinite(cost_next) && cost_next <= cost) {
       theta = next;
       a = a_next;
       g = g_next;
-      const bool flat = cost - cost_next <= 1e-15 * cost;
+      bool const flat = cost - cost_next <= 1e-15 * cost;
       cost = cost_next;
       lambda = std::max(lambda * 0.1, 1e-12);
       if (small || flat) return true;
@@ -112,17 +112,17 @@ bool refine(const Usable<D>& u, Params<D>& theta) {
 
 // The algebraic fit as the start: x² + y² (+ z²) + a·x + ... = 0 over the usable points.
 template <int D>
-bool start(const Usable<D>& u, Params<D>& theta);
+bool start(Usable<D> const& u, Params<D>& theta);
 
 template <>
-bool start<2>(const Usable<2>& u, Params<2>& theta) {
+bool start<2>(Usable<2> const& u, Params<2>& theta) {
   LeastSquaresCircle c;
   if (!c.calculate(u.points, u.weights)) return false;
   theta << c.x(), c.y(), c.r();
   return theta.allFinite();
 }
 template <>
-bool start<3>(const Usable<3>& u, Params<3>& theta) {
+bool start<3>(Usable<3> const& u, Params<3>& theta) {
   LeastSquaresSphere s;
   if (!s.calculate(u.points, u.weights)) return false;
   theta << s.x(), s.y(), s.z(), s.r();
@@ -134,7 +134,7 @@ bool start<3>(const Usable<3>& u, Params<3>& theta) {
 template <int D>
 GeometricFit<D>::GeometricFit() : centre_(point_type::Constant(kNaN)), r_(kNaN) {}
 template <int D>
-GeometricFit<D>::GeometricFit(const points_type& points) : GeometricFit() {
+GeometricFit<D>::GeometricFit(points_type const& points) : GeometricFit() {
   static_cast<void>(calculate(points));
 }
 
@@ -154,7 +154,7 @@ bool GeometricFit<D>::is() const {
 }
 
 template <int D>
-bool GeometricFit<D>::fit(const points_type& points, const std::vector<double>* weights,
+bool GeometricFit<D>::fit(points_type const& points, std::vector<double> const* weights,
                           FitInfo* info) {
   clear();
   if (info) info->clear();
@@ -164,9 +164,9 @@ bool GeometricFit<D>::fit(const points_type& points, const std::vector<double>* 
 
   // Centre and scale the points: the algebraic start is then well conditioned, and the
   // iteration's tolerances are relative to a spread of 1.
-  const Point<D> mean = eigen::get_centroid(u.points);
+  Point<D> const mean = eigen::get_centroid(u.points);
   double spread = 0.0;
-  for (const Point<D>& p : u.points)
+  for (Point<D> const& p : u.points)
     spread = std::max(spread, (p - mean).cwiseAbs().maxCoeff());
   if (!(spread > 0.0) || !std::isfinite(spread)) return false;  // all points equal
   Usable<D> unit = u;
@@ -190,14 +190,14 @@ bool GeometricFit<D>::fit(const points_type& points, const std::vector<double>* 
     real[D] = r_;
     Normal<D> a;
     Params<D> g;
-    const double rss = evaluate(u, real, a, g);
+    double const rss = evaluate(u, real, a, g);
     double weight = 0.0;
     for (double w : u.weights)
       weight += w;
     const Eigen::FullPivLU<Normal<D>> lu(a);
-    const double dof = static_cast<double>(m) - (D + 1);
+    double const dof = static_cast<double>(m) - (D + 1);
     if (lu.isInvertible()) {
-      const double sigma = dof > 0.0 ? std::sqrt(rss / dof) : kNaN;
+      double const sigma = dof > 0.0 ? std::sqrt(rss / dof) : kNaN;
       *info = FitInfo(Eigen::MatrixXd(sigma * sigma * lu.inverse()),
                       weight > 0.0 ? std::sqrt(rss / weight) : kNaN, sigma, m);
     }
@@ -206,25 +206,25 @@ bool GeometricFit<D>::fit(const points_type& points, const std::vector<double>* 
 }
 
 template <int D>
-bool GeometricFit<D>::calculate(const points_type& points) {
+bool GeometricFit<D>::calculate(points_type const& points) {
   return fit(points, nullptr, nullptr);
 }
 template <int D>
-bool GeometricFit<D>::calculate(const points_type& points, const std::vector<double>& weights) {
+bool GeometricFit<D>::calculate(points_type const& points, std::vector<double> const& weights) {
   return fit(points, &weights, nullptr);
 }
 template <int D>
-bool GeometricFit<D>::calculate(const points_type& points, FitInfo& info) {
+bool GeometricFit<D>::calculate(points_type const& points, FitInfo& info) {
   return fit(points, nullptr, &info);
 }
 template <int D>
-bool GeometricFit<D>::calculate(const points_type& points, const std::vector<double>& weights,
+bool GeometricFit<D>::calculate(points_type const& points, std::vector<double> const& weights,
                                 FitInfo& info) {
   return fit(points, &weights, &info);
 }
 
 template <int D>
-bool GeometricFit<D>::get_d(std::vector<double>& d, const points_type& points) const {
+bool GeometricFit<D>::get_d(std::vector<double>& d, points_type const& points) const {
   if (!is()) return false;
   d.resize(points.size());
   for (std::size_t i = 0; i < points.size(); ++i)
@@ -233,22 +233,22 @@ bool GeometricFit<D>::get_d(std::vector<double>& d, const points_type& points) c
 }
 
 template <int D>
-GeometricFit<D> GeometricFit<D>::create(const points_type& points) {
+GeometricFit<D> GeometricFit<D>::create(points_type const& points) {
   return GeometricFit(points);
 }
 template <int D>
-GeometricFit<D> GeometricFit<D>::create(const points_type& points, double k) {
+GeometricFit<D> GeometricFit<D>::create(points_type const& points, double k) {
   GeometricFit fit(points);
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     static_cast<void>(fit.calculate(points, w));
   });
   return fit;
 }
 template <int D>
-GeometricFit<D> GeometricFit<D>::create(const points_type& points, double k, FitInfo& info) {
+GeometricFit<D> GeometricFit<D>::create(points_type const& points, double k, FitInfo& info) {
   GeometricFit fit(points);
   info.clear();
-  detail::reweight_once(fit, points, k, [&](const std::vector<double>& w) {
+  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
     static_cast<void>(fit.calculate(points, w, info));
   });
   return fit;

@@ -17,17 +17,17 @@ namespace eigen {
 namespace {
 
 template <int N>
-bool finite(const Eigen::Matrix<double, N, 1>& p) {
+bool finite(Eigen::Matrix<double, N, 1> const& p) {
   for (int i = 0; i < N; ++i)
     if (!std::isfinite(p[i])) return false;
   return true;
 }
 
 template <int N>
-Eigen::Matrix<double, N, 1> centroid(const std::vector<Eigen::Matrix<double, N, 1>>& points) {
+Eigen::Matrix<double, N, 1> centroid(std::vector<Eigen::Matrix<double, N, 1>> const& points) {
   math::KahanSum<double> sums[N];
   std::size_t count = 0;
-  for (const auto& p : points) {
+  for (auto const& p : points) {
     if (!finite(p)) continue;
     for (int i = 0; i < N; ++i)
       sums[i].add(p[i]);
@@ -41,10 +41,10 @@ Eigen::Matrix<double, N, 1> centroid(const std::vector<Eigen::Matrix<double, N, 
 }
 
 template <int N>
-Eigen::Matrix<double, N, N> scatter(const Eigen::Matrix<double, N, 1>& c,
-                                    const std::vector<Eigen::Matrix<double, N, 1>>& points) {
+Eigen::Matrix<double, N, N> scatter(Eigen::Matrix<double, N, 1> const& c,
+                                    std::vector<Eigen::Matrix<double, N, 1>> const& points) {
   math::KahanSum<double> sums[N][N];
-  for (const auto& p : points) {
+  for (auto const& p : points) {
     if (!finite(p)) continue;
     const Eigen::Matrix<double, N, 1> d = p - c;
     for (int i = 0; i < N; ++i)
@@ -60,18 +60,18 @@ Eigen::Matrix<double, N, N> scatter(const Eigen::Matrix<double, N, 1>& c,
 
 }  // namespace
 
-Eigen::Matrix<double, 2, 1> get_centroid(const std::vector<Eigen::Matrix<double, 2, 1>>& points) {
+Eigen::Matrix<double, 2, 1> get_centroid(std::vector<Eigen::Matrix<double, 2, 1>> const& points) {
   return centroid(points);
 }
-Eigen::Matrix<double, 3, 1> get_centroid(const std::vector<Eigen::Matrix<double, 3, 1>>& points) {
+Eigen::Matrix<double, 3, 1> get_centroid(std::vector<Eigen::Matrix<double, 3, 1>> const& points) {
   return centroid(points);
 }
 Eigen::Matrix<double, 2, 2> get_covariance_matrix(
-    const Eigen::Matrix<double, 2, 1>& c, const std::vector<Eigen::Matrix<double, 2, 1>>& points) {
+    Eigen::Matrix<double, 2, 1> const& c, std::vector<Eigen::Matrix<double, 2, 1>> const& points) {
   return scatter(c, points);
 }
 Eigen::Matrix<double, 3, 3> get_covariance_matrix(
-    const Eigen::Matrix<double, 3, 1>& c, const std::vector<Eigen::Matrix<double, 3, 1>>& points) {
+    Eigen::Matrix<double, 3, 1> const& c, std::vector<Eigen::Matrix<double, 3, 1>> const& points) {
   return scatter(c, points);
 }
 

@@ -32,10 +32,10 @@ enum class moment_t { line, circle, plane, sphere, polynomial };
 struct MomentRequest {
   moment_t model = moment_t::line;
   bool residual = false;  // also sum the square of the target
-  const double* coords = nullptr;
+  double const* coords = nullptr;
   std::size_t count = 0;
   bool weighted = false;
-  const double* weights = nullptr;  // may be null for an empty weight vector
+  double const* weights = nullptr;  // may be null for an empty weight vector
   std::size_t weight_count = 0;
   int degree = 0;      // polynomial only
   double scale = 1.0;  // polynomial only
@@ -55,17 +55,17 @@ struct Moments {
 };
 
 /// The number of terms a request sums.
-std::size_t moment_terms(const MomentRequest& request);
+std::size_t moment_terms(MomentRequest const& request);
 
 /// Sums the request's terms with the widest lanes the processor supports.
-void sum_moments(Moments& out, const MomentRequest& request);
+void sum_moments(Moments& out, MomentRequest const& request);
 
 // The kernels, one per instruction set (moments_kernel.hpp compiled twice).
 namespace moments_base {
-void sum(Moments& out, const MomentRequest& request);
+void sum(Moments& out, MomentRequest const& request);
 }
 namespace moments_avx2 {
-void sum(Moments& out, const MomentRequest& request);
+void sum(Moments& out, MomentRequest const& request);
 }
 
 }  // namespace detail

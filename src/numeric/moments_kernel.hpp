@@ -54,9 +54,9 @@ inline void kahan(v4d& s, v4d& c, v4d t) {
 }
 
 // Joins the lanes of one term with a scalar compensated sum, lane by lane in a fixed order.
-inline void join(double& sum, double& correction, const v4d* s, const v4d* c, int vectors) {
+inline void join(double& sum, double& correction, v4d const* s, v4d const* c, int vectors) {
   double total = 0.0, lost = 0.0;
-  const auto add = [&](double t) {
+  auto const add = [&](double t) {
     const double y = t + lost;
     const double next = total + y;
     lost = y - (next - total);
@@ -75,7 +75,7 @@ inline void join(double& sum, double& correction, const v4d* s, const v4d* c, in
 // The terms of each fixed model from one group of four points (x, y, z in p[0..2]).
 struct LineTerms {
   static constexpr int kDims = 2, kTerms = 5;
-  void operator()(const v4d* p, v4d* t) const {
+  void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1];
     t[0] = splat(1.0), t[1] = x, t[2] = y, t[3] = x * x, t[4] = x * y;
     t[5] = y * y;
@@ -83,7 +83,7 @@ struct LineTerms {
 };
 struct CircleTerms {
   static constexpr int kDims = 2, kTerms = 9;
-  void operator()(const v4d* p, v4d* t) const {
+  void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], q = x * x + y * y;
     t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = splat(1.0);
     t[6] = x * q, t[7] = y * q, t[8] = q;
@@ -92,7 +92,7 @@ struct CircleTerms {
 };
 struct PlaneTerms {
   static constexpr int kDims = 3, kTerms = 9;
-  void operator()(const v4d* p, v4d* t) const {
+  void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], z = p[2];
     t[0] = x * x, t[1] = x * y, t[2] = x, t[3] = y * y, t[4] = y, t[5] = splat(1.0);
     t[6] = x * z, t[7] = y * z, t[8] = z;
@@ -101,7 +101,7 @@ struct PlaneTerms {
 };
 struct SphereTerms {
   static constexpr int kDims = 3, kTerms = 14;
-  void operator()(const v4d* p, v4d* t) const {
+  void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], z = p[2], q = x * x + y * y + z * z;
     t[0] = x * x, t[1] = x * y, t[2] = x * z, t[3] = x, t[4] = y * y, t[5] = y * z, t[6] = y;
     t[7] = z * z, t[8] = z, t[9] = splat(1.0);
@@ -112,7 +112,7 @@ struct SphereTerms {
 
 // Loads four points of D coordinates into p[0..D-1]; returns the lanes that are usable.
 template <int D>
-inline v4i load(v4d* p, const double* c) {
+inline v4i load(v4d* p, double const* c) {
   p[0] = v4d{c[0], c[D], c[2 * D], c[3 * D]};
   v4i ok = finite(p[0]);
   for (int d = 1; d < D; ++d) {
@@ -126,7 +126,7 @@ inline v4i load(v4d* p, const double* c) {
 // Full groups are read in place; the last, partial group is copied into a buffer padded with
 // NaN points (skipped like any non-finite point) and weights of 0.
 template <class Terms, int K, int V>
-void run(Moments& out, const MomentRequest& r) {
+void run(Moments& out, MomentRequest const& r) {
   constexpr int D = Terms::kDims;
   constexpr int kGroup = kLanes * V;
   v4d s[K][V], c[K][V], n[V];
@@ -137,7 +137,7 @@ void run(Moments& out, const MomentRequest& r) {
     n[v] = splat(0.0);
 
   const Terms terms;
-  const auto group = [&](const double* coords, const double* w) {
+  auto const group = [&](double const* coords, double const* w) {
     for (int v = 0; v < V; ++v) {
       v4d p[D];
       v4i ok = load<D>(p, coords + v * kLanes * D);
@@ -182,7 +182,7 @@ void run(Moments& out, const MomentRequest& r) {
 }
 
 template <class Terms>
-void run_model(Moments& out, const MomentRequest& r) {
+void run_model(Moments& out, MomentRequest const& r) {
   // Few terms leave the adder idle between the steps of one chain: give them eight lanes.
   constexpr int V = Terms::kTerms <= 6 ? 2 : 1;
   if (r.residual) {
@@ -194,7 +194,7 @@ void run_model(Moments& out, const MomentRequest& r) {
 
 // Any degree: the powers x⁰ … x²ⁿ, then x⁰·Y … xⁿ·Y, then Y², four lanes per term, the
 // accumulators in memory.
-inline void run_polynomial(Moments& out, const MomentRequest& r) {
+inline void run_polynomial(Moments& out, MomentRequest const& r) {
   struct Lane {
     v4d s, c;
   };
@@ -206,7 +206,7 @@ inline void run_polynomial(Moments& out, const MomentRequest& r) {
   v4d used = splat(0.0);
   const v4d scale = splat(r.scale);
 
-  const auto group = [&](const double* p, const double* w) {
+  auto const group = [&](double const* p, double const* w) {
     const v4d x{p[0], p[2], p[4], p[6]};
     const v4d y = v4d{p[1], p[3], p[5], p[7]} * scale;
     v4i ok = finite(x) & finite(v4d{p[1], p[3], p[5], p[7]});
@@ -249,7 +249,7 @@ inline void run_polynomial(Moments& out, const MomentRequest& r) {
   out.count = used[0] + used[1] + used[2] + used[3];
 }
 
-void sum(Moments& out, const MomentRequest& r) {
+void sum(Moments& out, MomentRequest const& r) {
   switch (r.model) {
     case moment_t::line:
       return run_model<LineTerms>(out, r);

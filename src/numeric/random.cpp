@@ -41,7 +41,7 @@ void MersenneTwister::swap(MersenneTwister& other) noexcept {
 
 void MersenneTwister::generator() {
   for (int i = 0; i < N; ++i) {
-    const unsigned int y = (state[i] & kUpper) | (state[(i + 1) % N] & kLower);
+    unsigned int const y = (state[i] & kUpper) | (state[(i + 1) % N] & kLower);
     state[i] = state[(i + kM) % N] ^ (y >> 1) ^ ((y & 1u) ? kMatrix : 0u);
   }
   index = 0;
@@ -72,13 +72,13 @@ MersenneTwister::operator std::int64_t() {
 }
 
 MersenneTwister::operator double() {
-  const unsigned int u = *this;
+  unsigned int const u = *this;
   return static_cast<double>(u) * 2.0 * kTwoPowMinus32 + -1.0;
 }
 
 MersenneTwister::operator float() {
-  const unsigned int u = *this;
-  const float span = static_cast<float>(u) * 2.0f;  // formed in single precision
+  unsigned int const u = *this;
+  float const span = static_cast<float>(u) * 2.0f;  // formed in single precision
   return static_cast<float>(static_cast<double>(span) * kTwoPowMinus32 + -1.0);
 }
 

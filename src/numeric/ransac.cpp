@@ -27,21 +27,21 @@ int truncate_to_int(double v) {
 template <class V, class S>
 RANSAC<V, S>::RANSAC() : max_attempts(100) {}
 template <class V, class S>
-RANSAC<V, S>::RANSAC(const RANSAC& other) = default;
+RANSAC<V, S>::RANSAC(RANSAC const& other) = default;
 template <class V, class S>
-RANSAC<V, S>& RANSAC<V, S>::operator=(const RANSAC& other) = default;
+RANSAC<V, S>& RANSAC<V, S>::operator=(RANSAC const& other) = default;
 template <class V, class S>
 RANSAC<V, S>::~RANSAC() = default;
 
 template <class V, class S>
-bool RANSAC<V, S>::compute(const std::vector<V>& points, S threshold, int n, double p,
+bool RANSAC<V, S>::compute(std::vector<V> const& points, S threshold, int n, double p,
                            std::uint64_t max_iterations) {
   return compute_seeded(points, threshold, n, p, max_iterations,
                         static_cast<std::uint32_t>(std::time(nullptr)));
 }
 
 template <class V, class S>
-bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int n, double p,
+bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int n, double p,
                                   std::uint64_t max_iterations, std::uint32_t seed) {
   if (n < 1) return false;
   best_indices.clear();
@@ -50,9 +50,9 @@ bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int
   if (points.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
 
   MersenneTwister random(seed);
-  const double count = static_cast<double>(points.size());
-  const double span = (count - 1.0) + 0.999999;
-  const double log_failure = std::log(1.0 - p);
+  double const count = static_cast<double>(points.size());
+  double const span = (count - 1.0) + 0.999999;
+  double const log_failure = std::log(1.0 - p);
 
   S best_score;
   init_best(best_score);
@@ -66,13 +66,13 @@ bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int
   for (std::uint64_t k = 0;;) {
     for (int attempt = 0; attempt < max_attempts; ++attempt) {
       for (int& index : sample) {
-        const unsigned int u = random;
+        unsigned int const u = random;
         index = static_cast<int>(static_cast<double>(u) * kTwoPowMinus32 * span);
       }
       if (!invalid(points, sample) && find(models, points, sample)) break;
     }
-    const int chosen = measure(inliers, score, points, models, threshold);
-    const bool taken = chosen >= 0 && static_cast<std::size_t>(chosen) < models.size() &&
+    int const chosen = measure(inliers, score, points, models, threshold);
+    bool const taken = chosen >= 0 && static_cast<std::size_t>(chosen) < models.size() &&
                        inliers.size() >= best_count && is_best(best_score, score);
     if (taken) {
       best_count = inliers.size();
@@ -82,7 +82,7 @@ bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int
     }
     if (taken || k == 0) {
       const std::size_t m = taken ? best_count : inliers.size();
-      const double w = static_cast<double>(m > 0 ? m : 1) / count;
+      double const w = static_cast<double>(m > 0 ? m : 1) / count;
       double wn = 1.0;
       for (int i = 0; i < n; ++i)
         wn *= w;
@@ -101,37 +101,37 @@ bool RANSAC<V, S>::compute_seeded(const std::vector<V>& points, S threshold, int
 template <class V, class S>
 RANSAC_Plane<V, S>::RANSAC_Plane() = default;
 template <class V, class S>
-RANSAC_Plane<V, S>::RANSAC_Plane(const RANSAC_Plane& other) = default;
+RANSAC_Plane<V, S>::RANSAC_Plane(RANSAC_Plane const& other) = default;
 template <class V, class S>
-RANSAC_Plane<V, S>& RANSAC_Plane<V, S>::operator=(const RANSAC_Plane& other) = default;
+RANSAC_Plane<V, S>& RANSAC_Plane<V, S>::operator=(RANSAC_Plane const& other) = default;
 template <class V, class S>
 RANSAC_Plane<V, S>::~RANSAC_Plane() = default;
 
 template <class V, class S>
-bool RANSAC_Plane<V, S>::compute(const std::vector<V>& points, S threshold, double p,
+bool RANSAC_Plane<V, S>::compute(std::vector<V> const& points, S threshold, double p,
                                  std::uint64_t max_iterations) {
   return RANSAC<V, S>::compute(points, threshold, 3, p, max_iterations);
 }
 template <class V, class S>
-bool RANSAC_Plane<V, S>::compute_seeded(const std::vector<V>& points, S threshold, double p,
+bool RANSAC_Plane<V, S>::compute_seeded(std::vector<V> const& points, S threshold, double p,
                                         std::uint64_t max_iterations, std::uint32_t seed) {
   return RANSAC<V, S>::compute_seeded(points, threshold, 3, p, max_iterations, seed);
 }
 
 template <class V, class S>
-bool RANSAC_Plane<V, S>::invalid(const std::vector<V>&, const std::vector<int>&) {
+bool RANSAC_Plane<V, S>::invalid(std::vector<V> const&, std::vector<int> const&) {
   return false;
 }
 
 template <class V, class S>
-bool RANSAC_Plane<V, S>::find(std::vector<std::vector<V>>& models, const std::vector<V>& points,
-                              const std::vector<int>& sample) {
+bool RANSAC_Plane<V, S>::find(std::vector<std::vector<V>>& models, std::vector<V> const& points,
+                              std::vector<int> const& sample) {
   if (sample.size() != 3) return false;
   for (int i : sample)
     if (i < 0 || static_cast<std::size_t>(i) >= points.size()) return false;
-  const V& p0 = points[static_cast<std::size_t>(sample[0])];
-  const V& p1 = points[static_cast<std::size_t>(sample[1])];
-  const V& p2 = points[static_cast<std::size_t>(sample[2])];
+  V const& p0 = points[static_cast<std::size_t>(sample[0])];
+  V const& p1 = points[static_cast<std::size_t>(sample[1])];
+  V const& p2 = points[static_cast<std::size_t>(sample[2])];
   V normal = (p1 - p0).cross(p2 - p0);
   normal /= normal.norm();
   if (!std::isfinite(normal[0]) || !std::isfinite(normal[1]) || !std::isfinite(normal[2]))
@@ -141,8 +141,8 @@ bool RANSAC_Plane<V, S>::find(std::vector<std::vector<V>>& models, const std::ve
 }
 
 template <class V, class S>
-int RANSAC_Plane<V, S>::measure(std::vector<int>& inliers, S& score, const std::vector<V>& points,
-                                const std::vector<std::vector<V>>& models, double threshold) {
+int RANSAC_Plane<V, S>::measure(std::vector<int>& inliers, S& score, std::vector<V> const& points,
+                                std::vector<std::vector<V>> const& models, double threshold) {
   if (models.empty() || models[0].size() < 4) {
     score = std::numeric_limits<S>::max();
     return -1;
@@ -157,8 +157,8 @@ int RANSAC_Plane<V, S>::measure(std::vector<int>& inliers, S& score, const std::
   int* out = inliers.data();
   std::size_t kept = 0;
   S sum = 0;
-  const int size = static_cast<int>(points.size());
-  const V* p = points.data();
+  int const size = static_cast<int>(points.size());
+  V const* p = points.data();
   for (int i = 0; i < size; ++i) {
     const S t = (p[i] - p0).dot(normal);
     out[kept] = i;
@@ -176,7 +176,7 @@ void RANSAC_Plane<V, S>::init_best(S& score) {
 }
 
 template <class V, class S>
-bool RANSAC_Plane<V, S>::is_best(const S& best, const S& candidate) {
+bool RANSAC_Plane<V, S>::is_best(S const& best, S const& candidate) {
   return best > candidate;
 }
 

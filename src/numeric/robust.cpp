@@ -9,7 +9,7 @@ namespace quib {
 namespace {
 
 template <class T>
-bool biweights(std::vector<double>& weights, const std::vector<T>& d, T c) {
+bool biweights(std::vector<double>& weights, std::vector<T> const& d, T c) {
   if (d.empty()) return false;
   weights.clear();
   weights.reserve(d.size());
@@ -32,7 +32,7 @@ bool biweights(std::vector<double>& weights, const std::vector<T>& d, T c) {
 
 // The median of |d_i - m| over the finite d_i, 0 when there are none.
 template <class T>
-T median_abs(const std::vector<T>& d, T m) {
+T median_abs(std::vector<T> const& d, T m) {
   std::vector<T> a;
   a.reserve(d.size());
   for (T v : d)
@@ -49,10 +49,10 @@ T median_abs(const std::vector<T>& d, T m) {
 
 }  // namespace
 
-RobustM::RobustM(const std::vector<double>& d, double c) {
+RobustM::RobustM(std::vector<double> const& d, double c) {
   static_cast<void>(estimate(d, c));
 }
-RobustM::RobustM(const std::vector<float>& d, float c) {
+RobustM::RobustM(std::vector<float> const& d, float c) {
   static_cast<void>(estimate(d, c));
 }
 
@@ -60,23 +60,23 @@ void RobustM::swap(RobustM& other) noexcept {
   weights.swap(other.weights);
 }
 
-bool RobustM::estimate(const std::vector<double>& d, double c) {
+bool RobustM::estimate(std::vector<double> const& d, double c) {
   return biweights(weights, d, c);
 }
-bool RobustM::estimate(const std::vector<float>& d, float c) {
+bool RobustM::estimate(std::vector<float> const& d, float c) {
   return biweights(weights, d, c);
 }
 
-double RobustM::get_med(const std::vector<double>& d) {
+double RobustM::get_med(std::vector<double> const& d) {
   return median_abs(d, 0.0);
 }
-float RobustM::get_med(const std::vector<float>& d) {
+float RobustM::get_med(std::vector<float> const& d) {
   return median_abs(d, 0.0f);
 }
-double RobustM::get_mad(const std::vector<double>& d, double m) {
+double RobustM::get_mad(std::vector<double> const& d, double m) {
   return median_abs(d, m);
 }
-float RobustM::get_mad(const std::vector<float>& d, float m) {
+float RobustM::get_mad(std::vector<float> const& d, float m) {
   return median_abs(d, m);
 }
 

@@ -20,8 +20,8 @@ bool Slope::is_extreme(int& turn, double slope) {
 bool Slope::is_local(int& turn, double slope) {
   if (direction == 0) return false;
   // Mirrored for a falling curve: "stronger" means smaller there.
-  const bool rising = direction > 0;
-  const bool against = rising ? slope < 0.0 : slope > 0.0;
+  bool const rising = direction > 0;
+  bool const against = rising ? slope < 0.0 : slope > 0.0;
   if (against) {
     peak = rebound = 0.0;
     turn = rising ? 1 : -1;

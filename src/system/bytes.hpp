@@ -40,7 +40,7 @@ constexpr bool kHostLittle = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
 // A T stored at p in little-endian order.
 template <class T>
-inline T load_le(const void* p) {
+inline T load_le(void const* p) {
   T v;
   std::memcpy(&v, p, sizeof v);
   return kHostLittle ? v : byte_swapped(v);
@@ -48,7 +48,7 @@ inline T load_le(const void* p) {
 
 // A T stored at p in big-endian order.
 template <class T>
-inline T load_be(const void* p) {
+inline T load_be(void const* p) {
   T v;
   std::memcpy(&v, p, sizeof v);
   return kHostLittle ? byte_swapped(v) : v;
@@ -56,7 +56,7 @@ inline T load_be(const void* p) {
 
 // A T stored at p, little-endian when `little`, else big-endian.
 template <class T>
-inline T load(const void* p, bool little) {
+inline T load(void const* p, bool little) {
   return little ? load_le<T>(p) : load_be<T>(p);
 }
 

@@ -20,7 +20,7 @@ std::vector<std::wstring> get_separator_wstring(std::wstring const& text,
                                                 wchar_t quote_close) {
   std::vector<std::wstring> fields;
   std::wstring scratch;
-  const auto isSeparator = [&](wchar_t c) { return separators.find(c) != std::wstring::npos; };
+  auto const isSeparator = [&](wchar_t c) { return separators.find(c) != std::wstring::npos; };
   detail::for_each_field(std::wstring_view(text), isSeparator, quote_open, quote_close, scratch,
                          [&](std::wstring_view field) {
                            fields.emplace_back(field);

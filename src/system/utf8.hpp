@@ -37,9 +37,9 @@ constexpr bool is_scalar_value(char32_t c) {
 // character, and i is moved onto the low one. Anything else (an unpaired surrogate included)
 // comes back as it is, for the caller to judge.
 inline char32_t join_surrogates(std::wstring_view text, std::size_t& i) {
-  const char32_t c = static_cast<char32_t>(text[i]);
+  char32_t const c = static_cast<char32_t>(text[i]);
   if (is_high_surrogate(c) && i + 1 < text.size()) {
-    const char32_t low = static_cast<char32_t>(text[i + 1]);
+    char32_t const low = static_cast<char32_t>(text[i + 1]);
     if (is_low_surrogate(low)) {
       ++i;
       return 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
@@ -85,8 +85,8 @@ inline void append_wide(std::wstring& out, char32_t c) {
 // (a stray continuation byte, an overlong form, a surrogate, a value past U+10FFFF, a truncated
 // sequence) moves i past one byte and gives U+FFFD; `well_formed` then becomes false.
 inline char32_t decode_utf8(std::string_view text, std::size_t& i, bool& well_formed) {
-  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char b0 = byte(i);
+  auto const byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+  unsigned char const b0 = byte(i);
   if (b0 < 0x80) {
     ++i;
     return b0;
@@ -103,7 +103,7 @@ inline char32_t decode_utf8(std::string_view text, std::size_t& i, bool& well_fo
   }
   bool ok = length != 0 && text.size() - i >= length;
   for (std::size_t k = 1; ok && k < length; ++k) {
-    const unsigned char b = byte(i + k);
+    unsigned char const b = byte(i + k);
     ok = (b & 0xC0) == 0x80;
     c = (c << 6) | (b & 0x3F);
   }
@@ -122,7 +122,7 @@ inline std::optional<std::string> utf8_from_wide(std::wstring_view wide, on_inva
   std::string out;
   out.reserve(wide.size());
   for (std::size_t i = 0; i < wide.size(); ++i) {
-    const char32_t c = join_surrogates(wide, i);
+    char32_t const c = join_surrogates(wide, i);
     if (!is_scalar_value(c) && policy == on_invalid::fail) return std::nullopt;
     append_utf8(out, c);
   }

@@ -74,7 +74,7 @@ bool is_bgr24(Image const& image) {
 
 // Truncates a coordinate to a pixel; clamped so that NaN or huge values never overflow int.
 int to_pixel(double v) {
-  const double limit = 1 << 24;
+  double const limit = 1 << 24;
   if (!(v > -limit)) return -static_cast<int>(limit);
   if (v > limit) return static_cast<int>(limit);
   return static_cast<int>(v);
@@ -94,8 +94,8 @@ struct patch_pose {
 
 patch_pose solve_patch(Calibration::Info const& info, std::size_t base, int w, int h, int x0,
                        int y0, cv::Mat const& matrix, cv::Mat const& distortion) {
-  const float W = static_cast<float>(w * info.get_square_width());
-  const float H = static_cast<float>(h * info.get_square_height());
+  float const W = static_cast<float>(w * info.get_square_width());
+  float const H = static_cast<float>(h * info.get_square_height());
   const std::vector<cv::Point3d> object = {
       {-W / 2, -H / 2, 0.0}, {W / 2, -H / 2, 0.0}, {W / 2, H / 2, 0.0}, {-W / 2, H / 2, 0.0}};
   const std::size_t columns = static_cast<std::size_t>(info.columns);
@@ -156,10 +156,10 @@ std::vector<cv::Point3f> Calibration::Info::get_object_points() const {
   std::vector<cv::Point3f> points;
   if (board_corners(*this) == 0) return points;
   points.reserve(board_corners(*this));
-  const float sw = static_cast<float>(get_square_width());
-  const float sh = static_cast<float>(get_square_height());
-  const float ox = static_cast<float>(columns - 1) * sw * -0.5f;
-  const float oy = static_cast<float>(rows - 1) * sh * -0.5f;
+  float const sw = static_cast<float>(get_square_width());
+  float const sh = static_cast<float>(get_square_height());
+  float const ox = static_cast<float>(columns - 1) * sw * -0.5f;
+  float const oy = static_cast<float>(rows - 1) * sh * -0.5f;
   for (int j = 0; j < rows; ++j) {
     for (int i = 0; i < columns; ++i)
       points.emplace_back(sw * static_cast<float>(i) + ox, sh * static_cast<float>(j) + oy, 0.0f);
@@ -182,7 +182,7 @@ bool Calibration::calibration(Info& info, Image const& image) {
     view = bgr_view(bgr.get());
   }
   std::vector<cv::Point2f> corners;
-  const bool found =
+  bool const found =
       cv::findChessboardCorners(view, cv::Size(info.columns, info.rows), corners,
                                 cv::CALIB_CB_ADAPTIVE_THRESH | cv::CALIB_CB_NORMALIZE_IMAGE);
   if (!found || corners.size() != n) return false;
@@ -278,7 +278,7 @@ bool Calibration::get_camera_data(Info const& info, Data& data) const {
   std::vector<cv::Mat> tvecs;
   cv::Mat deviations;
   cv::Mat errors;
-  const double rms = cv::calibrateCamera(set.objects, set.images, cv::Size(size.cx, size.cy),
+  double const rms = cv::calibrateCamera(set.objects, set.images, cv::Size(size.cx, size.cy),
                                          camera, coefficients, rvecs, tvecs, deviations,
                                          cv::noArray(), errors, cv::CALIB_FIX_K3, kSolverStop);
   const cv::Mat k = coefficients.reshape(1, 1).colRange(0, 4).clone();
@@ -337,11 +337,11 @@ bool Calibration::get_chess_extrinsic_parameters(Info const& info, double const 
   const cv::Mat camera(3, 3, CV_64F, const_cast<double*>(matrix));
   const cv::Mat coefficients(1, 4, CV_64F, const_cast<double*>(distortion));
 
-  const bool upright = info.rows >= info.columns;
-  const int n = std::min(info.columns, info.rows);
-  const int longSide = std::max(info.columns, info.rows);
-  const int m = (longSide > 1 && longSide % 2 == 0) ? longSide - 1 : longSide;
-  const int offset = (longSide - n) / 2;
+  bool const upright = info.rows >= info.columns;
+  int const n = std::min(info.columns, info.rows);
+  int const longSide = std::max(info.columns, info.rows);
+  int const m = (longSide > 1 && longSide % 2 == 0) ? longSide - 1 : longSide;
+  int const offset = (longSide - n) / 2;
 
   // The long patch from the first corner, then the square patch centred on the long side.
   const patch_pose first = upright ? solve_patch(info, base, n, m, 0, 0, camera, coefficients)
@@ -387,8 +387,8 @@ bool draw(Calibration::Info const& info, Projection const* projection,
   if (projection) {
     Projection scaled(*projection);
     scaled.resize(image.getExtent());  // single-precision ratios, as Projection::resize
-    const int cx = to_pixel(scaled.get_center_x());
-    const int cy = to_pixel(scaled.get_center_y());
+    int const cx = to_pixel(scaled.get_center_x());
+    int const cy = to_pixel(scaled.get_center_y());
     cv::line(view, cv::Point(0, cy), cv::Point(image.getWidth() - 1, cy), ink, 1, cv::LINE_AA, 0);
     cv::line(view, cv::Point(cx, 0), cv::Point(cx, image.getHeight() - 1), ink, 1, cv::LINE_AA, 0);
   }
@@ -445,7 +445,7 @@ bool Calibration::draw_residuals(Info const& info, Data const& data, Image& imag
 }
 
 bool Calibration::draw_coverage(Info const& info, Image& image, unsigned int color) const {
-  const bool views = consistent(info);
+  bool const views = consistent(info);
   return draw_over(image, size, color, [&](cv::Mat& view, cv::Point2d scale, cv::Scalar ink) {
     if (!views) return;
     const std::size_t n = board_corners(info);

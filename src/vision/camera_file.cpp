@@ -80,7 +80,7 @@ bool parse_number(std::string_view s, double& out) {
   }
   if (s.empty() || !((s.front() >= '0' && s.front() <= '9') || s.front() == '.')) return false;
   double value = 0;
-  const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), value);
+  auto const [end, error] = std::from_chars(s.data(), s.data() + s.size(), value);
   if (error != std::errc() || end != s.data() + s.size()) return false;
   out = negative ? -value : value;
   return true;
@@ -89,7 +89,7 @@ bool parse_number(std::string_view s, double& out) {
 bool parse_int(std::string_view s, int& out) {
   if (!s.empty() && s.front() == '+') s.remove_prefix(1);
   if (s.empty() || s.front() == '+') return false;
-  const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
+  auto const [end, error] = std::from_chars(s.data(), s.data() + s.size(), out);
   return error == std::errc() && end == s.data() + s.size();
 }
 
@@ -137,10 +137,10 @@ int hex_digit(char c) {
 // take the writer's escapes (\" \\ \/ \' \n \r \t \b \f \0, \xHH and \uHHHH below the
 // surrogates); single quotes take '' for a quote. `at` moves past the closing quote.
 bool parse_quoted(std::string_view text, std::size_t& at, std::string& out) {
-  const char quote = text[at++];
+  char const quote = text[at++];
   out.clear();
   while (at < text.size()) {
-    const char c = text[at++];
+    char const c = text[at++];
     if (c == '\n' || c == '\r') return false;
     if (c == quote) {
       if (quote == '\'' && at < text.size() && text[at] == '\'') {
@@ -155,7 +155,7 @@ bool parse_quoted(std::string_view text, std::size_t& at, std::string& out) {
       continue;
     }
     if (at >= text.size()) return false;
-    const char e = text[at++];
+    char const e = text[at++];
     switch (e) {
       case '"':
       case '\\':
@@ -187,7 +187,7 @@ bool parse_quoted(std::string_view text, std::size_t& at, std::string& out) {
         if (text.size() - at < digits) return false;
         std::uint32_t code = 0;
         for (std::size_t k = 0; k < digits; ++k) {
-          const int d = hex_digit(text[at++]);
+          int const d = hex_digit(text[at++]);
           if (d < 0) return false;
           code = code * 16 + static_cast<std::uint32_t>(d);
         }
@@ -234,7 +234,7 @@ bool parse_flow_sequence(std::string_view text, std::size_t& at, Value& out, boo
   }
   std::string decoded;
   while (at < text.size()) {
-    const char c = text[at];
+    char const c = text[at];
     if (c == '"' || c == '\'') {
       if (!parse_quoted(text, at, decoded)) return false;
       push_element(out, decoded, true);
@@ -297,7 +297,7 @@ bool parse_inline_value(std::string_view text, std::size_t& at, Value& out) {
   while (at < end && (text[at] == ' ' || text[at] == '\t'))
     ++at;
   if (at >= end) return false;
-  const char c = text[at];
+  char const c = text[at];
   if (c == '[') {
     if (!parse_flow_sequence(text, at, out, true)) return false;
     end = line_end(text, at);
@@ -372,7 +372,7 @@ bool read_yaml(std::string_view text, Fields& fields) {
       continue;
     }
     if (line[0] == ' ' || line[0] == '\t') return false;  // indented where a key belongs
-    const bool bare = line.size() == 3 ||
+    bool const bare = line.size() == 3 ||
                       (line.size() > 3 && (line[3] == ' ' || line[3] == '\t' || line[3] == '\r'));
     if (starts_with(line, "---") && bare) {
       if (started || marker || !rest_is_blank(text, at + 3, end)) return false;
@@ -552,7 +552,7 @@ bool read_xml(std::string_view text, Fields& fields) {
     if (type != pugi::node_element) return false;  // stray text between the fields
     Value value;
     const pugi::xml_attribute kind = child.attribute("type_id");
-    const bool mapping =
+    bool const mapping =
         kind || child.find_child([](pugi::xml_node n) { return n.type() == pugi::node_element; });
     if (mapping) {
       if (kind && std::strcmp(kind.value(), "opencv-matrix") != 0) return false;
@@ -563,7 +563,7 @@ bool read_xml(std::string_view text, Fields& fields) {
           return false;
         }
         if (!xml_text(member, content)) return false;
-        const bool data = std::strcmp(member.name(), "data") == 0;
+        bool const data = std::strcmp(member.name(), "data") == 0;
         if (!add_field(value.fields, member.name(),
                        data ? xml_sequence(content) : xml_scalar(content)))
           return false;
@@ -627,14 +627,14 @@ bool read_matrix(Fields const& fields, std::string_view key, double (&out)[N]) {
 
 bool read_camera_file(std::string_view text, Projection::Info& info) {
   // A camera file is text: control bytes other than blanks and line ends mean it is not one.
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
+  for (char const ch : text) {
+    auto const c = static_cast<unsigned char>(ch);
     if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
   }
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return false;
   Fields fields;
-  const bool read = text[first] == '<'   ? read_xml(text, fields)
+  bool const read = text[first] == '<'   ? read_xml(text, fields)
                     : text[first] == '{' ? read_json(text.substr(first), fields)
                                          : read_yaml(text, fields);
   if (!read) return false;

@@ -66,12 +66,12 @@ inline bool within_margin(Grid const& g, int dx, int dy, int nx, int ny) {
 template <class Index>
 inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Point>& contour,
                            cv::Point& c, int d, unsigned char blank) {
-  const int dx = kDx[d & 7];
-  const int dy = kDy[d & 7];
-  const int nx = c.x + dx;
-  const int ny = c.y + dy;
+  int const dx = kDx[d & 7];
+  int const dy = kDy[d & 7];
+  int const nx = c.x + dx;
+  int const ny = c.y + dy;
   if (!within_margin(g, dx, dy, nx, ny)) {
-    const bool start = !contour.empty() && contour.front().x == nx && contour.front().y == ny;
+    bool const start = !contour.empty() && contour.front().x == nx && contour.front().y == ny;
     if (!start || nx < 0 || ny < 0 || nx >= g.cols || ny >= g.rows) return -1;
   }
   const std::ptrdiff_t at = index.in_base(nx, ny);
@@ -88,10 +88,10 @@ inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Po
 template <class Index>
 inline std::pair<bool, std::ptrdiff_t> look(Grid const& g, Index const& index, cv::Point const& c,
                                             int d, unsigned char blank) {
-  const int dx = kDx[d & 7];
-  const int dy = kDy[d & 7];
-  const int nx = c.x + dx;
-  const int ny = c.y + dy;
+  int const dx = kDx[d & 7];
+  int const dy = kDy[d & 7];
+  int const nx = c.x + dx;
+  int const ny = c.y + dy;
   if (!within_margin(g, dx, dy, nx, ny)) return {false, -1};
   const std::ptrdiff_t at = index.in_base(nx, ny);
   if (g.base[at] == blank) return {false, -1};
@@ -135,10 +135,10 @@ inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned ch
   const __m128i blanks = _mm_set1_epi8(static_cast<char>(blank));
   for (; x + 16 <= cols; x += 16) {
     const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
-    const unsigned same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
-    const unsigned differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
-    const unsigned before = x > 0 && row[x - 1] != blank ? 1u : 0u;
-    const unsigned edges = differs & ~((differs << 1) | before);
+    unsigned const same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
+    unsigned const differs = ~same & 0xffffu;  // bit k: pixel x + k differs from blank
+    unsigned const before = x > 0 && row[x - 1] != blank ? 1u : 0u;
+    unsigned const edges = differs & ~((differs << 1) | before);
     if (edges != 0) return x + __builtin_ctz(edges);
   }
 #endif
@@ -195,16 +195,16 @@ bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigne
   // beyond the rectangle); only the zeros between them need telling apart. An outside one is
   // reached from there through a vertical step (a horizontal step meets the first or last
   // outline pixel), so those steps seed a span flood, which for a convex region never runs.
-  const int w = x1 - x0 + 1;
-  const int h = y1 - y0 + 1;
+  int const w = x1 - x0 + 1;
+  int const h = y1 - y0 + 1;
   const std::ptrdiff_t pitch = w;
   std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * h, 0);
   std::vector<int> first(static_cast<std::size_t>(h), INT_MAX);
   std::vector<int> last(static_cast<std::size_t>(h), INT_MIN);
   for (cv::Point const& p : contour) {
     if (!bounds.contains(p)) continue;
-    const int y = p.y - y0;
-    const int x = p.x - x0;
+    int const y = p.y - y0;
+    int const x = p.x - x0;
     canvas[y * pitch + x] = 1;
     first[y] = std::min(first[y], x);
     last[y] = std::max(last[y], x);
@@ -249,7 +249,7 @@ bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigne
     for (int ny : {seed.y - 1, seed.y + 1}) {
       if (ny < 0 || ny >= h) continue;
       int x = std::max(left, first[ny] + 1);
-      const int end = std::min(right, last[ny] - 1);
+      int const end = std::min(right, last[ny] - 1);
       while (x <= end) {
         if (!open(x, ny)) {
           ++x;
@@ -294,7 +294,7 @@ std::vector<cv::Point2d> clip_polygon(std::vector<cv::Point> const& contour, cv:
     cv::Point2d previous = polygon.back();
     double dp = inside(previous);
     for (cv::Point2d const& p : polygon) {
-      const double d = inside(p);
+      double const d = inside(p);
       if ((d >= 0) != (dp >= 0)) next.push_back(previous + (p - previous) * (dp / (dp - d)));
       if (d >= 0) next.push_back(p);
       previous = p;
@@ -350,11 +350,11 @@ bool ContourTracer::is_end(cv::Point const& p) const {
 bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
                            unsigned char blank) {
   if (empty() || is_end(position)) return false;
-  const int rows = base_.rows;
-  const int cols = base_.cols;
+  int const rows = base_.rows;
+  int const cols = base_.cols;
   int x = position.x;
   for (int y = position.y; y < rows; ++y, x = 0) {
-    const unsigned char* row = base_.ptr<unsigned char>(y);
+    unsigned char const* row = base_.ptr<unsigned char>(y);
     for (x = next_left_edge(row, x, cols, blank); x < cols;
          x = next_left_edge(row, x + 1, cols, blank)) {
       if (trace(contour, cv::Point(x, y), blank)) {
@@ -397,7 +397,7 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
       const std::ptrdiff_t here_base = index.in_base(q.x, q.y);
       const std::ptrdiff_t here_mask = index.in_mask(q.x, q.y);
       for (int k = 0; k < 8; ++k) {
-        const int d = (s + k) & 7;
+        int const d = (s + k) & 7;
         if (g.base[here_base + base_off[d]] == blank) continue;
         unsigned char& count = g.mask[here_mask + mask_off[d]];
         if (count == 255) continue;
@@ -411,7 +411,7 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
       }
     } else {
       for (int k = 0; k < 8; ++k) {
-        const int d = (s + k) & 7;
+        int const d = (s + k) & 7;
         if (step(g, index, contour, q, d, blank) >= 0) {
           s = (d + 6) & 7;
           moved = true;
@@ -425,7 +425,7 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
     // unvisited neighbour.
     bool again = false;
     for (int k = 0; k < 8; ++k) {
-      const auto [found, at] = look(g, index, start, (s + k) & 7, blank);
+      auto const [found, at] = look(g, index, start, (s + k) & 7, blank);
       if (found) {
         again = at >= 0;
         break;
@@ -459,10 +459,10 @@ bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
     y1 = std::max<std::int64_t>(y1, p.y);
   }
   // The part of the target that the polygon's bounding box covers.
-  const int left = static_cast<int>(std::max<std::int64_t>(x0, 0));
-  const int top = static_cast<int>(std::max<std::int64_t>(y0, 0));
-  const int right = static_cast<int>(std::min<std::int64_t>(x1, target.cols - 1));
-  const int bottom = static_cast<int>(std::min<std::int64_t>(y1, target.rows - 1));
+  int const left = static_cast<int>(std::max<std::int64_t>(x0, 0));
+  int const top = static_cast<int>(std::max<std::int64_t>(y0, 0));
+  int const right = static_cast<int>(std::min<std::int64_t>(x1, target.cols - 1));
+  int const bottom = static_cast<int>(std::min<std::int64_t>(y1, target.rows - 1));
   if (left > right || top > bottom) return false;
   const cv::Rect area(left, top, right - left + 1, bottom - top + 1);
 

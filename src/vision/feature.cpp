@@ -18,8 +18,8 @@ namespace {
 // types make it throw, and so does an image of a single row or column.
 bool usable(cv::Mat const& image) {
   if (image.empty() || image.dims != 2 || image.rows < 2 || image.cols < 2) return false;
-  const int depth = image.depth();
-  const int channels = image.channels();
+  int const depth = image.depth();
+  int const channels = image.channels();
   return (depth == CV_8U || depth == CV_16U || depth == CV_32F) &&
          (channels == 1 || channels == 3 || channels == 4);
 }
@@ -29,10 +29,10 @@ bool usable(cv::Mat const& image) {
 cv::Mat view(Image const& image) {
   if (image.empty()) return cv::Mat();
   const ImageCoordinator format = image.getCoordinator();
-  const int channels = format.getChannel();
-  const int bits = format.getBits();
+  int const channels = format.getChannel();
+  int const bits = format.getBits();
   if (channels <= 0 || bits % channels != 0) return cv::Mat();
-  const int per_channel = bits / channels;
+  int const per_channel = bits / channels;
   if (per_channel != 8 && per_channel != 16 && per_channel != 32) return cv::Mat();
   if (format.getDenominator() != 1 || format.getNumerator() * 8 != bits) return cv::Mat();
   const std::int64_t row = static_cast<std::int64_t>(image.getWidth()) * (bits / 8);
@@ -41,7 +41,7 @@ cv::Mat view(Image const& image) {
   return image.makeMat();
 }
 
-const char* matcher_name(Feature::match_t type) {
+char const* matcher_name(Feature::match_t type) {
   switch (type) {
     case Feature::MATCH_FLANN_BASED:
       return "FlannBased";
@@ -164,7 +164,7 @@ region::vector3<float> Feature::get_hamming_distance(std::vector<cv::DMatch> con
     high = std::max(high, static_cast<double>(m.distance));
     sum += m.distance;
   }
-  const double mean = sum / static_cast<double>(matches.size());
+  double const mean = sum / static_cast<double>(matches.size());
   return {static_cast<float>(low), static_cast<float>(high), static_cast<float>(mean)};
 }
 
@@ -185,14 +185,14 @@ bool Feature::extract_vector_distance(std::vector<cv::DMatch>& out,
                                       std::vector<cv::DMatch> const& matches, double limit) const {
   std::vector<cv::DMatch> kept;
   if (limit >= 0.0) {  // also false for NaN
-    const double limit2 = limit * limit;
+    double const limit2 = limit * limit;
     for (cv::DMatch const& m : matches) {
       if (!in_range(m.queryIdx, keypoints1.size()) || !in_range(m.trainIdx, keypoints2.size()))
         continue;
       const cv::Point2f a = keypoints1[static_cast<std::size_t>(m.queryIdx)].pt;
       const cv::Point2f b = keypoints2[static_cast<std::size_t>(m.trainIdx)].pt;
-      const double dx = static_cast<double>(a.x) - b.x;
-      const double dy = static_cast<double>(a.y) - b.y;
+      double const dx = static_cast<double>(a.x) - b.x;
+      double const dy = static_cast<double>(a.y) - b.y;
       if (dx * dx + dy * dy <= limit2) kept.push_back(m);
     }
   }
@@ -237,8 +237,8 @@ bool Feature::find(cv::Mat& homography, Data& data, cv::Mat const& image1, cv::M
   std::vector<cv::KeyPoint> keypoints2;
   cv::Mat descriptors1;
   cv::Mat descriptors2;
-  const bool found1 = detect_and_compute(keypoints1, descriptors1, image1);
-  const bool found2 = detect_and_compute(keypoints2, descriptors2, image2);
+  bool const found1 = detect_and_compute(keypoints1, descriptors1, image1);
+  bool const found2 = detect_and_compute(keypoints2, descriptors2, image2);
   data.keypoints1 = static_cast<int>(keypoints1.size());
   data.keypoints2 = static_cast<int>(keypoints2.size());
   if (!found1 || !found2) return false;
@@ -267,7 +267,7 @@ std::pair<int, double> Feature::measure_inliers(cv::Mat const& homography,
                                                 std::vector<cv::KeyPoint> const& keypoints2,
                                                 std::vector<cv::DMatch> const& matches,
                                                 double threshold) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
+  double const nan = std::numeric_limits<double>::quiet_NaN();
   if (homography.rows != 3 || homography.cols != 3 || homography.channels() != 1) return {0, nan};
   cv::Matx33d h;
   homography.convertTo(cv::Mat(h, false), CV_64F);
@@ -279,9 +279,9 @@ std::pair<int, double> Feature::measure_inliers(cv::Mat const& homography,
     const cv::Point2f a = keypoints1[static_cast<std::size_t>(m.queryIdx)].pt;
     const cv::Point2f b = keypoints2[static_cast<std::size_t>(m.trainIdx)].pt;
     const cv::Vec3d p = h * cv::Vec3d(a.x, a.y, 1.0);
-    const double dx = p[0] / p[2] - b.x;
-    const double dy = p[1] / p[2] - b.y;
-    const double e2 = dx * dx + dy * dy;
+    double const dx = p[0] / p[2] - b.x;
+    double const dy = p[1] / p[2] - b.y;
+    double const e2 = dx * dx + dy * dy;
     if (e2 <= threshold * threshold) {  // false for NaN
       ++count;
       sum += e2;

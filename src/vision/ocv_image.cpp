@@ -13,7 +13,7 @@ namespace {
 enum class layout { none, packed_grey, grey8, grey16, bgr, rgb, bgra, rgba, argb };
 
 layout layout_of(Image const& image) {
-  const int bits = image.getBits();
+  int const bits = image.getBits();
   const color_type color = image.getCoordinator().getColor();
   switch (bits) {
     case 1:
@@ -78,7 +78,7 @@ bool whole_bytes(layout l) {
 }
 
 cv::Mat byte_view(Image const& image, layout l) {
-  const int channels = l == layout::grey8 ? 1 : order_of(l).size;
+  int const channels = l == layout::grey8 ? 1 : order_of(l).size;
   return cv::Mat(image.getHeight(), image.getWidth(), CV_8UC(channels),
                  const_cast<unsigned char*>(image.getBuffer()),
                  static_cast<std::size_t>(image.getLineBytes()));
@@ -101,8 +101,8 @@ void ipl_deleter::operator()(IplImage* image) const noexcept {
 IplImage* createIpl_bgr2(Image const& image) {
   const layout l = checked_layout(image);
   if (l == layout::none) return nullptr;
-  const int width = image.getWidth();
-  const int height = image.getHeight();
+  int const width = image.getWidth();
+  int const height = image.getHeight();
   unique_ipl ipl(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   cv::Mat out = view(ipl.get());
   if (whole_bytes(l)) {
@@ -113,29 +113,29 @@ IplImage* createIpl_bgr2(Image const& image) {
       in.copyTo(out);
     } else {
       const order p = order_of(l);
-      const int pairs[] = {p.b, 0, p.g, 1, p.r, 2};
+      int const pairs[] = {p.b, 0, p.g, 1, p.r, 2};
       cv::mixChannels(&in, 1, &out, 1, pairs, 3);
     }
     return ipl.release();
   }
-  const int bits = image.getBits();
+  int const bits = image.getBits();
   for (int y = 0; y < height; ++y) {
     unsigned char const* in = row(image, y);
     unsigned char* o = out.ptr<unsigned char>(y);
     switch (l) {
       case layout::packed_grey: {
-        const int levels = (1 << bits) - 1;
-        const int perByte = 8 / bits;
+        int const levels = (1 << bits) - 1;
+        int const perByte = 8 / bits;
         for (int x = 0; x < width; ++x) {
-          const int shift = 8 - bits * (x % perByte + 1);  // leftmost pixel in the high bits
-          const int v = (in[x / perByte] >> shift) & levels;
+          int const shift = 8 - bits * (x % perByte + 1);  // leftmost pixel in the high bits
+          int const v = (in[x / perByte] >> shift) & levels;
           o[3 * x] = o[3 * x + 1] = o[3 * x + 2] = static_cast<unsigned char>(v * 255 / levels);
         }
         break;
       }
       default: {  // 16-bit grey
         for (int x = 0; x < width; ++x) {
-          const unsigned v =
+          unsigned const v =
               static_cast<unsigned>(in[2 * x]) | (static_cast<unsigned>(in[2 * x + 1]) << 8);
           // nearest of the 256 levels k * 257: 65535 maps to 255 and back exactly
           o[3 * x] = o[3 * x + 1] = o[3 * x + 2] =
@@ -155,8 +155,8 @@ bool copyImage_bgr2(Image& image, IplImage const* bgr) {
       bgr->height != image.getHeight() || bgr->widthStep < 3 * bgr->width) {
     return false;
   }
-  const int width = image.getWidth();
-  const int height = image.getHeight();
+  int const width = image.getWidth();
+  int const height = image.getHeight();
   const cv::Mat in = view(bgr);
   if (whole_bytes(l)) {
     cv::Mat out = byte_view(image, l);
@@ -166,24 +166,24 @@ bool copyImage_bgr2(Image& image, IplImage const* bgr) {
       in.copyTo(out);
     } else {  // alpha bytes are left as they are
       const order p = order_of(l);
-      const int pairs[] = {0, p.b, 1, p.g, 2, p.r};
+      int const pairs[] = {0, p.b, 1, p.g, 2, p.r};
       cv::mixChannels(&in, 1, &out, 1, pairs, 3);
     }
     return true;
   }
   cv::Mat grey;
   cv::cvtColor(in, grey, cv::COLOR_BGR2GRAY);
-  const int bits = image.getBits();
+  int const bits = image.getBits();
   for (int y = 0; y < height; ++y) {
     unsigned char* o = row(image, y);
     switch (l) {
       case layout::packed_grey: {
-        const int levels = (1 << bits) - 1;
-        const int perByte = 8 / bits;
+        int const levels = (1 << bits) - 1;
+        int const perByte = 8 / bits;
         unsigned char const* g = grey.ptr<unsigned char>(y);
         for (int x = 0; x < width; ++x) {
-          const int shift = 8 - bits * (x % perByte + 1);
-          const int v = (g[x] * levels + 127) / 255;
+          int const shift = 8 - bits * (x % perByte + 1);
+          int const v = (g[x] * levels + 127) / 255;
           unsigned char& b = o[x / perByte];
           b = static_cast<unsigned char>((b & ~(levels << shift)) | (v << shift));
         }
@@ -192,7 +192,7 @@ bool copyImage_bgr2(Image& image, IplImage const* bgr) {
       default: {  // 16-bit grey
         unsigned char const* g = grey.ptr<unsigned char>(y);
         for (int x = 0; x < width; ++x) {
-          const unsigned v = g[x] * 257u;
+          unsigned const v = g[x] * 257u;
           o[2 * x] = static_cast<unsigned char>(v & 0xff);
           o[2 * x + 1] = static_cast<unsigned char>(v >> 8);
         }

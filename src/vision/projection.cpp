@@ -18,7 +18,7 @@ namespace quib {
 
 namespace {
 
-const char kFormatTag[] = "camera.projection";
+char const kFormatTag[] = "camera.projection";
 
 template <std::size_t N>
 void copy_array(double (&dst)[N], double const (&src)[N]) {
@@ -58,9 +58,9 @@ std::optional<std::string> native_name(std::wstring const& wide) {
 // whose rows cannot hold that many bytes is returned as an empty matrix.
 cv::Mat wrap(Image const& image) {
   if (image.empty()) return cv::Mat();
-  const bool wide = image.getBits() == 16;
-  const int channels = wide ? 1 : image.getChannel();
-  const int bitsPerChannel = wide ? 16 : 8;
+  bool const wide = image.getBits() == 16;
+  int const channels = wide ? 1 : image.getChannel();
+  int const bitsPerChannel = wide ? 16 : 8;
   const std::int64_t needed =
       static_cast<std::int64_t>(image.getWidth()) * channels * (bitsPerChannel / 8);
   if (image.getWidth() <= 0 || image.getHeight() <= 0 || needed > image.getLineBytes()) {
@@ -154,8 +154,8 @@ void Projection::set_extrinsic(double const (&r)[3], double const (&t)[3]) {
 void Projection::resize(extent_type const& new_size) {
   if (new_size.cx == size.cx && new_size.cy == size.cy) return;
   // Single-precision ratios on purpose: rescaled intrinsics carry the float rounding.
-  const double sx = static_cast<float>(new_size.cx) / static_cast<float>(size.cx);
-  const double sy = static_cast<float>(new_size.cy) / static_cast<float>(size.cy);
+  double const sx = static_cast<float>(new_size.cx) / static_cast<float>(size.cx);
+  double const sy = static_cast<float>(new_size.cy) / static_cast<float>(size.cy);
   matrix[0] *= sx;
   matrix[2] *= sx;
   matrix[4] *= sy;
@@ -190,10 +190,10 @@ Eigen::Matrix<double, 3, 1> Projection::get_translation() const {
 }
 
 Eigen::Matrix<double, 3, 3> Projection::get_rotation() const {
-  const double x = rotation[0];
-  const double y = rotation[1];
-  const double z = rotation[2];
-  const double w = 0.0;
+  double const x = rotation[0];
+  double const y = rotation[1];
+  double const z = rotation[2];
+  double const w = 0.0;
   Eigen::Matrix<double, 3, 3> r;
   r << 1 - 2 * (y * y + z * z), 2 * x * y - 2 * w * z, 2 * x * z + 2 * w * y,  //
       2 * x * y + 2 * w * z, 1 - 2 * (x * x + z * z), 2 * y * z - 2 * w * x,   //
@@ -279,13 +279,13 @@ bool Projection::get_difference(Projection const& other, Difference& out, int co
   for (cv::Point2d const& r : rays)
     directions.emplace_back(r.x, r.y, 1.0);
   std::vector<cv::Point2d> projected;
-  const double zero[3] = {0, 0, 0};
+  double const zero[3] = {0, 0, 0};
   cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix),
                     header(1, 4, seen.distortion), projected);
   double sum = 0;
   for (std::size_t k = 0; k < projected.size(); ++k) {
     made.shifts.push_back(projected[k] - made.points[k]);
-    const double length = std::hypot(made.shifts.back().x, made.shifts.back().y);
+    double const length = std::hypot(made.shifts.back().x, made.shifts.back().y);
     sum += length * length;
     made.mean += length;
     made.max = std::max(made.max, length);
