@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -34,9 +35,12 @@ bool field(std::string const& text, double& v) {
 std::vector<std::vector<double>> readPoints(std::string const& path, std::size_t columns) {
   std::ifstream file;
   if (path != "-") {
-    if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
     file.open(path, std::ios::binary);
-    if (!file) throw Failure(path, "cannot be opened");
+    std::error_code ec;
+    if (!file || std::filesystem::is_directory(path, ec)) {
+      const std::string reason = unreadableReason(path);
+      throw Failure(path, reason.empty() ? "cannot be opened" : reason);
+    }
   }
   std::istream& in = path == "-" ? std::cin : file;
   std::vector<std::vector<double>> rows;
