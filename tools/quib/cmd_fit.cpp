@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -35,12 +34,8 @@ bool field(std::string const& text, double& v) {
 std::vector<std::vector<double>> readPoints(std::string const& path, std::size_t columns) {
   std::ifstream file;
   if (path != "-") {
-    file.open(path, std::ios::binary);
-    std::error_code ec;
-    if (!file || std::filesystem::is_directory(path, ec)) {
-      const std::string reason = unreadableReason(path);
-      throw Failure(path, reason.empty() ? "cannot be opened" : reason);
-    }
+    if (std::string reason = openForReading(file, path); !reason.empty())
+      throw Failure(path, reason);
   }
   std::istream& in = path == "-" ? std::cin : file;
   std::vector<std::vector<double>> rows;
