@@ -338,6 +338,15 @@ std::string unreadableReason(std::string const& path) {
   return "";
 }
 
+std::string openForReading(std::ifstream& file, std::string const& path) {
+  file.open(path, std::ios::binary);
+  std::error_code ec;
+  if (file && !std::filesystem::is_directory(path, ec)) return "";
+  file.close();
+  const std::string reason = unreadableReason(path);
+  return reason.empty() ? "cannot be opened" : reason;
+}
+
 InputFile::InputFile(std::string name) : given(std::move(name)), local(given) {
   if (given != "-") return;
   std::string pattern = (std::filesystem::temp_directory_path() / "quib-stdin-XXXXXX").string();

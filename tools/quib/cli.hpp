@@ -148,6 +148,10 @@ std::string systemMessage(int error);
 /// "is a directory", the system's message for an open failure, or "" when it opens.
 std::string unreadableReason(std::string const& path);
 
+/// Opens `path` into `file` for reading, the only open on the way: "" when it is open, else
+/// why not (as unreadableReason, "cannot be opened" when no reason is found).
+std::string openForReading(std::ifstream& file, std::string const& path);
+
 /// A file a command reads by name: the name itself, or for "-" a temporary copy of standard
 /// input (removed with this object), for readers that want a file they can seek in.
 class InputFile {

@@ -87,7 +87,7 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
   double const(&rotation)[3] = data.rotation;
   double const(&translation)[3] = data.translation;
   quib::Projection camera({size.width, size.height}, matrix, distortion, rotation, translation);
-  const std::vector<double> errors = reprojectionErrors(info, camera);
+  const std::vector<double> errors = calibration.get_reprojection_errors(info, camera);
 
   ctx.subject = out;
   quib::Projection check;

@@ -124,7 +124,7 @@ void demo(Context& ctx, std::string const& outDir) {
   quib::Projection camera;
   if (!solved.save_setup(cameraFile) || !camera.load_setup(cameraFile))
     throw Failure(cameraFile, "the camera file did not survive saving and loading");
-  const std::vector<double> errors = reprojectionErrors(info, camera);
+  const std::vector<double> errors = calibration.get_reprojection_errors(info, camera);
 
   cv::Mat corrected;
   camera.undistort(pictures[0], corrected);
@@ -137,7 +137,7 @@ void demo(Context& ctx, std::string const& outDir) {
   const std::size_t lastAccepted = views - 1;
   const std::vector<cv::Point2f> corners(info.corners.begin() + long(lastAccepted * perView),
                                          info.corners.begin() + long((lastAccepted + 1) * perView));
-  const std::vector<cv::Point3f> object = boardPoints(info);
+  const std::vector<cv::Point3f> object = info.get_object_points();
   cv::Vec3d rvec, tvec;
   cv::solvePnP(object, corners, camera.get_matrix_cv(), camera.get_distortion_cv(), rvec, tvec);
   cv::Matx33d r;

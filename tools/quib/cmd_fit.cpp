@@ -34,9 +34,8 @@ bool field(std::string const& text, double& v) {
 std::vector<std::vector<double>> readPoints(std::string const& path, std::size_t columns) {
   std::ifstream file;
   if (path != "-") {
-    if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(path, reason);
-    file.open(path, std::ios::binary);
-    if (!file) throw Failure(path, "cannot be opened");
+    if (std::string reason = openForReading(file, path); !reason.empty())
+      throw Failure(path, reason);
   }
   std::istream& in = path == "-" ? std::cin : file;
   std::vector<std::vector<double>> rows;

@@ -217,11 +217,10 @@ void checkLists(Context& ctx, HashOptions const& o, std::vector<unsigned char>& 
     ctx.subject = list;
     std::ifstream file;
     if (list != "-") {
-      if (std::string reason = unreadableReason(list); !reason.empty()) {
+      if (std::string reason = openForReading(file, list); !reason.empty()) {
         ctx.fail(list, reason);
         continue;
       }
-      file.open(list, std::ios::binary);
     }
     std::istream& in = list == "-" ? std::cin : file;
     std::size_t good = 0, bad = 0, mismatched = 0, unreadable = 0;

@@ -28,9 +28,11 @@ Loaded load(Context& ctx, std::string const& name, bool merge) {
   ctx.subject = name;
   const InputFile input(name);
   std::string const& path = input.path();
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(name, reason);
   Loaded loaded;
-  if (loaded.mesh.load(widePath(path), merge) < 0) throw Failure(name, "not an STL file");
+  if (loaded.mesh.load(widePath(path), merge) < 0) {
+    const std::string reason = unreadableReason(path);
+    throw Failure(name, reason.empty() ? "not an STL file" : reason);
+  }
   loaded.binary = loaded.mesh.info().binary;
   return loaded;
 }

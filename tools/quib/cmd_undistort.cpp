@@ -26,11 +26,11 @@ void undistort(Context& ctx, UndistortOptions const& o) {
 
   ctx.subject = cameraFile;
   const InputFile cameraInput(cameraFile);
-  if (std::string reason = unreadableReason(cameraInput.path()); !reason.empty())
-    throw Failure(cameraFile, reason);
   quib::Projection camera;
-  if (!camera.load_setup(cameraInput.path()) || camera.empty())
-    throw Failure(cameraFile, "not a camera file");
+  if (!camera.load_setup(cameraInput.path()) || camera.empty()) {
+    const std::string reason = unreadableReason(cameraInput.path());
+    throw Failure(cameraFile, reason.empty() ? "not a camera file" : reason);
+  }
   makeDirectory(dir);
 
   Json all = Json::array();

@@ -7,67 +7,17 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <vector>
 
 namespace quib::tool {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-bool startsWithBm(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  char magic[2] = {0, 0};
-  return in.read(magic, 2) && magic[0] == 'B' && magic[1] == 'M';
-}
-
-// An 8-, 24- or 32-bit bitmap read row by row through quib::Dib; empty when Dib cannot open
-// it or its depth is another one (OpenCV then gets its turn).
-cv::Mat readBitmap(std::string const& path) {
-  quib::Dib dib(path);
-  if (!dib || dib.getBits() != 8 || dib.getWidth() <= 0 || dib.getHeight() <= 0) return {};
-  const int samples = dib.getColorCount();
-  const int width = dib.getWidth();
-  const int height = dib.getHeight();
-  const int line = dib.getLineBytes();
-  // Dib has checked that the rows fit in the file, so this buffer is bounded by its size.
-  std::vector<unsigned char> rows(static_cast<std::size_t>(line) * std::size_t(height));
-  if (dib.read(rows.data(), static_cast<int>(rows.size())) != static_cast<int>(rows.size()))
-    return {};
-  cv::Mat stored(height, width, CV_8UC(samples), rows.data(), static_cast<std::size_t>(line));
-  cv::Mat picture;
-  if (samples == 1) {
-    // Palette indices: look the colours up unless the table is a plain grey ramp.
-    quib::Palette const table = dib.getPalette();
-    bool grey = true;
-    for (std::uint64_t i = 0; i < table.size() && grey; ++i)
-      grey = (table[int(i)] & 0xFFFFFFu) == 0x010101u * (i & 0xFF) && i < 256;
-    if (grey) {
-      picture = stored.clone();
-    } else {
-      picture.create(height, width, CV_8UC3);
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-          const std::uint64_t index = stored.at<unsigned char>(y, x);
-          const unsigned int c = index < table.size() ? table[int(index)] : 0u;
-          picture.at<cv::Vec3b>(y, x) =
-              cv::Vec3b(static_cast<unsigned char>(c), static_cast<unsigned char>(c >> 8),
-                        static_cast<unsigned char>(c >> 16));
-        }
-      }
-    }
-  } else if (samples == 3) {
-    picture = stored.clone();
-  } else {
-    cv::cvtColor(stored, picture, cv::COLOR_BGRA2BGR);
-  }
-  // Rows are stored bottom-up unless the header says otherwise.
-  if (!dib.isTopDown()) cv::flip(picture, picture, 0);
-  return picture;
-}
 
 void writeBitmap(std::string const& path, cv::Mat const& image) {
   const bool grey = image.channels() == 1;
@@ -93,16 +43,30 @@ void writeBitmap(std::string const& path, cv::Mat const& image) {
 cv::Mat readImage(std::string const& name, read_as mode) {
   const InputFile input(name);
   std::string const& path = input.path();
-  if (std::string reason = unreadableReason(path); !reason.empty()) throw Failure(name, reason);
-  cv::Mat picture;
-  if (startsWithBm(path)) picture = readBitmap(path);
-  if (picture.empty())
-    picture = cv::imread(path, mode == read_as::grey ? cv::IMREAD_GRAYSCALE : cv::IMREAD_COLOR);
-  if (picture.empty()) throw Failure(name, "not a picture that can be read");
-  if (mode == read_as::grey && picture.channels() == 3)
-    cv::cvtColor(picture, picture, cv::COLOR_BGR2GRAY);
-  if (mode == read_as::colour && picture.channels() == 1)
-    cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
+  // The bitmap reader opens the file first. Anything it refuses is read whole and decoded by
+  // OpenCV; why a file cannot be read at all is looked for only after both have failed.
+  const quib::Image bitmap = quib::Dib::read_image(path);
+  cv::Mat picture = bitmap.empty() ? cv::Mat() : bitmap.makeMat();
+  std::error_code ec;
+  if (picture.empty() && !fs::is_directory(path, ec)) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<unsigned char> bytes;
+    if (in) bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (!bytes.empty())
+      picture =
+          cv::imdecode(bytes, mode == read_as::grey ? cv::IMREAD_GRAYSCALE : cv::IMREAD_COLOR);
+  }
+  if (picture.empty()) {
+    const std::string reason = unreadableReason(path);
+    throw Failure(name, reason.empty() ? "not a picture that can be read" : reason);
+  }
+  static constexpr int toGrey[] = {-1, -1, cv::COLOR_BGR2GRAY, cv::COLOR_BGRA2GRAY};
+  static constexpr int toColour[] = {cv::COLOR_GRAY2BGR, -1, -1, cv::COLOR_BGRA2BGR};
+  const int code = (mode == read_as::grey ? toGrey : toColour)[picture.channels() - 1];
+  if (code >= 0)
+    cv::cvtColor(picture, picture, code);
+  else if (!bitmap.empty())
+    picture = picture.clone();  // the bitmap's pixels go when `bitmap` does
   return picture;
 }
 
