@@ -140,10 +140,6 @@ using detail::codec_t;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Attribute values, through the table's typed reading (the VR and byte order each was read in).
-std::vector<unsigned char> const* find(Dicom const& file, std::uint16_t group,
-                                       std::uint16_t number) {
-  return file.find(Dicom::Tag(group, number));
-}
 
 // The first value of a text element; empty when absent.
 std::string text(Dicom const& file, std::uint16_t group, std::uint16_t number) {
@@ -295,7 +291,7 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
   if (codec == codec_t::unknown)
     return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
   next.little = codec != codec_t::big_endian;
-  auto const* pixel_data = find(file, 0x7FE0, 0x0010);
+  auto const* pixel_data = file.find(Dicom::Tag(0x7FE0, 0x0010));
   if (with_pixels && (!pixel_data || pixel_data->empty()))
     return refuse("the file has no pixel data");
 
@@ -330,12 +326,10 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
   bool const ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
 
   // Number of Frames is an IS: a whole count, nothing else.
-  bool const has_frames = find(file, 0x0028, 0x0008) != nullptr;
+  bool const has_frames = file.find(Dicom::Tag(0x0028, 0x0008)) != nullptr;
   long long const count = has_frames ? integer(file, 0x0028, 0x0008) : 1;
   std::string frame_text;
-  if (auto const* v = find(file, 0x0028, 0x0008)) frame_text.assign(v->begin(), v->end());
-  while (!frame_text.empty() && (frame_text.back() == ' ' || frame_text.back() == '\0'))
-    frame_text.pop_back();
+  file.get_text(Dicom::Tag(0x0028, 0x0008), frame_text);
   if (count < 1 || count > std::numeric_limits<std::int32_t>::max())
     return refuse("Number of Frames is " + frame_text);
   next.frames = int(count);

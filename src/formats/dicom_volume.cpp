@@ -33,15 +33,6 @@ struct slice_t {
   double along = 0;    // position along the normal
 };
 
-std::string text_of(Dicom const& file, std::uint16_t group, std::uint16_t number) {
-  auto it = file->find(dicom::tag_key(group, number));
-  if (it == file->end()) return {};
-  std::string s(it->second.begin(), it->second.end());
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\0'))
-    s.pop_back();
-  return s;
-}
-
 bool load_file(Dicom& file, std::wstring const& path) {
   return file.load(path, Dicom::READ_STANDARD) > 0;
 }
@@ -57,7 +48,8 @@ bool load_head(Dicom& file, std::wstring const& path) {
   head.resize(std::size_t(in.gcount()));
   bool const whole = in.eof();
   std::istringstream prefix(head);
-  if (file.load(prefix, Dicom::READ_STANDARD) > 0 && file->count(dicom::tag_key(0x0028, 0x0010)))
+  if (file.load(prefix, Dicom::READ_STANDARD) > 0 &&
+      file.find(Dicom::Tag(0x0028, 0x0010)) != nullptr)
     return true;
   return !whole && load_file(file, path);
 }
@@ -142,7 +134,8 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
     }
     slice_t s;
     s.path = path;
-    s.series = text_of(file, 0x0020, 0x000E);
+    std::vector<std::string> series;  // Series Instance UID
+    if (file.get_strings(Dicom::Tag(0x0020, 0x000E), series) > 0) s.series = series[0];
     s.rows = pixels.get_rows(), s.columns = pixels.get_columns(), s.samples = pixels.get_samples();
     s.bits_allocated = pixels.get_bits_allocated(), s.bits_stored = pixels.get_bits_stored();
     s.representation = pixels.get_pixel_representation(), s.frames = pixels.get_frames();
@@ -150,8 +143,8 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
     s.position = pixels.get_position(), s.orientation = pixels.get_orientation();
     s.pixel_spacing = pixels.get_pixel_spacing();
     s.between = pixels.get_slice_thickness();
-    const std::string between = text_of(file, 0x0018, 0x0088);
-    if (!between.empty()) s.between = std::strtod(between.c_str(), nullptr);
+    std::vector<double> between;  // Spacing Between Slices
+    if (file.get_numbers(Dicom::Tag(0x0018, 0x0088), between) > 0) s.between = between[0];
     auto const& positions = pixels.get_frame_positions();
     if (s.frames > 1 && int(positions.size()) == s.frames) {
       for (int f = 0; f < s.frames; ++f) {  // a multi-frame file with a position per frame

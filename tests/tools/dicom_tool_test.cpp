@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -105,6 +106,57 @@ TEST_F(DicomTool, WritesTheDicomJsonModel) {
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[1].size(), 1u);
   EXPECT_EQ(list[1]["00100020"]["Value"][0], "ID-42");
+}
+
+// A 24-bit BMP of 8 x 6 pixels, bottom-up, for img2dcm.
+std::string bmpFile() {
+  std::string f;
+  const auto put = [&](std::uint32_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i)
+      f += char((v >> (8 * i)) & 0xFF);
+  };
+  f += "BM", put(54 + 8 * 6 * 3, 4), put(0, 4), put(54, 4);
+  put(40, 4), put(8, 4), put(6, 4), put(1, 2), put(24, 2), put(0, 4), put(8 * 6 * 3, 4);
+  put(2835, 4), put(2835, 4), put(0, 4), put(0, 4);
+  for (int i = 0; i < 8 * 6; ++i)
+    f += char(i * 5), f += char(255 - i * 3), f += char(i * 7);
+  return f;
+}
+
+TEST_F(DicomTool, NotesWhetherThePixelsDecode) {
+  if (std::system("{ command -v img2dcm && command -v dcmcrle; } >/dev/null 2>&1") != 0)
+    GTEST_SKIP() << "dcmtk tools not on PATH";
+  writeFile("x.bmp", bmpFile());
+  const std::string rle = file("rle.dcm");
+  ASSERT_EQ(std::system(("img2dcm -q -i BMP " + file("x.bmp") + " " + file("img.dcm") +
+                         " && dcmcrle -q " + file("img.dcm") + " " + rle)
+                            .c_str()),
+            0);
+  const auto r = runTool({"dicom", "dump", rle});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("\n# pixels: 8 x 6, 1 frame, RGB, decodes\n"), std::string::npos) << r.out;
+  const auto j = nlohmann::json::parse(runTool({"dicom", "dump", "--json", rle}).out);
+  EXPECT_EQ(j["pixels"], nlohmann::json::parse(R"({"decodes": true, "rows": 6, "columns": 8,
+                                                   "frames": 1, "photometric": "RGB"})"));
+
+  // Rows without Columns and four bytes of pixels: listed, noted, and not an error.
+  const std::string bad = writeFile("bad.dcm", dicomFile());
+  const auto b = runTool({"dicom", "dump", bad});
+  ASSERT_EQ(b.code, 0) << b.err;
+  EXPECT_NE(b.out.find("\n# pixels: do not decode: "), std::string::npos) << b.out;
+  const auto jb = nlohmann::json::parse(runTool({"dicom", "dump", "--json", bad}).out);
+  EXPECT_EQ(jb["pixels"]["decodes"], false);
+  EXPECT_FALSE(jb["pixels"]["reason"].get<std::string>().empty());
+
+  // A file without Pixel Data, --tag and --classic say nothing of pixels.
+  const std::string whole = dicomFile();
+  const std::string none = writeFile("none.dcm", whole.substr(0, whole.find("\xE0\x7F\x10")));
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"dicom", "dump", none}, {"dicom", "dump", "--tag", "PatientName", rle}}) {
+    const auto n = runTool(args);
+    ASSERT_EQ(n.code, 0) << n.err;
+    EXPECT_EQ(n.out.find("# pixels"), std::string::npos) << n.out;
+  }
 }
 
 TEST_F(DicomTool, FailsWithOneLineWhenReadingStopsOrTagsAreMissing) {

@@ -1,5 +1,6 @@
 // quib dicom dump FILE...: the elements of DICOM files as dcmdump lists them, or as DICOM JSON.
 #include <quib/dicom.hpp>
+#include <quib/dicom_image.hpp>
 
 #include "commands.hpp"
 
@@ -202,7 +203,8 @@ std::string quoted(const std::string& s) {
   return nlohmann::json(s).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-void json_set(std::ostream& out, const quib::Dicom& d, const std::vector<std::uint32_t>& only);
+void json_set(std::ostream& out, const quib::Dicom& d, const std::vector<std::uint32_t>& only,
+              const std::string& extra = {});
 
 void json_element(std::ostream& out, const quib::Dicom& d, const quib::Dicom::Entry& e) {
   const std::string vr = vr_text(e.type);
@@ -270,7 +272,9 @@ void json_element(std::ostream& out, const quib::Dicom& d, const quib::Dicom::En
   out << "]}";
 }
 
-void json_set(std::ostream& out, const quib::Dicom& d, const std::vector<std::uint32_t>& only) {
+// `extra` is one more member written after the elements ("\"name\":value").
+void json_set(std::ostream& out, const quib::Dicom& d, const std::vector<std::uint32_t>& only,
+              const std::string& extra) {
   out << '{';
   bool first = true;
   for (const quib::Dicom::Entry& e : d.get_entries()) {
@@ -279,7 +283,53 @@ void json_set(std::ostream& out, const quib::Dicom& d, const std::vector<std::ui
     first = false;
     json_element(out, d, e);
   }
+  if (!extra.empty()) out << (first ? "" : ",") << extra;
   out << '}';
+}
+
+// Whether the pixels of a file decode: its pixel module is read and frame 0 decoded (the
+// module reads the file's own bytes, so only that one frame is held besides the file).
+struct PixelsNote {
+  bool decodes = false;
+  int rows = 0, columns = 0, frames = 0;
+  std::string photometric, reason;
+};
+
+PixelsNote check_pixels(const quib::Dicom& file) {
+  PixelsNote note;
+  quib::DicomPixels pixels;
+  quib::Image frame;
+  if (!pixels.load(file) || !pixels.decode(0, frame)) {
+    note.reason = pixels.get_error();
+    return note;
+  }
+  note.decodes = true;
+  note.rows = pixels.get_rows();
+  note.columns = pixels.get_columns();
+  note.frames = pixels.get_frames();
+  note.photometric = pixels.get_photometric();
+  return note;
+}
+
+std::string pixels_line(const PixelsNote& note) {
+  if (!note.decodes) return "# pixels: do not decode: " + note.reason;
+  return "# pixels: " + std::to_string(note.columns) + " x " + std::to_string(note.rows) + ", " +
+         std::to_string(note.frames) + (note.frames == 1 ? " frame, " : " frames, ") +
+         note.photometric + ", decodes";
+}
+
+std::string pixels_json(const PixelsNote& note) {
+  nlohmann::json j;
+  j["decodes"] = note.decodes;
+  if (note.decodes) {
+    j["rows"] = note.rows;
+    j["columns"] = note.columns;
+    j["frames"] = note.frames;
+    j["photometric"] = note.photometric;
+  } else {
+    j["reason"] = note.reason;
+  }
+  return "\"pixels\":" + j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 const CLI::Validator tagName(
@@ -313,13 +363,18 @@ void dump(Context& ctx, DumpOptions const& o) {
                                : "not a DICOM file (no DICM after the 128-byte preamble)");
       continue;
     }
+    // The pixels are checked on the standard reading of the whole file only.
+    static const std::uint32_t pixel_data = quib::Dicom::Tag("PixelData").get_key();
+    const bool check = !o.classic && wanted.empty() && file.find(pixel_data) != nullptr;
+    const PixelsNote note = check ? check_pixels(file) : PixelsNote();
     if (ctx.json) {
       if (!first) ctx.out << ",\n";
-      json_set(ctx.out, file, wanted);
+      json_set(ctx.out, file, wanted, check ? pixels_json(note) : std::string());
       ctx.out << (several ? "" : "\n");
     } else {
       if (several) ctx.out << (first ? "" : "\n") << "# " << name << '\n';
       list(ctx.out, file, 0, o.full, wanted);
+      if (check) ctx.out << pixels_line(note) << '\n';
     }
     first = false;
     for (std::uint32_t key : wanted) {
@@ -349,8 +404,11 @@ void add_dicom_command(CLI::App& quib, Context& ctx) {
       "file's character set, numbers decoded, binary values in hexadecimal, long values "
       "shortened), the length (u/l for undefined) and multiplicity, and the keyword. The items "
       "of sequences follow their sequence, indented; encapsulated pixel data lists its "
-      "fragments. A file whose reading stopped early (cut or damaged) is listed as far as it "
-      "was read, then reported as an error (exit status 1).");
+      "fragments. Without --tag or --classic, a file with Pixel Data ends with a note on whether "
+      "its first frame decodes ('# pixels: 512 x 512, 1 frame, MONOCHROME2, decodes' or "
+      "'# pixels: do not decode: REASON'; a 'pixels' member in --json). "
+      "A file whose reading stopped early (cut or damaged) is listed as far as it was read, "
+      "then reported as an error (exit status 1).");
   cmd.add_option("FILE", o->files, "the DICOM files; '-' reads standard input")->required();
   cmd.add_option("--tag", o->tags,
                  "show only this element, by keyword (PatientName) or tag (0010,0010); an element "
