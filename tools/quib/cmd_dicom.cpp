@@ -5,6 +5,7 @@
 #include "commands.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,6 +57,7 @@ bool is_number(const std::string& vr) {
 }
 
 std::string number_text(double v) {
+  if (v == std::floor(v) && std::fabs(v) < 1e15) return std::to_string(static_cast<long long>(v));
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.17g", v);
   // The shortest form that reads back the same.
@@ -318,20 +320,6 @@ std::string pixels_line(const PixelsNote& note) {
          note.photometric + ", decodes";
 }
 
-std::string pixels_json(const PixelsNote& note) {
-  nlohmann::json j;
-  j["decodes"] = note.decodes;
-  if (note.decodes) {
-    j["rows"] = note.rows;
-    j["columns"] = note.columns;
-    j["frames"] = note.frames;
-    j["photometric"] = note.photometric;
-  } else {
-    j["reason"] = note.reason;
-  }
-  return "\"pixels\":" + j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
 const CLI::Validator tagName(
     [](std::string& text) -> std::string {
       return quib::Dicom::Tag(text).is()
@@ -365,11 +353,13 @@ void dump(Context& ctx, DumpOptions const& o) {
     }
     // The pixels are checked on the standard reading of the whole file only.
     static const std::uint32_t pixel_data = quib::Dicom::Tag("PixelData").get_key();
-    const bool check = !o.classic && wanted.empty() && file.find(pixel_data) != nullptr;
+    const bool check =
+        !ctx.json && !o.classic && wanted.empty() && file.find(pixel_data) != nullptr;
     const PixelsNote note = check ? check_pixels(file) : PixelsNote();
     if (ctx.json) {
       if (!first) ctx.out << ",\n";
-      json_set(ctx.out, file, wanted, check ? pixels_json(note) : std::string());
+      // DICOM JSON has no place for the note: tags are its only keys.
+      json_set(ctx.out, file, wanted, std::string());
       ctx.out << (several ? "" : "\n");
     } else {
       if (several) ctx.out << (first ? "" : "\n") << "# " << name << '\n';
@@ -406,7 +396,7 @@ void add_dicom_command(CLI::App& quib, Context& ctx) {
       "of sequences follow their sequence, indented; encapsulated pixel data lists its "
       "fragments. Without --tag or --classic, a file with Pixel Data ends with a note on whether "
       "its first frame decodes ('# pixels: 512 x 512, 1 frame, MONOCHROME2, decodes' or "
-      "'# pixels: do not decode: REASON'; a 'pixels' member in --json). "
+      "'# pixels: do not decode: REASON'; not in --json, whose keys are tags only). "
       "A file whose reading stopped early (cut or damaged) is listed as far as it was read, "
       "then reported as an error (exit status 1).");
   cmd.add_option("FILE", o->files, "the DICOM files; '-' reads standard input")->required();
