@@ -40,6 +40,7 @@ std::string dicomFile() {
   f += "DICM";
   element(f, 0x0002, 0x0010, "UI", std::string("1.2.840.10008.1.2.1") + '\0');
   element(f, 0x0008, 0x0005, "CS", "ISO_IR 100");
+  element(f, 0x0008, 0x0008, "CS", "ORIGINAL\\\\AXIAL ");  // an empty value in the middle
   element(f, 0x0008, 0x0060, "CS", "MR");
   // An undefined-length sequence of one item.
   std::string item;
@@ -95,6 +96,7 @@ TEST_F(DicomTool, WritesTheDicomJsonModel) {
   EXPECT_EQ(j["00100010"]["vr"], "PN");
   EXPECT_EQ(j["00100010"]["Value"][0]["Alphabetic"], "M\u00fcller^J\u00fcrgen");
   EXPECT_EQ(j["00281050"]["Value"], nlohmann::json::parse("[40, 400]"));
+  EXPECT_EQ(j["00080008"]["Value"], nlohmann::json::parse(R"(["ORIGINAL", null, "AXIAL"])"));
   EXPECT_EQ(j["00280010"]["Value"][0], 512);
   EXPECT_EQ(j["00081140"]["Value"][0]["00080104"]["Value"][0], "K\u00f6rper");
   EXPECT_EQ(j["7FE00010"]["vr"], "OW");

@@ -248,6 +248,10 @@ void json_element(std::ostream& out, const quib::Dicom& d, const quib::Dicom::En
     for (const std::string& s : strings) {
       sep();
       // Alphabetic, Ideographic and Phonetic groups, as written.
+      if (s.empty()) {
+        out << "null";  // an empty value among several is null in DICOM JSON
+        continue;
+      }
       const std::size_t a = s.find('='), b = a == std::string::npos ? a : s.find('=', a + 1);
       out << "{\"Alphabetic\":" << quoted(s.substr(0, a));
       if (a != std::string::npos) out << ",\"Ideographic\":" << quoted(s.substr(a + 1, b - a - 1));
@@ -263,12 +267,12 @@ void json_element(std::ostream& out, const quib::Dicom& d, const quib::Dicom::En
   } else if ((is_number(vr) || vr == "DS" || vr == "IS") && d.get_numbers(e.key, numbers) >= 0) {
     for (double x : numbers) {
       sep();
-      out << number_text(x);
+      out << (std::isfinite(x) ? number_text(x) : "null");  // JSON has no NaN or infinity
     }
   } else if (d.get_strings(e.key, strings) >= 0) {
     for (const std::string& s : strings) {
       sep();
-      out << quoted(s);
+      out << (s.empty() ? "null" : quoted(s));
     }
   }
   out << "]}";
