@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include <quib/projection.hpp>
+
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -41,8 +44,20 @@ class CameraTool : public quib::test::ToolFiles {
 };
 
 TEST_F(CameraTool, CalibratesSavesAndUndistorts) {
-  std::vector<std::string> args = {"calibrate", "--board",       "7x5",    "--square",    "30",
-                                   "--out",     file("cam.yml"), "--draw", file("drawn"), "--json"};
+  std::vector<std::string> args = {"calibrate",
+                                   "--board",
+                                   "7x5",
+                                   "--square",
+                                   "30",
+                                   "--out",
+                                   file("cam.yml"),
+                                   "--draw",
+                                   file("drawn"),
+                                   "--json",
+                                   "--residuals",
+                                   file("residuals.png"),
+                                   "--coverage",
+                                   file("coverage.png")};
   const auto views = renderViews();
   args.insert(args.end(), views.begin(), views.end());
   const std::string blank = file("blank.png");
@@ -72,6 +87,35 @@ TEST_F(CameraTool, CalibratesSavesAndUndistorts) {
   EXPECT_NE(r.out.find("\"translation\": ["), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"status\": \"board not found\""), std::string::npos) << r.out;
   EXPECT_TRUE(std::filesystem::exists(file("drawn/view4.png")));
+  // Both pictures are drawn over the first view and differ from it.
+  const cv::Mat first = cv::imread(views[0]);
+  for (char const* name : {"residuals.png", "coverage.png"}) {
+    const cv::Mat picture = cv::imread(file(name));
+    ASSERT_EQ(picture.size(), cv::Size(480, 360)) << name;
+    EXPECT_GT(cv::norm(picture, first, cv::NORM_L1), 0.0) << name;
+  }
+
+  // The rendering lens without distortion: about 0.2 * r^2 apart towards the corners.
+  const double matrix[9] = {420, 0, 243, 0, 418, 176, 0, 0, 1};
+  const double distortion[4] = {0, 0, 0, 0};
+  const double pose[3] = {0, 0, 0};
+  ASSERT_TRUE(
+      quib::Projection({480, 360}, matrix, distortion, pose, pose).save_setup(file("other.yml")));
+  // A camera compared with itself differs by nothing; the calibrated, distorted one differs.
+  const auto same =
+      runTool({"calibrate", "--compare", file("other.yml"), file("other.yml"), "--json"});
+  ASSERT_EQ(same.code, 0) << same.err;
+  const auto number = [](std::string const& out, std::string const& key) {
+    const auto at = out.find("\"" + key + "\": ");
+    return at == std::string::npos ? NAN : std::strtod(out.c_str() + at + key.size() + 4, nullptr);
+  };
+  EXPECT_LT(number(same.out, "max"), 1e-9) << same.out;
+  EXPECT_LT(number(same.out, "rms"), 1e-9) << same.out;
+  const auto differ = runTool({"calibrate", "--compare", file("cam.yml"), file("other.yml")});
+  ASSERT_EQ(differ.code, 0) << differ.err;
+  const auto max = differ.out.find("max ");
+  ASSERT_NE(max, std::string::npos) << differ.out;
+  EXPECT_GT(std::strtod(differ.out.c_str() + max + 4, nullptr), 1.0) << differ.out;
 
   // The camera file is used at once, on a bitmap and on a PNG.
   const auto u = runTool(
@@ -107,6 +151,15 @@ TEST_F(CameraTool, RefusesTooFewViewsAndBadCameraFiles) {
   EXPECT_TRUE(failsWith(runTool({"calibrate", "--board", "9x6", "--square", "24"}), 2,
                         "IMAGES is required"));
   EXPECT_TRUE(failsWith(runTool({"undistort", "--camera", "c.yml", blank}), 2, "--out"));
+
+  const auto missing = runTool({"calibrate", "--compare", file("nope.yml"), notCamera});
+  EXPECT_TRUE(failsWith(missing, 1, "nope.yml: no such file"));
+  EXPECT_EQ(std::count(missing.err.begin(), missing.err.end(), '\n'), 1) << missing.err;
+  EXPECT_TRUE(failsWith(runTool({"calibrate", "--compare", notCamera, notCamera}), 1,
+                        "c.yml: not a camera file"));
+  EXPECT_TRUE(failsWith(runTool({"calibrate", "--compare", notCamera}), 2, "--compare"));
+  EXPECT_TRUE(
+      failsWith(runTool({"calibrate", "--compare", notCamera, notCamera, blank}), 2, "--compare"));
 }
 
 }  // namespace

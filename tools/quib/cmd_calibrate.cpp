@@ -1,4 +1,5 @@
-// quib calibrate --board 9x6 --square 24 IMAGES...: a camera from chessboard views.
+// quib calibrate --board 9x6 --square 24 IMAGES...: a camera from chessboard views;
+// quib calibrate --compare A.yml B.yml: how far two cameras image the same ray apart.
 #include <quib/calibration.hpp>
 #include <quib/projection.hpp>
 
@@ -20,9 +21,55 @@ struct CalibrateOptions {
   std::string square;
   std::string out = "camera.yml";
   std::string draw;
+  std::string residuals;
+  std::string coverage;
+  std::vector<std::string> compare;
 };
 
+// Residual arrows are drawn this many times their length.
+constexpr double residualMagnification = 100;
+
+// The projection difference of the second camera against the first over a 32x24 grid.
+void compareCameras(Context& ctx, std::string const& first, std::string const& second) {
+  ctx.subject = first;
+  const quib::Projection a = loadCamera(first);
+  ctx.subject = second;
+  const quib::Projection b = loadCamera(second);
+  quib::Projection::Difference d;
+  if (!a.get_difference(b, d)) throw Failure(second, "cannot be compared with " + first);
+  std::size_t worst = 0;
+  for (std::size_t i = 1; i < d.shifts.size(); ++i)
+    if (cv::norm(d.shifts[i]) > cv::norm(d.shifts[worst])) worst = i;
+  const cv::Point2d at = d.points.empty() ? cv::Point2d() : d.points[worst];
+  if (ctx.json) {
+    writeJson(ctx.out, {{"first", first},
+                        {"second", second},
+                        {"columns", d.columns},
+                        {"rows", d.rows},
+                        {"max", d.max},
+                        {"max_at", {at.x, at.y}},
+                        {"rms", d.rms},
+                        {"mean", d.mean}});
+  } else {
+    ctx.out << "projection difference of " << second << " against " << first << " (px, "
+            << d.columns << 'x' << d.rows << " samples)\n"
+            << "  max   " << formatShort(d.max, 4) << " at (" << formatShort(at.x, 5) << ", "
+            << formatShort(at.y, 5) << ")\n"
+            << "  rms   " << formatShort(d.rms, 4) << '\n'
+            << "  mean  " << formatShort(d.mean, 4) << '\n';
+  }
+}
+
 void calibrate(Context& ctx, CalibrateOptions const& o) {
+  if (!o.compare.empty()) {
+    if (!o.images.empty() || !o.board.empty() || !o.square.empty())
+      throw UsageError("--compare takes two camera files and no pictures, --board or --square");
+    compareCameras(ctx, o.compare[0], o.compare[1]);
+    return;
+  }
+  if (o.board.empty()) throw UsageError("--board is required");
+  if (o.square.empty()) throw UsageError("--square is required");
+  if (o.images.empty()) throw UsageError("IMAGES is required");
   const auto board = parseSizePair(o.board);
   const auto square = parseSizePair(o.square);
   auto const& images = o.images;
@@ -113,6 +160,28 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
     }
   }
 
+  if (!o.residuals.empty() || !o.coverage.empty()) {
+    // Both pictures over the first accepted view.
+    ctx.subject = accepted.front();
+    const cv::Mat first = readImage(accepted.front(), read_as::colour);
+    if (!o.residuals.empty()) {
+      ctx.subject = o.residuals;
+      cv::Mat picture = first.clone();
+      quib::Image image = imageOver(picture);
+      if (!calibration.draw_residuals(info, data, image, residualMagnification, 0x0000FFu))
+        throw Failure(o.residuals, "the residuals could not be drawn");
+      writeImage(o.residuals, picture);
+    }
+    if (!o.coverage.empty()) {
+      ctx.subject = o.coverage;
+      cv::Mat picture = first.clone();
+      quib::Image image = imageOver(picture);
+      if (!calibration.draw_coverage(info, image, 0x00FF00u))
+        throw Failure(o.coverage, "the coverage could not be drawn");
+      writeImage(o.coverage, picture);
+    }
+  }
+
   const double mean = meanError(errors);
   if (ctx.json) {
     Json list = Json::array();
@@ -185,18 +254,21 @@ void add_calibrate_command(CLI::App& quib, Context& ctx) {
       "root mean square (the distance in pixels between the detected corners and the board "
       "projected back through the camera); --json adds each view's pose. At least 3 accepted views "
       "are needed; 10 or more from varied angles give a "
-      "good camera. All pictures must have the same size.");
-  cmd.add_option("IMAGES", o->images, "the chessboard pictures; '-' reads standard input")
-      ->required();
-  cmd.add_option("--board", o->board, "inner corners of the board per row and per column, e.g. 9x6")
+      "good camera. All pictures must have the same size.\n\n"
+      "With --compare A.yml B.yml and no pictures, prints how far apart the two cameras image "
+      "the same ray across the image: the largest displacement (and where), the root mean "
+      "square and the mean, in pixels of A, over a 32x24 grid; the poses take no part.");
+  CLI::Option* images =
+      cmd.add_option("IMAGES", o->images, "the chessboard pictures; '-' reads standard input");
+  cmd.add_option("--board", o->board,
+                 "inner corners of the board per row and per column, e.g. 9x6 (required unless "
+                 "--compare)")
       ->type_name("CxR")
-      ->required()
       ->check(sizePair(false, 2, 100));
   cmd.add_option("--square", o->square,
                  "corner spacing in your length unit, e.g. 24 (or WxH when the squares are not "
-                 "square); whole numbers")
+                 "square); whole numbers (required unless --compare)")
       ->type_name("S")
-      ->required()
       ->check(sizePair(true, 1, 100000));
   cmd.add_option("--out", o->out, "the camera file to write (.yml or .xml)")
       ->type_name("FILE")
@@ -204,6 +276,19 @@ void add_calibrate_command(CLI::App& quib, Context& ctx) {
   cmd.add_option("--draw", o->draw,
                  "write each accepted view with its corners and board outline drawn")
       ->type_name("DIR");
+  cmd.add_option("--residuals", o->residuals,
+                 "write the first view with every corner's reprojection error of every view as an "
+                 "arrow, magnified 100 times")
+      ->type_name("PNG");
+  cmd.add_option("--coverage", o->coverage,
+                 "write the first view with every detected corner and board outline of every view")
+      ->type_name("PNG");
+  cmd.add_option("--compare", o->compare,
+                 "compare two camera files instead of calibrating: the projection difference of "
+                 "B against A")
+      ->type_name("A B")
+      ->expected(2)
+      ->excludes(images);
   addJsonFlag(cmd, ctx);
   onRun(cmd, ctx, [o, &ctx] { calibrate(ctx, *o); });
 }

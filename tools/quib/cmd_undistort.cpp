@@ -1,6 +1,7 @@
 // quib undistort --camera FILE IMAGES... --out DIR: pictures with the lens distortion removed.
 #include <quib/projection.hpp>
 
+#include "camera_util.hpp"
 #include "commands.hpp"
 #include "image_io.hpp"
 
@@ -25,12 +26,7 @@ void undistort(Context& ctx, UndistortOptions const& o) {
   std::string const& dir = o.out;
 
   ctx.subject = cameraFile;
-  const InputFile cameraInput(cameraFile);
-  quib::Projection camera;
-  if (!camera.load_setup(cameraInput.path()) || camera.empty()) {
-    const std::string reason = unreadableReason(cameraInput.path());
-    throw Failure(cameraFile, reason.empty() ? "not a camera file" : reason);
-  }
+  const quib::Projection camera = loadCamera(cameraFile);
   makeDirectory(dir);
 
   Json all = Json::array();
