@@ -57,9 +57,13 @@ class QUIB_API Projection {
     /// Sample positions in this camera's pixels, row after row: the centres of a columns x rows
     /// grid of cells over the image.
     std::vector<cv::Point2d> points;
-    /// Per sample, the other camera's pixel minus the sample position, in this camera's pixels.
+    /// Per sample, the other camera's pixel minus the sample position, in this camera's pixels;
+    /// NaN for a sample no ray of this camera images.
     std::vector<cv::Point2d> shifts;
-    double rms = 0;   ///< root mean square of the shift lengths
+    /// Samples no ray of this camera images: its distortion folds over before reaching them
+    /// (a calibration extrapolated into corners no board reached). Left out of the figures below.
+    int unreached = 0;
+    double rms = 0;   ///< root mean square of the shift lengths (NaN when no sample is reached)
     double mean = 0;  ///< mean shift length
     double max = 0;   ///< largest shift length
   };
@@ -163,10 +167,12 @@ class QUIB_API Projection {
   void undistort(Image& img) const;
 
   /// Compares two camera models across the image: each sample position of a columns x rows
-  /// grid is undistorted with this camera (iterated to 1e-12) and the ray projected with the
-  /// other (rescaled to this camera's size when the sizes differ); the pose of neither takes
-  /// part. Zero everywhere for the same intrinsics. False, with `out` untouched, when either
-  /// camera is empty, columns or rows is not positive, or a grid would exceed a million samples.
+  /// grid is undistorted with this camera (by Newton's method, which unlike
+  /// cv::undistortPoints also converges in the corners of a strongly distorted picture) and the ray
+  /// projected with the other (rescaled to this camera's size when the sizes differ); the pose of
+  /// neither takes part. Zero everywhere for the same intrinsics. False, with `out` untouched, when
+  /// either camera is empty, columns or rows is not positive, or a grid would exceed a million
+  /// samples.
   ///
   ///     quib::Projection::Difference d;
   ///     if (a.get_difference(b, d)) std::printf("differ by %.3f px at most\n", d.max);

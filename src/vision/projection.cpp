@@ -256,6 +256,46 @@ void Projection::undistort(Image& img) const {
   if (!result.empty()) result.copyTo(view);
 }
 
+namespace {
+
+// The undistorted normalised coordinates that the camera (k1, k2, p1, p2) images at pixel p,
+// by Newton's method from the distorted position. cv::undistortPoints' fixed-point iteration
+// drifts away in the corners of a strongly distorted picture; Newton's converges wherever the
+// distortion is invertible. NaN when no ray is imaged there (the distortion folds over
+// before reaching p).
+cv::Point2d normalised_ray(double const (&m)[9], double const (&k)[4], cv::Point2d p) {
+  double const yd = (p.y - m[5]) / m[4];
+  double const xd = (p.x - m[2]) / m[0];  // no skew, as cv::projectPoints
+  double x = xd;
+  double y = yd;
+  for (int step = 0; step < 100; ++step) {
+    double const r2 = x * x + y * y;
+    double const radial = 1 + k[0] * r2 + k[1] * r2 * r2;
+    double const dradial = k[0] + 2 * k[1] * r2;  // d radial / d (r2)
+    double const fx = x * radial + 2 * k[2] * x * y + k[3] * (r2 + 2 * x * x) - xd;
+    double const fy = y * radial + k[2] * (r2 + 2 * y * y) + 2 * k[3] * x * y - yd;
+    double const a = radial + 2 * x * x * dradial + 2 * k[2] * y + 6 * k[3] * x;
+    double const b = 2 * x * y * dradial + 2 * k[2] * x + 2 * k[3] * y;
+    double const c = 2 * x * y * dradial + 2 * k[2] * x + 2 * k[3] * y;
+    double const d = radial + 2 * y * y * dradial + 6 * k[2] * y + 2 * k[3] * x;
+    double const det = a * d - b * c;
+    if (!std::isfinite(det) || det == 0) break;
+    double const dx = (d * fx - b * fy) / det;
+    double const dy = (a * fy - c * fx) / det;
+    x -= dx;
+    y -= dy;
+    if (std::abs(dx) + std::abs(dy) < 1e-15) break;
+  }
+  double const r2 = x * x + y * y;
+  double const radial = 1 + k[0] * r2 + k[1] * r2 * r2;
+  double const ex = x * radial + 2 * k[2] * x * y + k[3] * (r2 + 2 * x * x) - xd;
+  double const ey = y * radial + k[2] * (r2 + 2 * y * y) + 2 * k[3] * x * y - yd;
+  if (!(std::abs(ex) + std::abs(ey) < 1e-10)) return {NAN, NAN};
+  return {x, y};
+}
+
+}  // namespace
+
 bool Projection::get_difference(Projection const& other, Difference& out, int columns,
                                 int rows) const {
   if (empty() || other.empty() || columns <= 0 || rows <= 0) return false;
@@ -271,27 +311,34 @@ bool Projection::get_difference(Projection const& other, Difference& out, int co
     }
   }
   std::vector<cv::Point2d> rays;
-  cv::undistortPoints(
-      made.points, rays, header(3, 3, matrix), header(1, 4, distortion), cv::noArray(),
-      cv::noArray(), cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 100, 1e-12));
+  rays.reserve(made.points.size());
+  for (cv::Point2d const& p : made.points)
+    rays.push_back(normalised_ray(matrix, distortion, p));
   std::vector<cv::Point3d> directions;
   directions.reserve(rays.size());
   for (cv::Point2d const& r : rays)
-    directions.emplace_back(r.x, r.y, 1.0);
+    directions.emplace_back(std::isnan(r.x) ? 0.0 : r.x, std::isnan(r.y) ? 0.0 : r.y, 1.0);
   std::vector<cv::Point2d> projected;
   double const zero[3] = {0, 0, 0};
   cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix),
                     header(1, 4, seen.distortion), projected);
   double sum = 0;
   for (std::size_t k = 0; k < projected.size(); ++k) {
+    if (std::isnan(rays[k].x)) {
+      made.shifts.emplace_back(NAN, NAN);
+      ++made.unreached;
+      continue;
+    }
     made.shifts.push_back(projected[k] - made.points[k]);
     double const length = std::hypot(made.shifts.back().x, made.shifts.back().y);
     sum += length * length;
     made.mean += length;
     made.max = std::max(made.max, length);
   }
-  made.rms = std::sqrt(sum / static_cast<double>(projected.size()));
-  made.mean /= static_cast<double>(projected.size());
+  auto const reached = static_cast<double>(projected.size()) - made.unreached;
+  made.rms = reached > 0 ? std::sqrt(sum / reached) : NAN;
+  made.mean = reached > 0 ? made.mean / reached : NAN;
+  if (reached == 0) made.max = NAN;
   out = std::move(made);
   return true;
 }

@@ -324,6 +324,21 @@ TEST(Projection, DifferenceOfTwoCamerasAcrossTheImage) {
   EXPECT_EQ(d.points[0], cv::Point2d(100, 100));  // cell centres of 1600 x 1200
   EXPECT_EQ(d.points[47], cv::Point2d(1500, 1100));
   EXPECT_LT(d.max, 1e-6);
+  // Strong barrel distortion: the corners of the picture still come back where they were.
+  const double barrel[4] = {-0.2, 0.05, 0, 0};
+  const double wide[9] = {420, 0, 243, 0, 418, 176, 0, 0, 1};
+  const quib::Projection fisheye({480, 360}, wide, barrel, zero, zero);
+  ASSERT_TRUE(fisheye.get_difference(fisheye, d));
+  EXPECT_LT(d.max, 1e-9);
+  EXPECT_EQ(d.unreached, 0);
+  // A negative k2 folds the picture over before its corners: those samples have no ray.
+  const double folded[4] = {-0.18, -0.29, 0, 0};
+  const quib::Projection fold({480, 360}, wide, folded, zero, zero);
+  ASSERT_TRUE(fold.get_difference(fold, d));
+  EXPECT_GT(d.unreached, 0);
+  EXPECT_LT(d.unreached, 768 / 2);
+  EXPECT_TRUE(std::isnan(d.shifts[0].x));  // a corner
+  EXPECT_LT(d.max, 1e-9);
 
   // The same camera at twice the size differs by nothing; one with fx 1 % longer by 1 % of
   // each sample's distance from the centre, along x.

@@ -7,6 +7,7 @@
 #include "commands.hpp"
 #include "image_io.hpp"
 
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <ostream>
@@ -37,10 +38,16 @@ void compareCameras(Context& ctx, std::string const& first, std::string const& s
   const quib::Projection b = loadCamera(second);
   quib::Projection::Difference d;
   if (!a.get_difference(b, d)) throw Failure(second, "cannot be compared with " + first);
-  std::size_t worst = 0;
-  for (std::size_t i = 1; i < d.shifts.size(); ++i)
-    if (cv::norm(d.shifts[i]) > cv::norm(d.shifts[worst])) worst = i;
-  const cv::Point2d at = d.points.empty() ? cv::Point2d() : d.points[worst];
+  // Where the largest shift is, among the samples a ray reaches.
+  cv::Point2d at(NAN, NAN);
+  double largest = -1;
+  for (std::size_t i = 0; i < d.shifts.size(); ++i) {
+    const double length = cv::norm(d.shifts[i]);
+    if (length > largest) {
+      largest = length;
+      at = d.points[i];
+    }
+  }
   if (ctx.json) {
     writeJson(ctx.out, {{"first", first},
                         {"second", second},
@@ -49,7 +56,8 @@ void compareCameras(Context& ctx, std::string const& first, std::string const& s
                         {"max", d.max},
                         {"max_at", {at.x, at.y}},
                         {"rms", d.rms},
-                        {"mean", d.mean}});
+                        {"mean", d.mean},
+                        {"unreached", d.unreached}});
   } else {
     ctx.out << "projection difference of " << second << " against " << first << " (px, "
             << d.columns << 'x' << d.rows << " samples)\n"
@@ -57,6 +65,9 @@ void compareCameras(Context& ctx, std::string const& first, std::string const& s
             << formatShort(at.y, 5) << ")\n"
             << "  rms   " << formatShort(d.rms, 4) << '\n'
             << "  mean  " << formatShort(d.mean, 4) << '\n';
+    if (d.unreached > 0)
+      ctx.out << "  " << d.unreached << " samples left out: no ray of " << first
+              << " reaches them (its distortion folds over before them)\n";
   }
 }
 
