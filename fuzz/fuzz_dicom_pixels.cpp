@@ -1,8 +1,8 @@
 // Feeds arbitrary bytes to frame decoding. The first 12 bytes choose the transfer syntax and the
 // pixel module's attributes (small sizes, so that runs stay fast); the rest is the Pixel Data
-// value. They are written as a DICOM file and read back with the standard reading. Encapsulated data that does not start with an item is wrapped as one fragment after
-// an empty offset table, so that every codec sees the bytes. Every frame is decoded, raw and
-// for display.
+// value. They are written as a DICOM file and read back with the standard reading. Encapsulated
+// data that does not start with an item is wrapped as one fragment after an empty offset table, so
+// that every codec sees the bytes. Every frame is decoded, raw and for display.
 #include <quib/dicom_image.hpp>
 
 #include <cstddef>

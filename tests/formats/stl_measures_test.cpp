@@ -1,7 +1,7 @@
 #include <quib/mesh_measures.hpp>
 
-#include <Eigen/Geometry>
 #include <gtest/gtest.h>
+#include <Eigen/Geometry>
 
 #include <algorithm>
 #include <cmath>
