@@ -48,10 +48,10 @@ class QUIB_API Clock {
   static std::int64_t frequency();
 
   /// The counter reading this clock measures from.
-  std::int64_t get_start() const { return start; }
+  std::int64_t get_start() const { return start_; }
 
  private:
-  std::int64_t start = 0;
+  std::int64_t start_ = 0;
 };
 
 static_assert(std::is_trivially_copyable_v<Clock>);
@@ -84,9 +84,9 @@ class QUIB_API Period {
   static Period& shared();
 
  private:
-  std::mutex mutex;
-  std::uint32_t last = 0;  // the last tick seen
-  std::uint64_t high = 0;  // a multiple of 2^32 added to each tick
+  std::mutex mutex_;
+  std::uint32_t last_ = 0;  // the last tick seen
+  std::uint64_t high_ = 0;  // a multiple of 2^32 added to each tick
 };
 
 }  // namespace implant_fps
@@ -131,11 +131,11 @@ class QUIB_API Fps {
   /// 1000 / (elapsed + w) and the next frame is due at now + w.
   std::int64_t getWaitTime(std::int64_t now);
 
-  int fps;                            // target rate, also the number of samples
-  std::vector<unsigned int> samples;  // frame rate at each of the last `fps` frames (a ring)
-  int index = 0;                      // the ring position the next frame overwrites
-  std::int64_t last = 0;              // when the current frame is due, in ms
-  std::int64_t period = 0;            // the target frame time in whole ms
+  int fps_;                            // target rate, also the number of samples
+  std::vector<unsigned int> samples_;  // frame rate at each of the last `fps` frames (a ring)
+  int index_ = 0;                      // the ring position the next frame overwrites
+  std::int64_t last_ = 0;              // when the current frame is due, in ms
+  std::int64_t period_ = 0;            // the target frame time in whole ms
 };
 
 namespace detail {

@@ -13,8 +13,8 @@
 namespace quib {
 
 namespace detail {
-class DigestEngine;
-struct HasherAccess;
+class digest_engine;
+struct hasher_access;
 }  // namespace detail
 
 /// A fast, non-cryptographic 64-bit hash for telling data apart (never for security).
@@ -57,7 +57,7 @@ class QUIB_API Hasher {
   std::uint64_t final();
 
  private:
-  std::uint64_t h = 0;
+  std::uint64_t h_ = 0;
 };
 
 }  // namespace hash
@@ -99,7 +99,7 @@ class QUIB_API Hasher {
   Hasher();
   /// A digest through another engine (tests, other providers); failures are named with
   /// OpenSSL's step names.
-  explicit Hasher(std::unique_ptr<detail::DigestEngine> engine);
+  explicit Hasher(std::unique_ptr<detail::digest_engine> engine);
   Hasher(Hasher&& other) noexcept;
   Hasher& operator=(Hasher&& other) noexcept;
   Hasher(Hasher const&) = delete;
@@ -116,18 +116,18 @@ class QUIB_API Hasher {
   std::string final_hex();
 
  private:
-  friend struct detail::HasherAccess;
+  friend struct detail::hasher_access;
   /// The four failure lines, one per step: acquire, create, update, finish.
   using step_messages = char const* const*;
-  Hasher(std::unique_ptr<detail::DigestEngine> engine, step_messages messages);
+  Hasher(std::unique_ptr<detail::digest_engine> engine, step_messages messages);
   bool start();
   bool fail(int step);
 
-  std::unique_ptr<detail::DigestEngine> engine;
-  step_messages messages;
-  bool acquired = false;  // the engine is acquired once per object
-  bool running = false;   // a digest has begun
-  bool failed = false;    // a step failed since the last final()
+  std::unique_ptr<detail::digest_engine> engine_;
+  step_messages messages_;
+  bool acquired_ = false;  // the engine is acquired once per object
+  bool running_ = false;   // a digest has begun
+  bool failed_ = false;    // a step failed since the last final()
 };
 
 }  // namespace sha256
@@ -138,9 +138,9 @@ namespace detail {
 
 /// The four steps of taking a digest from a cryptographic engine. The engine is acquired once
 /// and released by the object; create() begins a digest; each step returns false when it fails.
-class QUIB_API DigestEngine {
+class QUIB_API digest_engine {
  public:
-  virtual ~DigestEngine() = default;
+  virtual ~digest_engine() = default;
   virtual bool acquire() = 0;
   virtual bool create() = 0;
   virtual bool update(unsigned char const* data, std::size_t size) = 0;
@@ -152,7 +152,7 @@ class QUIB_API DigestEngine {
 /// one-shot digest of sha256::compute, whose failure lines are the documented
 /// "error CryptAcquireContext()", "error CryptCreateHash()", "error CryptHashData()" and
 /// "error CryptGetHashParam()".
-QUIB_API bool run_sha256(std::unique_ptr<DigestEngine> engine, std::vector<unsigned char>& out,
+QUIB_API bool run_sha256(std::unique_ptr<digest_engine> engine, std::vector<unsigned char>& out,
                          unsigned char const* data, std::size_t size);
 
 }  // namespace detail

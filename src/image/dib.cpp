@@ -49,7 +49,7 @@ int mod(int value, int divisor) {
 
 // The path as the Dib shows it: the UTF-8 text of a wide path.
 std::string shownPath(std::wstring const& path) {
-  return *detail::utf8_from_wide(path, detail::on_invalid::replace);
+  return *detail::utf8_from_wide(path, detail::on_invalid_t::replace);
 }
 
 }  // namespace

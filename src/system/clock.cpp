@@ -43,35 +43,35 @@ std::uint32_t read_tick() {
 // The process-wide timer state, set up when the library is loaded and released when it is
 // unloaded. On Windows the system tick and sleeps are switched to 1 ms resolution for the
 // lifetime of the library.
-struct TimerState {
+struct timer_state {
   std::int64_t frequency;
   implant_fps::Period ms_tick;  // the source of Clock::get_ms, independent of Fps's
 
-  TimerState() {
+  timer_state() {
 #if defined(_WIN32)
     timeBeginPeriod(1);
 #endif
     frequency = query_frequency();
   }
-  ~TimerState() {
+  ~timer_state() {
 #if defined(_WIN32)
     timeEndPeriod(1);
 #endif
   }
-  TimerState(TimerState const&) = delete;
-  TimerState& operator=(TimerState const&) = delete;
+  timer_state(timer_state const&) = delete;
+  timer_state& operator=(timer_state const&) = delete;
 };
 
 // A function-local static: initialised once, thread-safely, on first use (at the latest when
 // a clock is first read), and torn down with the library.
-TimerState& timer_state() {
-  static TimerState state;
+timer_state& the_timer() {
+  static timer_state state;
   return state;
 }
 
 // Loads the timer state together with the library, as the multimedia timer resolution is
 // meant to hold from load to unload.
-[[maybe_unused]] TimerState& loaded_with_library = timer_state();
+[[maybe_unused]] timer_state& loaded_with_library = the_timer();
 
 }  // namespace
 
@@ -101,15 +101,15 @@ Clock& Clock::operator=(int offset) {
 }
 
 void Clock::reset(int offset) {
-  start = read_counter() + offset;
+  start_ = read_counter() + offset;
 }
 
 std::int64_t Clock::get_delta_ms() const {
-  return get_delta_ms(start);
+  return get_delta_ms(start_);
 }
 
 std::int64_t Clock::get_delta_ms(std::int64_t from) const {
-  return detail::counts_to_ms(read_counter(), from, timer_state().frequency);
+  return detail::counts_to_ms(read_counter(), from, the_timer().frequency);
 }
 
 std::int64_t Clock::get_delta_now() const {
@@ -117,11 +117,11 @@ std::int64_t Clock::get_delta_now() const {
 }
 
 std::int64_t Clock::get_ms() {
-  return timer_state().ms_tick.now();
+  return the_timer().ms_tick.now();
 }
 
 std::int64_t Clock::frequency() {
-  return timer_state().frequency;
+  return the_timer().frequency;
 }
 
 namespace implant_fps {
@@ -131,10 +131,10 @@ std::int64_t Period::now() {
 }
 
 std::int64_t Period::extend(std::uint32_t tick) {
-  std::lock_guard<std::mutex> lock(mutex);
-  if (tick < last) high += std::uint64_t{1} << 32;  // the 32-bit tick has wrapped
-  last = tick;
-  return static_cast<std::int64_t>(high + tick);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (tick < last_) high_ += std::uint64_t{1} << 32;  // the 32-bit tick has wrapped
+  last_ = tick;
+  return static_cast<std::int64_t>(high_ + tick);
 }
 
 Period& Period::shared() {
@@ -147,18 +147,18 @@ Period& Period::shared() {
 
 }  // namespace implant_fps
 
-Fps::Fps(int rate) : fps(std::max(rate, 1)) {
-  period = static_cast<std::int64_t>(1000.0 / fps);
+Fps::Fps(int rate) : fps_(std::max(rate, 1)) {
+  period_ = static_cast<std::int64_t>(1000.0 / fps_);
   implant_fps::Period::shared();
-  samples.assign(static_cast<std::size_t>(fps), 0u);
-  last = getNow();
+  samples_.assign(static_cast<std::size_t>(fps_), 0u);
+  last_ = getNow();
 }
 
 int Fps::getFps() const {
   std::int64_t sum = 0;
-  for (unsigned int s : samples)
+  for (unsigned int s : samples_)
     sum += s;
-  return static_cast<int>(sum / fps);
+  return static_cast<int>(sum / fps_);
 }
 
 std::int64_t Fps::getNow() const {
@@ -174,16 +174,16 @@ std::int64_t Fps::getWaitTime() {
 }
 
 std::int64_t Fps::getWaitTime(std::int64_t now) {
-  int const i = index;
-  index = i + 1 < fps ? i + 1 : 0;
-  std::int64_t const elapsed = now - last;
-  std::int64_t const wait = period - elapsed;
+  int const i = index_;
+  index_ = i + 1 < fps_ ? i + 1 : 0;
+  std::int64_t const elapsed = now - last_;
+  std::int64_t const wait = period_ - elapsed;
   std::int64_t const w = wait >= 1 ? wait : 1;
   // elapsed + w >= period >= 0; it is 0 only for rates above 1000 called early: count that
   // frame as 1 ms rather than dividing by zero.
   std::int64_t const frame = std::max<std::int64_t>(elapsed + w, 1);
-  samples[static_cast<std::size_t>(i)] = static_cast<unsigned int>(1000 / frame);
-  last = now + w;
+  samples_[static_cast<std::size_t>(i)] = static_cast<unsigned int>(1000 / frame);
+  last_ = now + w;
   return w;
 }
 

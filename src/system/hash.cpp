@@ -48,25 +48,25 @@ std::basic_string<Char> hex_text(std::uint64_t h) {
   return hex_text<Char>(bytes, 8);
 }
 
-class EvpEngine final : public detail::DigestEngine {
+class evp_engine final : public detail::digest_engine {
  public:
-  EvpEngine() = default;
-  EvpEngine(EvpEngine const&) = delete;
-  EvpEngine& operator=(EvpEngine const&) = delete;
-  ~EvpEngine() override { EVP_MD_CTX_free(context); }
+  evp_engine() = default;
+  evp_engine(evp_engine const&) = delete;
+  evp_engine& operator=(evp_engine const&) = delete;
+  ~evp_engine() override { EVP_MD_CTX_free(context_); }
 
-  bool acquire() override { return (context = EVP_MD_CTX_new()) != nullptr; }
-  bool create() override { return EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1; }
+  bool acquire() override { return (context_ = EVP_MD_CTX_new()) != nullptr; }
+  bool create() override { return EVP_DigestInit_ex(context_, EVP_sha256(), nullptr) == 1; }
   bool update(unsigned char const* data, std::size_t size) override {
-    return EVP_DigestUpdate(context, data, size) == 1;
+    return EVP_DigestUpdate(context_, data, size) == 1;
   }
   bool finish(unsigned char* out) override {
     unsigned int length = 0;
-    return EVP_DigestFinal_ex(context, out, &length) == 1 && length == 32;
+    return EVP_DigestFinal_ex(context_, out, &length) == 1 && length == 32;
   }
 
  private:
-  EVP_MD_CTX* context = nullptr;
+  EVP_MD_CTX* context_ = nullptr;
 };
 
 // The failure lines of each step, in the order acquire, create, update, finish: what failed
@@ -77,21 +77,21 @@ char const* const kEvpMessages[] = {
 char const* const kComputeMessages[] = {"error CryptAcquireContext()", "error CryptCreateHash()",
                                         "error CryptHashData()", "error CryptGetHashParam()"};
 
-enum step : int { acquire_step, create_step, update_step, finish_step };
+enum step_t : int { acquire_step, create_step, update_step, finish_step };
 
 }  // namespace
 
 namespace detail {
 
-struct HasherAccess {
-  static sha256::Hasher make(std::unique_ptr<DigestEngine> engine, char const* const* messages) {
+struct hasher_access {
+  static sha256::Hasher make(std::unique_ptr<digest_engine> engine, char const* const* messages) {
     return sha256::Hasher(std::move(engine), messages);
   }
 };
 
-bool run_sha256(std::unique_ptr<DigestEngine> engine, std::vector<unsigned char>& out,
+bool run_sha256(std::unique_ptr<digest_engine> engine, std::vector<unsigned char>& out,
                 unsigned char const* data, std::size_t size) {
-  sha256::Hasher hasher = HasherAccess::make(std::move(engine), kComputeMessages);
+  sha256::Hasher hasher = hasher_access::make(std::move(engine), kComputeMessages);
   return hasher.update(data, size) && hasher.final(out);
 }
 
@@ -101,24 +101,24 @@ namespace hash {
 
 void Hasher::update(void const* data, std::size_t size) {
   auto const* bytes = static_cast<unsigned char const*>(data);
-  std::uint64_t value = h;
+  std::uint64_t value = h_;
   for (std::size_t i = 0; i < size; ++i)
     value = mix(value, bytes[i]);
-  h = value;
+  h_ = value;
 }
 
 void Hasher::update(std::string_view chars) {
-  std::uint64_t value = h;
+  std::uint64_t value = h_;
   for (char c : chars) {
     // Sign-extended whatever the signedness of char on this platform.
     auto const e = static_cast<std::int64_t>(static_cast<signed char>(c));
     value = mix(value, static_cast<std::uint64_t>(e));
   }
-  h = value;
+  h_ = value;
 }
 
 void Hasher::update(std::wstring_view text) {
-  std::uint64_t value = h;
+  std::uint64_t value = h_;
   for (wchar_t wc : text) {
     std::uint32_t const c = code_point(wc);
     if (c < 0x10000) {
@@ -129,11 +129,11 @@ void Hasher::update(std::wstring_view text) {
       value = mix(value, 0xDC00 + (v & 0x3FF));
     }
   }
-  h = value;
+  h_ = value;
 }
 
 std::uint64_t Hasher::final() {
-  return std::exchange(h, 0);
+  return std::exchange(h_, 0);
 }
 
 bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in) {
@@ -160,56 +160,56 @@ std::wstring compute(std::wstring const& in) {
 
 namespace sha256 {
 
-Hasher::Hasher() : Hasher(std::make_unique<EvpEngine>(), kEvpMessages) {}
+Hasher::Hasher() : Hasher(std::make_unique<evp_engine>(), kEvpMessages) {}
 
-Hasher::Hasher(std::unique_ptr<detail::DigestEngine> e) : Hasher(std::move(e), kEvpMessages) {}
+Hasher::Hasher(std::unique_ptr<detail::digest_engine> e) : Hasher(std::move(e), kEvpMessages) {}
 
-Hasher::Hasher(std::unique_ptr<detail::DigestEngine> e, step_messages m)
-    : engine(std::move(e)), messages(m) {}
+Hasher::Hasher(std::unique_ptr<detail::digest_engine> e, step_messages m)
+    : engine_(std::move(e)), messages_(m) {}
 
 Hasher::Hasher(Hasher&& other) noexcept
-    : engine(std::move(other.engine)),
-      messages(other.messages),
-      acquired(std::exchange(other.acquired, false)),
-      running(std::exchange(other.running, false)),
-      failed(std::exchange(other.failed, false)) {}
+    : engine_(std::move(other.engine_)),
+      messages_(other.messages_),
+      acquired_(std::exchange(other.acquired_, false)),
+      running_(std::exchange(other.running_, false)),
+      failed_(std::exchange(other.failed_, false)) {}
 
 Hasher& Hasher::operator=(Hasher&& other) noexcept {
-  engine = std::move(other.engine);
-  messages = other.messages;
-  acquired = std::exchange(other.acquired, false);
-  running = std::exchange(other.running, false);
-  failed = std::exchange(other.failed, false);
+  engine_ = std::move(other.engine_);
+  messages_ = other.messages_;
+  acquired_ = std::exchange(other.acquired_, false);
+  running_ = std::exchange(other.running_, false);
+  failed_ = std::exchange(other.failed_, false);
   return *this;
 }
 
 Hasher::~Hasher() = default;
 
 bool Hasher::fail(int which) {
-  std::fprintf(stderr, "%s\n", messages[which]);
-  failed = true;
-  running = false;
+  std::fprintf(stderr, "%s\n", messages_[which]);
+  failed_ = true;
+  running_ = false;
   return false;
 }
 
 // Acquires the engine once per object and begins a digest once per final(); a failure is
 // reported once and holds until final().
 bool Hasher::start() {
-  if (failed) return false;
-  if (!acquired) {
-    if (!engine || !engine->acquire()) return fail(acquire_step);
-    acquired = true;
+  if (failed_) return false;
+  if (!acquired_) {
+    if (!engine_ || !engine_->acquire()) return fail(acquire_step);
+    acquired_ = true;
   }
-  if (!running) {
-    if (!engine->create()) return fail(create_step);
-    running = true;
+  if (!running_) {
+    if (!engine_->create()) return fail(create_step);
+    running_ = true;
   }
   return true;
 }
 
 bool Hasher::update(void const* data, std::size_t size) {
   if (!start()) return false;
-  if (!engine->update(static_cast<unsigned char const*>(data), size)) return fail(update_step);
+  if (!engine_->update(static_cast<unsigned char const*>(data), size)) return fail(update_step);
   return true;
 }
 
@@ -217,10 +217,10 @@ bool Hasher::final(std::vector<unsigned char>& out) {
   bool ok = start();
   if (ok) {
     out.resize(32);
-    ok = engine->finish(out.data()) || fail(finish_step);
+    ok = engine_->finish(out.data()) || fail(finish_step);
   }
-  running = false;  // the next update begins a new digest
-  failed = false;
+  running_ = false;  // the next update begins a new digest
+  failed_ = false;
   return ok;
 }
 
@@ -231,12 +231,12 @@ std::string Hasher::final_hex() {
 }
 
 bool compute(std::vector<unsigned char>& out, std::vector<unsigned char> const& in) {
-  return detail::run_sha256(std::make_unique<EvpEngine>(), out, in.data(), in.size());
+  return detail::run_sha256(std::make_unique<evp_engine>(), out, in.data(), in.size());
 }
 
 std::string compute(std::string const& in) {
   std::vector<unsigned char> digest;
-  if (!detail::run_sha256(std::make_unique<EvpEngine>(), digest,
+  if (!detail::run_sha256(std::make_unique<evp_engine>(), digest,
                           reinterpret_cast<unsigned char const*>(in.data()), in.size())) {
     return {};
   }
@@ -245,9 +245,9 @@ std::string compute(std::string const& in) {
 
 std::wstring compute(std::wstring const& in) {
   // The same bytes as convert::to_string gives: unpaired surrogates become U+FFFD.
-  std::string const utf8 = *detail::utf8_from_wide(in, detail::on_invalid::replace);
+  std::string const utf8 = *detail::utf8_from_wide(in, detail::on_invalid_t::replace);
   std::vector<unsigned char> digest;
-  if (!detail::run_sha256(std::make_unique<EvpEngine>(), digest,
+  if (!detail::run_sha256(std::make_unique<evp_engine>(), digest,
                           reinterpret_cast<unsigned char const*>(utf8.data()), utf8.size())) {
     return {};
   }

@@ -15,10 +15,10 @@ namespace quib::detail {
 // in its place would open the wrong one. A surrogate pair is the character it stands for.
 inline std::optional<std::filesystem::path> native_path(std::wstring const& wide) {
 #if defined(_WIN32)
-  if (!utf8_from_wide(wide, on_invalid::fail)) return std::nullopt;
+  if (!utf8_from_wide(wide, on_invalid_t::fail)) return std::nullopt;
   return std::filesystem::path(wide);
 #else
-  auto utf8 = utf8_from_wide(wide, on_invalid::fail);
+  auto utf8 = utf8_from_wide(wide, on_invalid_t::fail);
   if (!utf8) return std::nullopt;
   return std::filesystem::path(std::move(*utf8));  // file names are UTF-8 bytes here
 #endif

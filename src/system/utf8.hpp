@@ -18,7 +18,7 @@ constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 /// What a conversion does with something that is no character (an unpaired surrogate, a value
 /// past U+10FFFF, bytes that are not well-formed UTF-8).
-enum class on_invalid {
+enum class on_invalid_t {
   replace,  ///< put U+FFFD in its place (text, hashing)
   fail,     ///< give up: the result is nothing (file names)
 };
@@ -117,27 +117,27 @@ inline char32_t decode_utf8(std::string_view text, std::size_t& i, bool& well_fo
 }
 
 // Wide text as UTF-8 (see the top of this file for how wide text is read); nothing when the text
-// holds something that is no character and `policy` is on_invalid::fail.
-inline std::optional<std::string> utf8_from_wide(std::wstring_view wide, on_invalid policy) {
+// holds something that is no character and `policy` is on_invalid_t::fail.
+inline std::optional<std::string> utf8_from_wide(std::wstring_view wide, on_invalid_t policy) {
   std::string out;
   out.reserve(wide.size());
   for (std::size_t i = 0; i < wide.size(); ++i) {
     char32_t const c = join_surrogates(wide, i);
-    if (!is_scalar_value(c) && policy == on_invalid::fail) return std::nullopt;
+    if (!is_scalar_value(c) && policy == on_invalid_t::fail) return std::nullopt;
     append_utf8(out, c);
   }
   return out;
 }
 
 // UTF-8 as wide text; each byte that belongs to no well-formed sequence is one U+FFFD, or the
-// result is nothing when `policy` is on_invalid::fail.
-inline std::optional<std::wstring> wide_from_utf8(std::string_view utf8, on_invalid policy) {
+// result is nothing when `policy` is on_invalid_t::fail.
+inline std::optional<std::wstring> wide_from_utf8(std::string_view utf8, on_invalid_t policy) {
   std::wstring out;
   out.reserve(utf8.size());
   bool well_formed = true;
   for (std::size_t i = 0; i < utf8.size();) {
     append_wide(out, decode_utf8(utf8, i, well_formed));
-    if (!well_formed && policy == on_invalid::fail) return std::nullopt;
+    if (!well_formed && policy == on_invalid_t::fail) return std::nullopt;
   }
   return out;
 }

@@ -12,12 +12,12 @@ namespace {
 // Drives the pacing step with chosen times instead of the real clock.
 class SteppedFps : public quib::Fps {
  public:
-  SteppedFps(int fps, std::int64_t due) : Fps(fps) { last = due; }
+  SteppedFps(int fps, std::int64_t due) : Fps(fps) { last_ = due; }
   std::int64_t step(std::int64_t now) { return getWaitTime(now); }
-  using Fps::index;
-  using Fps::last;
-  using Fps::period;
-  using Fps::samples;
+  using Fps::index_;
+  using Fps::last_;
+  using Fps::period_;
+  using Fps::samples_;
 };
 
 }  // namespace
@@ -60,17 +60,17 @@ TEST(Clock, MeasuresAtLeastTheTimeSlept) {
 
 TEST(Fps, WaitsTheRestOfTheFrame) {
   SteppedFps fps(60, 1000);
-  EXPECT_EQ(fps.period, 16);
+  EXPECT_EQ(fps.period_, 16);
   EXPECT_EQ(fps.step(1004), 12);  // 4 ms of work
-  EXPECT_EQ(fps.samples[0], 62u);
-  EXPECT_EQ(fps.last, 1016);
+  EXPECT_EQ(fps.samples_[0], 62u);
+  EXPECT_EQ(fps.last_, 1016);
   EXPECT_EQ(fps.step(1016 + 40), 1);  // 40 ms late: wait the minimum, record 1000 / 41
-  EXPECT_EQ(fps.samples[1], 24u);
-  EXPECT_EQ(fps.last, 1057);
+  EXPECT_EQ(fps.samples_[1], 24u);
+  EXPECT_EQ(fps.last_, 1057);
   EXPECT_EQ(fps.step(1057), 16);      // lateness is not carried into the next frame
   EXPECT_EQ(fps.step(1073 - 5), 21);  // an early frame waits longer but still records 62
-  EXPECT_EQ(fps.samples[3], 62u);
-  EXPECT_EQ(SteppedFps(30, 0).period, 33);
+  EXPECT_EQ(fps.samples_[3], 62u);
+  EXPECT_EQ(SteppedFps(30, 0).period_, 33);
 }
 
 TEST(Fps, FillsTheRingInOrder) {
@@ -82,9 +82,9 @@ TEST(Fps, FillsTheRingInOrder) {
   unsigned const rate[] = {3, 1, 3, 3, 0};
   for (int k = 0; k < 5; ++k) {
     SCOPED_TRACE(k);
-    EXPECT_EQ(fps.index, slot[k]);
-    fps.step(fps.last + lateness[k]);
-    EXPECT_EQ(fps.samples[static_cast<std::size_t>(slot[k])], rate[k]);
+    EXPECT_EQ(fps.index_, slot[k]);
+    fps.step(fps.last_ + lateness[k]);
+    EXPECT_EQ(fps.samples_[static_cast<std::size_t>(slot[k])], rate[k]);
   }
   EXPECT_EQ(fps.getFps(), (3 + 0 + 3) / 3);
 }
@@ -93,7 +93,7 @@ TEST(Fps, ReportsPartialRateUntilTheRingIsFull) {
   SteppedFps fps(60, 0);
   EXPECT_EQ(fps.getFps(), 0);
   for (int k = 1; k <= 90; ++k) {
-    fps.step(fps.last);  // every frame exactly on time: 62 each
+    fps.step(fps.last_);  // every frame exactly on time: 62 each
     if (k == 30) {
       EXPECT_EQ(fps.getFps(), 30 * 62 / 60);
     }
@@ -103,10 +103,10 @@ TEST(Fps, ReportsPartialRateUntilTheRingIsFull) {
 
 TEST(Fps, OddRatesStayDefined) {
   SteppedFps none(0, 0);  // taken as 1 frame per second
-  EXPECT_EQ(none.period, 1000);
-  EXPECT_EQ(none.samples.size(), 1u);
+  EXPECT_EQ(none.period_, 1000);
+  EXPECT_EQ(none.samples_.size(), 1u);
   SteppedFps fast(2000, 0);  // a 0 ms frame time, asked twice at the same instant
   EXPECT_EQ(fast.step(0), 1);
   EXPECT_EQ(fast.step(0), 1);
-  EXPECT_EQ(fast.samples[1], 1000u);
+  EXPECT_EQ(fast.samples_[1], 1000u);
 }

@@ -104,7 +104,7 @@ TEST(Sha256, AgreesWithSha256sumOnAFile) {
 namespace {
 
 // An engine that fails at one chosen step (1 to 4; 0 for none).
-class FailingEngine : public quib::detail::DigestEngine {
+class FailingEngine : public quib::detail::digest_engine {
  public:
   explicit FailingEngine(int failing) : failing(failing) {}
   bool acquire() override { return failing != 1; }

@@ -57,16 +57,16 @@ TEST(Text, TextHashingAndPathsAgreeOnEverySurrogate) {
 }
 
 TEST(Text, DecodingReplacesOrFailsAsTheCallerNames) {
-  using quib::detail::on_invalid;
+  using quib::detail::on_invalid_t;
   using quib::detail::wide_from_utf8;
   // Well-formed text round-trips under either policy.
   const std::string good = "A\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";
-  EXPECT_EQ(wide_from_utf8(good, on_invalid::fail), std::wstring(L"A\u00E4\u20AC\U0001F600"));
-  EXPECT_EQ(to_string(*wide_from_utf8(good, on_invalid::fail)), good);
+  EXPECT_EQ(wide_from_utf8(good, on_invalid_t::fail), std::wstring(L"A\u00E4\u20AC\U0001F600"));
+  EXPECT_EQ(to_string(*wide_from_utf8(good, on_invalid_t::fail)), good);
   // An encoded surrogate, a truncated sequence, a lead byte with nothing after it.
   for (std::string bad : {"a\xED\xA0\x80", "x\xE2\x82", "\xF0"}) {
     SCOPED_TRACE(bad);
-    EXPECT_FALSE(wide_from_utf8(bad, on_invalid::fail));
+    EXPECT_FALSE(wide_from_utf8(bad, on_invalid_t::fail));
     EXPECT_EQ(quib::convert::to_wstring(bad).back(), L'\uFFFD');
   }
 }
