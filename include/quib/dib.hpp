@@ -35,22 +35,22 @@ class QUIB_API Palette {
 
   void clear();
   void swap(Palette& other) noexcept;
-  std::uint64_t size() const { return count; }
-  unsigned int* begin() const { return data; }
-  unsigned int* end() const { return data + count; }
-  unsigned int& operator[](int i) const { return data[i]; }
+  std::uint64_t size() const { return count_; }
+  unsigned int* begin() const { return data_; }
+  unsigned int* end() const { return data_ + count_; }
+  unsigned int& operator[](int i) const { return data_[i]; }
   /// Throws when i (as an unsigned 64-bit value) is less than size(); otherwise entry i,
   /// unchecked.
   unsigned int& at(int i) const;
   /// True when there is no entry array at all.
-  bool empty() const { return data == nullptr; }
-  explicit operator bool() const { return count != 0; }
-  bool operator!() const { return count == 0; }
+  bool empty() const { return data_ == nullptr; }
+  explicit operator bool() const { return count_ != 0; }
+  bool operator!() const { return count_ == 0; }
 
  private:
-  unsigned int* data;
-  std::shared_ptr<unsigned int> handle;
-  std::uint64_t count;
+  unsigned int* data_;
+  std::shared_ptr<unsigned int> handle_;
+  std::uint64_t count_;
 };
 
 /// Sample arrangement of a bitmap file; rows are transferred only when pixel-interleaved.
@@ -98,10 +98,10 @@ class QUIB_API Dib {
   explicit Dib(std::wstring const& path);
   /// Creates a new file (or reopens an existing bitmap) for writing rows. A negative height
   /// makes a top-down file.
-  Dib(std::string const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
-      int colorCount, Palette const& palette);
-  Dib(std::wstring const& path, int width, int height, int xDpi, int yDpi, int bits, int align,
-      int colorCount, Palette const& palette);
+  Dib(std::string const& path, int width, int height, int x_dpi, int y_dpi, int bits, int align,
+      int color_count, Palette const& palette);
+  Dib(std::wstring const& path, int width, int height, int x_dpi, int y_dpi, int bits, int align,
+      int color_count, Palette const& palette);
   Dib(Dib const&) = default;
   Dib& operator=(Dib const&) = default;
   ~Dib() = default;
@@ -129,12 +129,12 @@ class QUIB_API Dib {
                                         palette_t palette = palette_t::grey_or_bgr);
 
   /// Creates or reopens a file for writing; true when the stream is good.
-  [[nodiscard]] bool create(std::string const& path, int width, int height, int xDpi, int yDpi,
-                            int bits, int align, int colorCount, Palette const& palette);
+  [[nodiscard]] bool create(std::string const& path, int width, int height, int x_dpi, int y_dpi,
+                            int bits, int align, int color_count, Palette const& palette);
   /// The same for wide paths; path() then holds the path in UTF-8.
   [[nodiscard]] bool create(std::wstring const& path);
-  [[nodiscard]] bool create(std::wstring const& path, int width, int height, int xDpi, int yDpi,
-                            int bits, int align, int colorCount, Palette const& palette);
+  [[nodiscard]] bool create(std::wstring const& path, int width, int height, int x_dpi, int y_dpi,
+                            int bits, int align, int color_count, Palette const& palette);
   void swap(Dib& other) noexcept;
   /// Releases this handle (the file closes when no copy shares it).
   void close();
@@ -144,31 +144,31 @@ class QUIB_API Dib {
   /// Sets the stream's exception mask; the end-of-file bit is always taken out of it.
   void exceptions(std::ios_base::iostate mask);
   /// The path given when opening (UTF-8 for a wide path); empty after a failure.
-  std::string path() const { return filePath; }
+  std::string path() const { return file_path_; }
 
-  int getWidth() const { return width; }
-  int getHeight() const { return height; }
-  int getLineBytes() const { return lineBytes; }
-  int getXDpi() const { return xDpi; }
-  int getYDpi() const { return yDpi; }
-  int getPlaneCount() const { return planeCount; }
-  int getColorCount() const { return colorCount; }
-  interleave_type getInterleave() const { return interleave; }
-  int getBits() const { return coordinator.getBits(); }
-  int getAlign() const { return coordinator.getAlign(); }
-  /// planeCount * lineBytes * height.
+  int getWidth() const { return width_; }
+  int getHeight() const { return height_; }
+  int getLineBytes() const { return line_bytes_; }
+  int getXDpi() const { return x_dpi_; }
+  int getYDpi() const { return y_dpi_; }
+  int getPlaneCount() const { return plane_count_; }
+  int getColorCount() const { return color_count_; }
+  interleave_type getInterleave() const { return interleave_; }
+  int getBits() const { return coordinator_.getBits(); }
+  int getAlign() const { return coordinator_.getAlign(); }
+  /// getPlaneCount() * getLineBytes() * getHeight().
   std::uint64_t getImageSize() const;
   /// The descriptor of one sample (color 0, bits per sample, align).
-  ImageCoordinator getCoordinator() const { return coordinator; }
+  ImageCoordinator getCoordinator() const { return coordinator_; }
   /// The colour table of the file (read from an opened file, given to a created one).
-  Palette getPalette() const { return palette; }
-  bool isTopDown() const { return topDown; }
+  Palette getPalette() const { return palette_; }
+  bool isTopDown() const { return top_down_; }
   /// Bits per pixel as the file header gives them (`biBitCount`): 1, 4, 8, 16, 24 or 32 in an
   /// ordinary file; bits per sample times samples for a created one.
-  int getBitCount() const { return bitCount; }
-  int getDataOffset() const { return dataOffset; }
+  int getBitCount() const { return bit_count_; }
+  int getDataOffset() const { return data_offset_; }
 
-  mode_t getMode() const { return mode; }
+  mode_t getMode() const { return mode_; }
   /// The stream's read position after opening, its write position after creating, else 0.
   std::int64_t tell() const;
   /// Row cursor number index mod 4.
@@ -176,42 +176,42 @@ class QUIB_API Dib {
   /// Sets row cursor number index mod 4 to min(row, height), or 0 for a negative row.
   void seek(int index, int row);
 
-  /// Moves bytes / lineBytes whole rows at cursor 0; returns the bytes moved (0 on failure).
+  /// Moves bytes / getLineBytes() whole rows at cursor 0; returns the bytes moved (0 on failure).
   [[nodiscard]] int read(unsigned char* buffer, int bytes);
   [[nodiscard]] int write(unsigned char const* buffer, int bytes);
-  /// Moves sample plane `index` mod colorCount at cursor index mod 4, in units of the
+  /// Moves sample plane `index` mod getColorCount() at cursor index mod 4, in units of the
   /// one-sample row length; never touches more than `bytes` bytes of the caller's memory.
   [[nodiscard]] int read(int index, unsigned char* buffer, int bytes);
   [[nodiscard]] int write(int index, unsigned char const* buffer, int bytes);
 
  private:
   void open(std::filesystem::path const& native);
-  void open(std::filesystem::path const& native, int width, int height, int xDpi, int yDpi,
-            int bits, int align, int colorCount, Palette const& palette);
-  bool readHeaders(bool keepGeometry);
+  void open(std::filesystem::path const& native, int width, int height, int x_dpi, int y_dpi,
+            int bits, int align, int color_count, Palette const& palette);
+  bool read_headers(bool keep_geometry);
   void refuse();
-  int rowsAt(int cursor, int rows) const;
-  std::int64_t offsetOf(int cursor, int rows) const;
-  int oneSampleLineBytes() const;
-  Image readPicture(palette_t palette);
+  int rows_at(int cursor, int rows) const;
+  std::int64_t offset_of(int cursor, int rows) const;
+  int one_sample_line_bytes() const;
+  Image read_picture(palette_t palette);
 
-  std::shared_ptr<std::fstream> stream;
-  std::string filePath;
-  int width;
-  int height;
-  int lineBytes;
-  int xDpi;
-  int yDpi;
-  int planeCount;
-  int colorCount;
-  interleave_type interleave;
-  int position[4];
-  int dataOffset;
-  bool topDown;
-  Palette palette;
-  ImageCoordinator coordinator;
-  mode_t mode;
-  int bitCount;
+  std::shared_ptr<std::fstream> stream_;
+  std::string file_path_;
+  int width_;
+  int height_;
+  int line_bytes_;
+  int x_dpi_;
+  int y_dpi_;
+  int plane_count_;
+  int color_count_;
+  interleave_type interleave_;
+  int position_[4];
+  int data_offset_;
+  bool top_down_;
+  Palette palette_;
+  ImageCoordinator coordinator_;
+  mode_t mode_;
+  int bit_count_;
 };
 
 inline void swap(Palette& a, Palette& b) noexcept {

@@ -63,17 +63,17 @@ class QUIB_API ImageCoordinator {
   ImageCoordinator& operator=(ImageCoordinator const&) = default;
   void swap(ImageCoordinator& other) noexcept;
 
-  color_type getColor() const { return color; }
-  void setColor(color_type c) { color = c; }
-  int getBits() const { return bits; }
+  color_type getColor() const { return color_; }
+  void setColor(color_type c) { color_ = c; }
+  int getBits() const { return bits_; }
   /// Stores `bits` and re-derives the block format from it, replacing custom values.
   void setBits(int b);
-  int getAlign() const { return align; }
-  void setAlign(int a) { align = a; }
-  int getNumerator() const { return numerator; }
-  void setNumerator(int n) { numerator = n; }
-  int getDenominator() const { return denominator; }
-  void setDenominator(int d) { denominator = d; }
+  int getAlign() const { return align_; }
+  void setAlign(int a) { align_ = a; }
+  int getNumerator() const { return numerator_; }
+  void setNumerator(int n) { numerator_ = n; }
+  int getDenominator() const { return denominator_; }
+  void setDenominator(int d) { denominator_ = d; }
 
   /// Channels per pixel, from the colour model (and the bit depth for `undetermined`).
   int getChannel() const;
@@ -82,8 +82,8 @@ class QUIB_API ImageCoordinator {
   int getLineBytes(int width) const;
 
   friend bool operator==(ImageCoordinator const& a, ImageCoordinator const& b) {
-    return a.color == b.color && a.bits == b.bits && a.align == b.align &&
-           a.denominator == b.denominator && a.numerator == b.numerator;
+    return a.color_ == b.color_ && a.bits_ == b.bits_ && a.align_ == b.align_ &&
+           a.denominator_ == b.denominator_ && a.numerator_ == b.numerator_;
   }
   friend bool operator!=(ImageCoordinator const& a, ImageCoordinator const& b) { return !(a == b); }
 
@@ -92,11 +92,11 @@ class QUIB_API ImageCoordinator {
   void setBlockFormat(int b);
 
  private:
-  color_type color;
-  int bits;
-  int align;
-  int denominator;
-  int numerator;
+  color_type color_;
+  int bits_;
+  int align_;
+  int denominator_;
+  int numerator_;
 };
 
 static_assert(std::is_trivially_copyable_v<ImageCoordinator>);
@@ -134,17 +134,17 @@ class QUIB_API Image {
 
   /// Owned, zero-filled pixels; the stride follows from the row length rule.
   Image(int width, int height, int bits, int align, color_type color);
-  /// Owned, zero-filled pixels of height * lineBytes bytes.
-  Image(int width, int height, int lineBytes, int bits, int align, color_type color);
+  /// Owned, zero-filled pixels of height * line_bytes bytes.
+  Image(int width, int height, int line_bytes, int bits, int align, color_type color);
   /// Borrowed pixels; the stride follows from the row length rule.
   Image(int width, int height, unsigned char* data, int bits, int align, color_type color);
   /// Borrowed pixels with the given stride.
-  Image(int width, int height, int lineBytes, unsigned char* data, int bits, int align,
+  Image(int width, int height, int line_bytes, unsigned char* data, int bits, int align,
         color_type color);
   Image(int width, int height, ImageCoordinator const& coordinator);
-  Image(int width, int height, int lineBytes, ImageCoordinator const& coordinator);
+  Image(int width, int height, int line_bytes, ImageCoordinator const& coordinator);
   Image(int width, int height, unsigned char* data, ImageCoordinator const& coordinator);
-  Image(int width, int height, int lineBytes, unsigned char* data,
+  Image(int width, int height, int line_bytes, unsigned char* data,
         ImageCoordinator const& coordinator);
 
   /// Takes over the other image's description and shares its pixels (as operator=).
@@ -156,19 +156,19 @@ class QUIB_API Image {
   void clear();
 
   /// True when there is no pixel buffer (a 0x0 image with a buffer is not empty).
-  bool empty() const { return !buffer; }
-  int getWidth() const { return width; }
-  int getHeight() const { return height; }
-  int getLineBytes() const { return lineBytes; }
-  int getBits() const { return coordinator.getBits(); }
-  int getAlign() const { return coordinator.getAlign(); }
-  int getChannel() const { return coordinator.getChannel(); }
-  ImageCoordinator getCoordinator() const { return coordinator; }
-  extent_type getExtent() const { return extent_type(width, height); }
-  region::rect<int> getRect() const { return region::rect<int>{0, 0, width, height}; }
-  unsigned char* getBuffer() { return buffer.get(); }
-  unsigned char const* getBuffer() const { return buffer.get(); }
-  /// height * lineBytes.
+  bool empty() const { return !buffer_; }
+  int getWidth() const { return width_; }
+  int getHeight() const { return height_; }
+  int getLineBytes() const { return line_bytes_; }
+  int getBits() const { return coordinator_.getBits(); }
+  int getAlign() const { return coordinator_.getAlign(); }
+  int getChannel() const { return coordinator_.getChannel(); }
+  ImageCoordinator getCoordinator() const { return coordinator_; }
+  extent_type getExtent() const { return extent_type(width_, height_); }
+  region::rect<int> getRect() const { return region::rect<int>{0, 0, width_, height_}; }
+  unsigned char* getBuffer() { return buffer_.get(); }
+  unsigned char const* getBuffer() const { return buffer_.get(); }
+  /// getHeight() * getLineBytes().
   std::uint64_t getBufferSize() const;
   /// How many pixels one stride can hold (at least the width).
   int getLinePixel() const;
@@ -195,26 +195,26 @@ class QUIB_API Image {
   /// A cv::Mat header over `data` (no copy, no reference held). Depth by bits per channel:
   /// <= 8 CV_8U, <= 16 CV_16U, <= 32 CV_32F, <= 64 CV_64F, larger 7. `size` and `align` are
   /// not used.
-  static cv::Mat makeMat(int width, int height, int lineBytes, unsigned char* data,
-                         std::uint64_t size, int channels, int bitsPerChannel, int align);
-  cv::Mat makeMat(int channels, int bitsPerChannel) const;
+  static cv::Mat makeMat(int width, int height, int line_bytes, unsigned char* data,
+                         std::uint64_t size, int channels, int bits_per_channel, int align);
+  cv::Mat makeMat(int channels, int bits_per_channel) const;
   cv::Mat makeMat(int channels) const;
   cv::Mat makeMat() const;
 
-  /// An IplImage record over `data`: depth 1, 8, 16 or 32 when bitsPerChannel is exactly that,
+  /// An IplImage record over `data`: depth 1, 8, 16 or 32 when bits_per_channel is exactly that,
   /// otherwise 8; interleaved, top-left origin, no region of interest.
-  static IplImage makeIpl(int width, int height, int lineBytes, unsigned char* data,
-                          std::uint64_t size, int channels, int bitsPerChannel, int align);
-  IplImage makeIpl(int channels, int bitsPerChannel) const;
+  static IplImage makeIpl(int width, int height, int line_bytes, unsigned char* data,
+                          std::uint64_t size, int channels, int bits_per_channel, int align);
+  IplImage makeIpl(int channels, int bits_per_channel) const;
   IplImage makeIpl(int channels) const;
   IplImage makeIpl() const;
 
  private:
-  int width;
-  int height;
-  int lineBytes;
-  std::shared_ptr<unsigned char> buffer;
-  ImageCoordinator coordinator;
+  int width_;
+  int height_;
+  int line_bytes_;
+  std::shared_ptr<unsigned char> buffer_;
+  ImageCoordinator coordinator_;
 };
 
 inline void swap(Image& a, Image& b) noexcept {

@@ -10,8 +10,8 @@ namespace {
 
 const ImageCoordinator kDefaultFormat(8, 1, 1, 1, color_type::undetermined);
 
-std::shared_ptr<unsigned char> allocate(int height, int lineBytes) {
-  const std::size_t n = static_cast<std::size_t>(height) * static_cast<std::size_t>(lineBytes);
+std::shared_ptr<unsigned char> allocate(int height, int line_bytes) {
+  const std::size_t n = static_cast<std::size_t>(height) * static_cast<std::size_t>(line_bytes);
   return std::shared_ptr<unsigned char>(new unsigned char[n](),
                                         std::default_delete<unsigned char[]>());
 }
@@ -20,13 +20,13 @@ std::shared_ptr<unsigned char> borrow(unsigned char* data) {
   return std::shared_ptr<unsigned char>(data, none_deleter());
 }
 
-std::ptrdiff_t blockOffset(int x, int numerator, int denominator) {
+std::ptrdiff_t block_offset(int x, int numerator, int denominator) {
   return static_cast<std::ptrdiff_t>((x * numerator) / denominator / numerator * numerator);
 }
 
 }  // namespace
 
-Image::Image() : width(0), height(0), lineBytes(0), coordinator(kDefaultFormat) {}
+Image::Image() : width_(0), height_(0), line_bytes_(0), coordinator_(kDefaultFormat) {}
 
 Image::Image(Image const& other) = default;
 Image& Image::operator=(Image const& other) = default;
@@ -58,35 +58,35 @@ Image::Image(int w, int h, ImageCoordinator const& format)
     : Image(w, h, format.getLineBytes(w), format) {}
 
 Image::Image(int w, int h, int lb, ImageCoordinator const& format)
-    : width(w), height(h), lineBytes(lb), buffer(allocate(h, lb)), coordinator(format) {}
+    : width_(w), height_(h), line_bytes_(lb), buffer_(allocate(h, lb)), coordinator_(format) {}
 
 Image::Image(int w, int h, unsigned char* data, ImageCoordinator const& format)
     : Image(w, h, format.getLineBytes(w), data, format) {}
 
 Image::Image(int w, int h, int lb, unsigned char* data, ImageCoordinator const& format)
-    : width(w), height(h), lineBytes(lb), buffer(borrow(data)), coordinator(format) {}
+    : width_(w), height_(h), line_bytes_(lb), buffer_(borrow(data)), coordinator_(format) {}
 
 void Image::with(Image const& other) {
   *this = other;
 }
 
 void Image::copy(Image const& other) {
-  if (!other.buffer) {
+  if (!other.buffer_) {
     with(other);
     return;
   }
-  Image fresh(other.width, other.height, other.lineBytes, other.coordinator);
-  std::memcpy(fresh.buffer.get(), other.buffer.get(),
+  Image fresh(other.width_, other.height_, other.line_bytes_, other.coordinator_);
+  std::memcpy(fresh.buffer_.get(), other.buffer_.get(),
               static_cast<std::size_t>(std::min(fresh.getBufferSize(), other.getBufferSize())));
   swap(fresh);
 }
 
 void Image::swap(Image& other) noexcept {
-  std::swap(width, other.width);
-  std::swap(height, other.height);
-  std::swap(lineBytes, other.lineBytes);
-  buffer.swap(other.buffer);
-  coordinator.swap(other.coordinator);
+  std::swap(width_, other.width_);
+  std::swap(height_, other.height_);
+  std::swap(line_bytes_, other.line_bytes_);
+  buffer_.swap(other.buffer_);
+  coordinator_.swap(other.coordinator_);
 }
 
 void Image::clear() {
@@ -95,26 +95,26 @@ void Image::clear() {
 }
 
 std::uint64_t Image::getBufferSize() const {
-  return static_cast<std::uint64_t>(static_cast<std::int64_t>(height) * lineBytes);
+  return static_cast<std::uint64_t>(static_cast<std::int64_t>(height_) * line_bytes_);
 }
 
 int Image::getLinePixel() const {
-  int const n = coordinator.getNumerator();
-  return (coordinator.getDenominator() * lineBytes + n - 1) / n;
+  int const n = coordinator_.getNumerator();
+  return (coordinator_.getDenominator() * line_bytes_ + n - 1) / n;
 }
 
 bool Image::contains(point_type const& p) const {
-  return static_cast<unsigned>(p.x) < static_cast<unsigned>(width) &&
-         static_cast<unsigned>(p.y) < static_cast<unsigned>(height);
+  return static_cast<unsigned>(p.x) < static_cast<unsigned>(width_) &&
+         static_cast<unsigned>(p.y) < static_cast<unsigned>(height_);
 }
 
 bool Image::isBorrowed() const {
-  return std::get_deleter<none_deleter>(buffer) != nullptr;
+  return std::get_deleter<none_deleter>(buffer_) != nullptr;
 }
 
 unsigned char* Image::getAddress(point_type const& p) {
-  return buffer.get() + static_cast<std::ptrdiff_t>(p.y) * lineBytes +
-         blockOffset(p.x, coordinator.getNumerator(), coordinator.getDenominator());
+  return buffer_.get() + static_cast<std::ptrdiff_t>(p.y) * line_bytes_ +
+         block_offset(p.x, coordinator_.getNumerator(), coordinator_.getDenominator());
 }
 
 unsigned char const* Image::getAddress(point_type const& p) const {
@@ -122,8 +122,8 @@ unsigned char const* Image::getAddress(point_type const& p) const {
 }
 
 unsigned char* Image::getAddress(point_type const& p, ImageCoordinator const& format) {
-  return buffer.get() + static_cast<std::ptrdiff_t>(p.y) * format.getLineBytes(width) +
-         blockOffset(p.x, format.getNumerator(), format.getDenominator());
+  return buffer_.get() + static_cast<std::ptrdiff_t>(p.y) * format.getLineBytes(width_) +
+         block_offset(p.x, format.getNumerator(), format.getDenominator());
 }
 
 unsigned char const* Image::getAddress(point_type const& p, ImageCoordinator const& format) const {
@@ -140,23 +140,23 @@ unsigned char const* Image::getAddress(point_type const& p, int bits, int align)
 
 void Image::setExtent(extent_type const& e, ImageCoordinator const& format) {
   if (isBorrowed()) {
-    width = e.cx;
-    height = e.cy;
-    lineBytes = format.getLineBytes(e.cx);
-    coordinator = format;
+    width_ = e.cx;
+    height_ = e.cy;
+    line_bytes_ = format.getLineBytes(e.cx);
+    coordinator_ = format;
     return;
   }
   Image fresh(e.cx, e.cy, format);
-  if (buffer) {
+  if (buffer_) {
     // One flat run: rows are not re-aligned, so a new stride shears the old content.
-    std::memcpy(fresh.buffer.get(), buffer.get(),
+    std::memcpy(fresh.buffer_.get(), buffer_.get(),
                 static_cast<std::size_t>(std::min(getBufferSize(), fresh.getBufferSize())));
   }
   swap(fresh);
 }
 
 void Image::setExtent(extent_type const& e) {
-  setExtent(e, ImageCoordinator(coordinator));
+  setExtent(e, ImageCoordinator(coordinator_));
 }
 
 void Image::setExtent(extent_type const& e, int bits, int align) {
@@ -164,22 +164,22 @@ void Image::setExtent(extent_type const& e, int bits, int align) {
 }
 
 cv::Mat Image::makeMat(int w, int h, int lb, unsigned char* data, std::uint64_t /*size*/,
-                       int channels, int bitsPerChannel, int /*align*/) {
+                       int channels, int bits_per_channel, int /*align*/) {
   int depth = 7;
-  if (bitsPerChannel <= 8)
+  if (bits_per_channel <= 8)
     depth = CV_8U;
-  else if (bitsPerChannel <= 16)
+  else if (bits_per_channel <= 16)
     depth = CV_16U;
-  else if (bitsPerChannel <= 32)
+  else if (bits_per_channel <= 32)
     depth = CV_32F;
-  else if (bitsPerChannel <= 64)
+  else if (bits_per_channel <= 64)
     depth = CV_64F;
   return cv::Mat(h, w, CV_MAKETYPE(depth, channels), data, static_cast<std::size_t>(lb));
 }
 
-cv::Mat Image::makeMat(int channels, int bitsPerChannel) const {
-  return makeMat(width, height, lineBytes, buffer.get(), getBufferSize(), channels, bitsPerChannel,
-                 coordinator.getAlign());
+cv::Mat Image::makeMat(int channels, int bits_per_channel) const {
+  return makeMat(width_, height_, line_bytes_, buffer_.get(), getBufferSize(), channels,
+                 bits_per_channel, coordinator_.getAlign());
 }
 
 cv::Mat Image::makeMat(int channels) const {
@@ -191,14 +191,14 @@ cv::Mat Image::makeMat() const {
 }
 
 IplImage Image::makeIpl(int w, int h, int lb, unsigned char* data, std::uint64_t size, int channels,
-                        int bitsPerChannel, int align) {
+                        int bits_per_channel, int align) {
   IplImage ipl;
   std::memset(&ipl, 0, sizeof ipl);
   ipl.nSize = static_cast<int>(sizeof(IplImage));
   ipl.nChannels = channels;
-  bool const known =
-      bitsPerChannel == 1 || bitsPerChannel == 8 || bitsPerChannel == 16 || bitsPerChannel == 32;
-  ipl.depth = known ? bitsPerChannel : 8;
+  bool const known = bits_per_channel == 1 || bits_per_channel == 8 || bits_per_channel == 16 ||
+                     bits_per_channel == 32;
+  ipl.depth = known ? bits_per_channel : 8;
   ipl.dataOrder = 0;
   ipl.origin = 0;
   ipl.align = align;
@@ -211,9 +211,9 @@ IplImage Image::makeIpl(int w, int h, int lb, unsigned char* data, std::uint64_t
   return ipl;
 }
 
-IplImage Image::makeIpl(int channels, int bitsPerChannel) const {
-  return makeIpl(width, height, lineBytes, buffer.get(), getBufferSize(), channels, bitsPerChannel,
-                 coordinator.getAlign());
+IplImage Image::makeIpl(int channels, int bits_per_channel) const {
+  return makeIpl(width_, height_, line_bytes_, buffer_.get(), getBufferSize(), channels,
+                 bits_per_channel, coordinator_.getAlign());
 }
 
 IplImage Image::makeIpl(int channels) const {
