@@ -209,15 +209,15 @@ class QUIB_API Dicom {
     /// The family's group and number values and the VR from the row; null as above.
     Data(const dicom::data_map_t* row, std::uint32_t size);
 
-    std::uint16_t get_group() const { return group; }
-    std::uint16_t get_number() const { return number; }
+    std::uint16_t get_group() const { return group_; }
+    std::uint16_t get_number() const { return number_; }
     /// The VR as two little-endian characters ("OB" is 0x424F); 0 when unknown.
-    std::uint16_t get_type() const { return type; }
+    std::uint16_t get_type() const { return type_; }
     /// The value length; 0xFFFFFFFF is an undefined length.
-    std::uint32_t get_size() const { return size; }
-    std::uint32_t get_tag() const { return dicom::tag_key(group, number); }
-    bool is() const { return group != 0; }
-    bool empty() const { return group == 0; }
+    std::uint32_t get_size() const { return size_; }
+    std::uint32_t get_tag() const { return dicom::tag_key(group_, number_); }
+    bool is() const { return group_ != 0; }
+    bool empty() const { return group_ == 0; }
     /// The dictionary identity: an exact-tag row wins over a masked one; `unknown` when
     /// neither table knows the tag.
     dicom::element_t get_element() const;
@@ -227,13 +227,13 @@ class QUIB_API Dicom {
    private:
     void look_up() const;
 
-    std::uint16_t group = 0;
-    std::uint16_t number = 0;
-    std::uint16_t type = 0;
-    std::uint32_t size = 0;
-    mutable const dicom::data_set_t* set = nullptr;
-    mutable const dicom::data_map_t* map = nullptr;
-    mutable bool looked_up = false;
+    std::uint16_t group_ = 0;
+    std::uint16_t number_ = 0;
+    std::uint16_t type_ = 0;
+    std::uint32_t size_ = 0;
+    mutable const dicom::data_set_t* set_ = nullptr;
+    mutable const dicom::data_map_t* map_ = nullptr;
+    mutable bool looked_up_ = false;
   };
 
   /// The state of a walk over a DICOM stream, and its three steps: the file header, one
@@ -273,18 +273,18 @@ class QUIB_API Dicom {
     result_t read_buffer(std::istream& in, const std::shared_ptr<Data>& data,
                          std::vector<unsigned char>& value);
 
-    bool is_meta() const { return meta; }
-    bool is_implicit() const { return implicit; }
-    bool is_meta_little() const { return meta_little; }
-    bool is_endian_little() const { return endian_little; }
-    bool is_meta_swap() const { return dicom::is_swap_endian(meta_little); }
-    bool is_endian_swap() const { return dicom::is_swap_endian(endian_little); }
+    bool is_meta() const { return meta_; }
+    bool is_implicit() const { return implicit_; }
+    bool is_meta_little() const { return meta_little_; }
+    bool is_endian_little() const { return endian_little_; }
+    bool is_meta_swap() const { return dicom::is_swap_endian(meta_little_); }
+    bool is_endian_swap() const { return dicom::is_swap_endian(endian_little_); }
 
    private:
-    bool meta = true;
-    bool implicit = true;
-    bool meta_little = true;
-    bool endian_little = true;
+    bool meta_ = true;
+    bool implicit_ = true;
+    bool meta_little_ = true;
+    bool endian_little_ = true;
   };
 
   /// How load reads a file. READ_CLASSIC is the walk described above, kept as the library's
@@ -344,20 +344,20 @@ class QUIB_API Dicom {
   /// "00100010" (hexadecimal). Text that names nothing gives a Tag that is not `is()`.
   class QUIB_API Tag {
    public:
-    Tag(std::uint32_t key_) : key(key_), valid(true) {}
-    Tag(std::uint16_t group, std::uint16_t number) : key(dicom::tag_key(group, number)) {}
+    Tag(std::uint32_t key) : key_(key), valid_(true) {}
+    Tag(std::uint16_t group, std::uint16_t number) : key_(dicom::tag_key(group, number)) {}
     Tag(dicom::element_t element);
     Tag(std::string_view text);
     Tag(const char* text) : Tag(std::string_view(text != nullptr ? text : "")) {}
-    std::uint32_t get_key() const { return key; }
-    std::uint16_t get_group() const { return std::uint16_t(key & 0xFFFF); }
-    std::uint16_t get_number() const { return std::uint16_t(key >> 16); }
-    bool is() const { return valid; }
-    bool empty() const { return !valid; }
+    std::uint32_t get_key() const { return key_; }
+    std::uint16_t get_group() const { return std::uint16_t(key_ & 0xFFFF); }
+    std::uint16_t get_number() const { return std::uint16_t(key_ >> 16); }
+    bool is() const { return valid_; }
+    bool empty() const { return !valid_; }
 
    private:
-    std::uint32_t key = 0;
-    bool valid = true;
+    std::uint32_t key_ = 0;
+    bool valid_ = true;
   };
 
   /// A person's name (PN) split into its components. The alphabetic group is split into
@@ -402,14 +402,14 @@ class QUIB_API Dicom {
   int load(std::istream& in, read_t how);
 
   /// What the last load learned; a default or cleared object holds a default Info.
-  const Info& get_info() const { return info; }
+  const Info& get_info() const { return info_; }
   /// True when the last load read to the end of the data: nothing was cut short or damaged.
-  bool is_complete() const { return info.complete; }
+  bool is_complete() const { return info_.complete; }
   /// Where the last load stopped (see Info::stop).
-  std::uint64_t get_stop_offset() const { return info.stop; }
+  std::uint64_t get_stop_offset() const { return info_.stop; }
   /// The elements as loaded, in tag order (group, then number), with the VR each was read
   /// with. Changes made through elements() are not reflected here.
-  const std::vector<Entry>& get_entries() const { return entries; }
+  const std::vector<Entry>& get_entries() const { return entries_; }
   /// The VR an element was read with (as in Entry), or 0 when the table has no such element.
   std::uint16_t get_type(Tag tag) const;
   /// The value of an element, or null when the table has none (or the tag names nothing).
@@ -455,30 +455,30 @@ class QUIB_API Dicom {
   /// item ends the list.
   int get_fragments(Tag tag, std::vector<std::pair<std::size_t, std::size_t>>& fragments) const;
 
-  table_t& elements() { return table; }
-  const table_t& elements() const { return table; }
-  table_t& operator*() { return table; }
-  const table_t& operator*() const { return table; }
-  table_t* operator->() { return &table; }
-  const table_t* operator->() const { return &table; }
+  table_t& elements() { return table_; }
+  const table_t& elements() const { return table_; }
+  table_t& operator*() { return table_; }
+  const table_t& operator*() const { return table_; }
+  table_t* operator->() { return &table_; }
+  const table_t* operator->() const { return &table_; }
 
-  bool is() const { return !table.empty(); }
-  bool empty() const { return table.empty(); }
+  bool is() const { return !table_.empty(); }
+  bool empty() const { return table_.empty(); }
   void clear() {
-    table.clear();
-    entries.clear();
-    info = Info();
+    table_.clear();
+    entries_.clear();
+    info_ = Info();
   }
   void swap(Dicom& other) noexcept {
-    table.swap(other.table);
-    entries.swap(other.entries);
-    std::swap(info, other.info);
+    table_.swap(other.table_);
+    entries_.swap(other.entries_);
+    std::swap(info_, other.info_);
   }
 
  private:
-  table_t table;
-  std::vector<Entry> entries;
-  Info info;
+  table_t table_;
+  std::vector<Entry> entries_;
+  Info info_;
 };
 
 }  // namespace quib

@@ -107,8 +107,8 @@ void detail::order_entries(std::vector<Dicom::Entry>& entries, bool last_wins) {
 // ---------------------------------------------------------------------------------------------
 // Tag
 
-Dicom::Tag::Tag(dicom::element_t element) : key(dicom::tag_key(element)) {
-  valid = dicom::find_set(element) != nullptr || dicom::find_map(element) != nullptr;
+Dicom::Tag::Tag(dicom::element_t element) : key_(dicom::tag_key(element)) {
+  valid_ = dicom::find_set(element) != nullptr || dicom::find_map(element) != nullptr;
 }
 
 Dicom::Tag::Tag(std::string_view text) {
@@ -119,79 +119,78 @@ Dicom::Tag::Tag(std::string_view text) {
   if (digits.size() == 8 &&
       digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
     unsigned long const value = std::stoul(digits, nullptr, 16);
-    key = dicom::tag_key(std::uint16_t(value >> 16), std::uint16_t(value & 0xFFFF));
-    valid = true;
+    key_ = dicom::tag_key(std::uint16_t(value >> 16), std::uint16_t(value & 0xFFFF));
+    valid_ = true;
     return;
   }
   const dicom::element_t element = dicom::find_keyword(text);
-  valid = element != dicom::unknown;
-  key = valid ? dicom::tag_key(element) : 0;
+  valid_ = element != dicom::unknown;
+  key_ = valid_ ? dicom::tag_key(element) : 0;
 }
 
 std::uint16_t Dicom::get_type(Tag tag) const {
   if (!tag.is()) return 0;
   const std::uint32_t key = tag.get_key();
   auto const at =
-      std::lower_bound(entries.begin(), entries.end(), key, [](Entry const& e, std::uint32_t k) {
+      std::lower_bound(entries_.begin(), entries_.end(), key, [](Entry const& e, std::uint32_t k) {
         return detail::tag_order(e.key) < detail::tag_order(k);
       });
-  return at != entries.end() && at->key == key ? at->type : 0;
+  return at != entries_.end() && at->key == key ? at->type : 0;
 }
 
 std::vector<unsigned char> const* Dicom::find(Tag tag) const {
   if (!tag.is()) return nullptr;
-  auto const at = table.find(tag.get_key());
-  return at == table.end() ? nullptr : &at->second;
+  auto const at = table_.find(tag.get_key());
+  return at == table_.end() ? nullptr : &at->second;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Data
 
-Dicom::Data::Data(std::uint16_t group_, std::uint16_t number_, std::uint16_t type_,
-                  std::uint32_t size_)
-    : group(group_), number(number_), type(type_), size(size_) {}
+Dicom::Data::Data(std::uint16_t group, std::uint16_t number, std::uint16_t type, std::uint32_t size)
+    : group_(group), number_(number), type_(type), size_(size) {}
 
-Dicom::Data::Data(std::uint16_t group_, std::uint16_t number_, std::uint32_t size_)
-    : group(group_), number(number_), size(size_) {
-  set = dicom::find_set(group, number);
-  map = dicom::find_map(group, number);
-  looked_up = true;
+Dicom::Data::Data(std::uint16_t group, std::uint16_t number, std::uint32_t size)
+    : group_(group), number_(number), size_(size) {
+  set_ = dicom::find_set(group_, number_);
+  map_ = dicom::find_map(group_, number_);
+  looked_up_ = true;
 }
 
-Dicom::Data::Data(dicom::data_set_t const* row, std::uint32_t size_) : size(size_) {
+Dicom::Data::Data(dicom::data_set_t const* row, std::uint32_t size) : size_(size) {
   if (row == nullptr) return;
-  group = row->group;
-  number = row->number;
-  type = row->type;
-  set = row;
+  group_ = row->group;
+  number_ = row->number;
+  type_ = row->type;
+  set_ = row;
 }
 
-Dicom::Data::Data(dicom::data_map_t const* row, std::uint32_t size_) : size(size_) {
+Dicom::Data::Data(dicom::data_map_t const* row, std::uint32_t size) : size_(size) {
   if (row == nullptr) return;
-  group = row->group;
-  number = row->number;
-  type = row->type;
-  map = row;
+  group_ = row->group;
+  number_ = row->number;
+  type_ = row->type;
+  map_ = row;
 }
 
 void Dicom::Data::look_up() const {
-  if (looked_up || set != nullptr || map != nullptr) return;
-  set = dicom::find_set(group, number);
-  if (set == nullptr) map = dicom::find_map(group, number);
-  looked_up = true;
+  if (looked_up_ || set_ != nullptr || map_ != nullptr) return;
+  set_ = dicom::find_set(group_, number_);
+  if (set_ == nullptr) map_ = dicom::find_map(group_, number_);
+  looked_up_ = true;
 }
 
 dicom::element_t Dicom::Data::get_element() const {
   look_up();
-  if (set != nullptr) return set->element;
-  if (map != nullptr) return map->element;
+  if (set_ != nullptr) return set_->element;
+  if (map_ != nullptr) return map_->element;
   return dicom::unknown;
 }
 
 std::string Dicom::Data::get_name() const {
   look_up();
-  if (set != nullptr) return set->name;
-  if (map != nullptr) return map->name;
+  if (set_ != nullptr) return set_->name;
+  if (map_ != nullptr) return map_->name;
   return std::string();
 }
 
@@ -289,9 +288,9 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_header(std::istream& in) {
   if (got < 4) return {false, 136};
   std::uint16_t group = detail::load_le<std::uint16_t>(head + 132);
   if (group == 2) {
-    meta_little = true;
+    meta_little_ = true;
   } else if (group == 0x0200) {
-    meta_little = false;
+    meta_little_ = false;
   }
   return {true, 132};
 }
@@ -383,9 +382,9 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_data(std::istream& in,
     rewind(in, got);
     return {false, 4};
   }
-  bool const little = meta ? meta_little : endian_little;
-  return little ? read_header_as<true>(in, head, got, meta, implicit, data)
-                : read_header_as<false>(in, head, got, meta, implicit, data);
+  bool const little = meta_ ? meta_little_ : endian_little_;
+  return little ? read_header_as<true>(in, head, got, meta_, implicit_, data)
+                : read_header_as<false>(in, head, got, meta_, implicit_, data);
 }
 
 Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
@@ -405,15 +404,15 @@ Dicom::Analyzer::result_t Dicom::Analyzer::read_buffer(std::istream& in,
   if (data->get_type() == detail::vr('U', 'I')) {
     std::string_view uid = trim_uid(value);
     if (uid == "1.2.840.10008.1.2") {
-      implicit = true;
-      endian_little = true;
+      implicit_ = true;
+      endian_little_ = true;
     } else if (uid == "1.2.840.10008.1.2.1") {
-      implicit = false;
-      endian_little = true;
+      implicit_ = false;
+      endian_little_ = true;
     } else if (uid == "1.2.840.10008.1.2.1.99" || uid == "1.2.840.10008.1.2.2") {
       // The deflated syntax is walked as explicit big-endian; nothing is inflated.
-      implicit = false;
-      endian_little = false;
+      implicit_ = false;
+      endian_little_ = false;
     }
   }
   return {true, size};
@@ -428,10 +427,8 @@ Dicom::Dicom(std::wstring const& path) {
 
 namespace {
 
-bool read_classic(std::istream& in, detail::DicomParts& parts) {
-  using Analyzer = Dicom::Analyzer;
-  using Data = Dicom::Data;
-  Analyzer walk;
+bool read_classic(std::istream& in, detail::dicom_parts& parts) {
+  Dicom::Analyzer walk;
   if (!walk.read_header(in).first) return false;
   // Values are collected in file order and hashed once at the end, so that the table is
   // sized once instead of rehashing as it grows.
@@ -444,11 +441,11 @@ bool read_classic(std::istream& in, detail::DicomParts& parts) {
     read.reserve(guess);
     parts.entries.reserve(guess);
   }
-  std::shared_ptr<Data> data;
+  std::shared_ptr<Dicom::Data> data;
   std::vector<unsigned char> value;
   std::uint32_t unread = 0;  // header bytes read of an element whose value was not
   for (;;) {
-    Analyzer::result_t header = walk.read_data(in, data);
+    Dicom::Analyzer::result_t header = walk.read_data(in, data);
     if (!header.first) {
       if (header.second == 0) continue;  // the meta group ended: read the bytes again
       break;  // a damaged or cut header: retrying at the same place would never end
@@ -457,7 +454,7 @@ bool read_classic(std::istream& in, detail::DicomParts& parts) {
         (data->get_number() == 0xE0DD || data->get_number() == 0xE00D)) {
       continue;  // sequence and item delimiters carry nothing
     }
-    Analyzer::result_t body = walk.read_buffer(in, data, value);
+    Dicom::Analyzer::result_t body = walk.read_buffer(in, data, value);
     if (!body.first) {
       if (body.second == kUndefinedLength) continue;  // walk into the sequence or item
       unread = header.second;
@@ -519,7 +516,7 @@ int Dicom::load(std::wstring const& path, read_t how) {
 }
 
 int Dicom::load(std::istream& in, read_t how) {
-  detail::DicomParts parts;
+  detail::dicom_parts parts;
   if (how == READ_STANDARD) {
     if (!detail::read_standard(in, parts)) {
       clear();
@@ -529,10 +526,10 @@ int Dicom::load(std::istream& in, read_t how) {
     clear();
     return -1;
   }
-  table.swap(parts.table);
-  entries.swap(parts.entries);
-  info = std::move(parts.info);
-  return int(table.size());
+  table_.swap(parts.table);
+  entries_.swap(parts.entries);
+  info_ = std::move(parts.info);
+  return int(table_.size());
 }
 
 }  // namespace quib

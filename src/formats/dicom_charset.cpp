@@ -13,15 +13,15 @@ namespace quib::dicom {
 
 namespace {
 
-enum class Set { ascii, latin1, utf8, other };
+enum class set_t { ascii, latin1, utf8, other };
 
-struct Named {
+struct named {
   char const* term;  // the defined term after "ISO_IR " or "ISO 2022 IR "
   char const* iconv;
 };
 
 // The single-byte sets (and the two Chinese ones) that glibc's iconv decodes.
-constexpr Named kSets[] = {{"101", "ISO-8859-2"}, {"109", "ISO-8859-3"}, {"110", "ISO-8859-4"},
+constexpr named kSets[] = {{"101", "ISO-8859-2"}, {"109", "ISO-8859-3"}, {"110", "ISO-8859-4"},
                            {"144", "ISO-8859-5"}, {"127", "ISO-8859-6"}, {"126", "ISO-8859-7"},
                            {"138", "ISO-8859-8"}, {"148", "ISO-8859-9"}, {"203", "ISO-8859-15"},
                            {"166", "TIS-620"},    {"13", "SHIFT_JIS"}};
@@ -35,13 +35,13 @@ std::string_view trim(std::string_view s) {
 }
 
 // The set one defined term names; `name` receives iconv's name for `other`.
-Set set_of(std::string_view term, char const*& name) {
+set_t set_of(std::string_view term, char const*& name) {
   term = trim(term);
-  if (term.empty() || term == "ISO_IR 6" || term == "ISO 2022 IR 6") return Set::ascii;
-  if (term == "ISO_IR 192") return Set::utf8;
+  if (term.empty() || term == "ISO_IR 6" || term == "ISO 2022 IR 6") return set_t::ascii;
+  if (term == "ISO_IR 192") return set_t::utf8;
   if (term == "GB18030" || term == "GBK") {
     name = term == "GBK" ? "GBK" : "GB18030";
-    return Set::other;
+    return set_t::other;
   }
   std::string_view number;
   if (term.substr(0, 7) == "ISO_IR ") {
@@ -49,16 +49,16 @@ Set set_of(std::string_view term, char const*& name) {
   } else if (term.substr(0, 12) == "ISO 2022 IR ") {
     number = term.substr(12);
   } else {
-    return Set::ascii;  // not a set we know: read as the default repertoire
+    return set_t::ascii;  // not a set we know: read as the default repertoire
   }
-  if (number == "100") return Set::latin1;
-  for (Named const& n : kSets) {
+  if (number == "100") return set_t::latin1;
+  for (named const& n : kSets) {
     if (number == n.term) {
       name = n.iconv;
-      return Set::other;
+      return set_t::other;
     }
   }
-  return Set::ascii;
+  return set_t::ascii;
 }
 
 // Appends bytes that should be UTF-8, each byte that is not part of a character as U+FFFD.
@@ -125,17 +125,17 @@ std::string decode_text(std::string_view charset, std::string_view bytes) {
   if (plain) return std::string(bytes);
   // Several values name the sets that ISO 2022 escapes switch between; the single-byte and
   // Chinese sets are ASCII below 0x80, so the first value that names more than ASCII decides.
-  Set set = Set::ascii;
+  set_t set = set_t::ascii;
   char const* name = nullptr;
   for (std::size_t start = 0; start <= charset.size();) {
     std::size_t end = charset.find('\\', start);
     if (end == std::string_view::npos) end = charset.size();
     set = set_of(charset.substr(start, end - start), name);
-    if (set != Set::ascii) break;
+    if (set != set_t::ascii) break;
     start = end + 1;
   }
   std::string text;
-  if (bytes.find('\x1B') != std::string_view::npos && set != Set::utf8) {
+  if (bytes.find('\x1B') != std::string_view::npos && set != set_t::utf8) {
     // ISO 2022 escapes (ESC, intermediate bytes 0x20-0x2F, a final byte) only switch sets.
     for (std::size_t i = 0; i < bytes.size(); ++i) {
       if (bytes[i] != '\x1B') {
@@ -155,9 +155,9 @@ std::string decode_text(std::string_view charset, std::string_view bytes) {
     ascii = ascii && static_cast<unsigned char>(c) < 0x80;
   if (ascii) {
     out.assign(bytes);
-  } else if (set == Set::utf8) {
+  } else if (set == set_t::utf8) {
     append_checked_utf8(out, bytes);
-  } else if (set == Set::other) {
+  } else if (set == set_t::other) {
     append_iconv(out, name, bytes);
   } else {
     for (char c : bytes)

@@ -110,7 +110,7 @@ constexpr std::uint32_t tag_order(std::uint32_t key) {
 }
 
 // What a walk collects before it is swapped into a Dicom.
-struct DicomParts {
+struct dicom_parts {
   Dicom::table_t table;
   std::vector<Dicom::Entry> entries;
   Dicom::Info info;
@@ -121,11 +121,11 @@ struct DicomParts {
 void order_entries(std::vector<Dicom::Entry>& entries, bool last_wins);
 
 // The standard reading of a whole file; false when the header is refused.
-bool read_standard(std::istream& in, DicomParts& parts);
+bool read_standard(std::istream& in, dicom_parts& parts);
 
 // Reads the elements of one data set or item from memory in the given encoding, to the end of
 // the bytes. `parts.info` gives the encoding and depth and receives completeness.
-void read_data_set(unsigned char const* data, std::size_t size, DicomParts& parts);
+void read_data_set(unsigned char const* data, std::size_t size, dicom_parts& parts);
 
 // For an undefined-length item whose content starts at `data`: the size of the content before
 // its Item Delimitation Item, walking nested sequences; false when the item does not end.

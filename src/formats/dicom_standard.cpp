@@ -25,54 +25,54 @@ constexpr std::uint8_t kInItem = 1, kImplicit = 2, kLittle = 4;
 
 // Reads elements from a stream, counting the bytes it takes so that it can say where it
 // stopped. Bytes handed back by `put_back` are read again first.
-class Walk {
+class walker {
  public:
-  Walk(std::istream& in_, std::uint64_t at) : in(in_), pos(at) {}
+  walker(std::istream& in, std::uint64_t at) : in_(in), pos_(at) {}
 
-  std::uint64_t position() const { return pos; }
+  std::uint64_t position() const { return pos_; }
 
   // Reads up to n bytes into p; returns how many came.
   std::size_t read(unsigned char* p, std::size_t n) {
     std::size_t got = 0;
-    if (carried != 0) {
-      got = std::min(n, carried);
-      std::memcpy(p, carry, got);
-      std::memmove(carry, carry + got, carried - got);
-      carried -= got;
+    if (carried_ != 0) {
+      got = std::min(n, carried_);
+      std::memcpy(p, carry_, got);
+      std::memmove(carry_, carry_ + got, carried_ - got);
+      carried_ -= got;
     }
-    if (got < n) got += pull(in, p + got, n - got);
-    pos += got;
+    if (got < n) got += pull(in_, p + got, n - got);
+    pos_ += got;
     return got;
   }
   // Hands n <= 8 bytes back, to be read again.
   void put_back(unsigned char const* p, std::size_t n) {
-    std::memmove(carry + n, carry, carried);
-    std::memcpy(carry, p, n);
-    carried += n;
-    pos -= n;
+    std::memmove(carry_ + n, carry_, carried_);
+    std::memcpy(carry_, p, n);
+    carried_ += n;
+    pos_ -= n;
   }
   // Appends exactly n bytes to value, never allocating what the stream does not hold.
   bool append(std::vector<unsigned char>& value, std::uint64_t n) {
-    if (carried != 0) {
-      const std::size_t first = std::size_t(std::min<std::uint64_t>(n, carried));
+    if (carried_ != 0) {
+      const std::size_t first = std::size_t(std::min<std::uint64_t>(n, carried_));
       const std::size_t before = value.size();
       value.resize(before + first);
       read(value.data() + before, first);
       n -= first;
     }
-    if (!append_value(in, n, value)) return false;
-    pos += n;
+    if (!append_value(in_, n, value)) return false;
+    pos_ += n;
     return true;
   }
   // The rest of the stream, for inflating.
   std::vector<unsigned char> rest() {
-    std::vector<unsigned char> bytes(carry, carry + carried);
-    pos += carried;
-    carried = 0;
+    std::vector<unsigned char> bytes(carry_, carry_ + carried_);
+    pos_ += carried_;
+    carried_ = 0;
     unsigned char block[1 << 14];
-    for (std::size_t got; (got = pull(in, block, sizeof block)) > 0;) {
+    for (std::size_t got; (got = pull(in_, block, sizeof block)) > 0;) {
       bytes.insert(bytes.end(), block, block + got);
-      pos += got;
+      pos_ += got;
     }
     return bytes;
   }
@@ -83,11 +83,11 @@ class Walk {
   // sequences and items are walked with a stack of levels (never recursion), so that depth
   // costs one byte per level. False on damage or a cut.
   bool undefined_value(std::uint8_t encoding, std::vector<unsigned char>& value) {
-    levels.assign(1, encoding);
+    levels_.assign(1, encoding);
     for (;;) {
       const std::size_t at = value.size();
       if (!append(value, 8)) return false;
-      const std::uint8_t level = levels.back();
+      const std::uint8_t level = levels_.back();
       unsigned char const* p = value.data() + at;
       bool const little = (level & kLittle) != 0;
       const std::uint16_t group = load<std::uint16_t>(p, little);
@@ -95,16 +95,16 @@ class Walk {
       std::uint32_t length = load<std::uint32_t>(p + 4, little);
       if (group == kItemGroup) {
         if (number == kSequenceEnd && (level & kInItem) == 0) {
-          levels.pop_back();
-          if (levels.empty()) {
+          levels_.pop_back();
+          if (levels_.empty()) {
             value.resize(at);  // the element's own delimiter is not part of its value
             return true;
           }
           continue;
         }
         if (number == kItemEnd && (level & kInItem) != 0) {
-          levels.pop_back();
-          if (levels.empty()) {
+          levels_.pop_back();
+          if (levels_.empty()) {
             value.resize(at);  // the item's own delimiter is not part of its content
             return true;
           }
@@ -112,7 +112,7 @@ class Walk {
         }
         if (number != kItem || (level & kInItem) != 0) return false;
         if (length == kUndefinedLength) {
-          levels.push_back(std::uint8_t(level | kInItem));
+          levels_.push_back(std::uint8_t(level | kInItem));
         } else if (!append(value, length)) {
           return false;
         }
@@ -132,7 +132,7 @@ class Walk {
         }
       }
       if (length == kUndefinedLength) {
-        levels.push_back(inner);
+        levels_.push_back(inner);
       } else if (!append(value, length)) {
         return false;
       }
@@ -142,9 +142,9 @@ class Walk {
   // Reads elements to the end of the stream (or, with `meta`, while their group is 0002) in one
   // encoding, chosen once for the whole walk.
   template <bool Little, bool Implicit>
-  void elements(DicomParts& parts, bool meta) {
+  void elements(dicom_parts& parts, bool meta) {
     std::vector<std::pair<std::uint32_t, std::vector<unsigned char>>> found;
-    const std::streamoff left = bytes_left(in);
+    const std::streamoff left = bytes_left(in_);
     if (!meta && left > 0) {
       const std::size_t guess = std::size_t(std::min<std::streamoff>(left / 16, kReserveElements));
       found.reserve(guess);
@@ -153,11 +153,11 @@ class Walk {
     std::vector<unsigned char> value;
     parts.info.complete = false;
     for (;;) {
-      const std::uint64_t start = pos;
+      const std::uint64_t start = pos_;
       parts.info.stop = start;
       unsigned char head[12];
       const std::size_t got = read(head, 8);
-      if (got == 0 && carried == 0 && in.eof()) {
+      if (got == 0 && carried_ == 0 && in_.eof()) {
         parts.info.complete = true;  // the data ends between elements
         break;
       }
@@ -218,7 +218,7 @@ class Walk {
 
   // The data set's walk in the encoding given, chosen once. When the data set should be
   // explicit but its first element shows no VR, it is read as implicit.
-  void data_set(DicomParts& parts, bool implicit, bool little) {
+  void data_set(dicom_parts& parts, bool implicit, bool little) {
     if (!implicit) {
       unsigned char head[8];
       const std::size_t got = read(head, 8);
@@ -238,11 +238,11 @@ class Walk {
   }
 
  private:
-  std::istream& in;
-  std::uint64_t pos;
-  unsigned char carry[16];
-  std::size_t carried = 0;
-  std::vector<std::uint8_t> levels;
+  std::istream& in_;
+  std::uint64_t pos_;
+  unsigned char carry_[16];
+  std::size_t carried_ = 0;
+  std::vector<std::uint8_t> levels_;
 };
 
 // Inflates a raw deflate stream, at most `limit` bytes. False when the stream is damaged, cut
@@ -279,14 +279,14 @@ bool inflate_raw(std::vector<unsigned char> const& in, std::uint64_t limit,
 
 }  // namespace
 
-bool read_standard(std::istream& in, DicomParts& parts) {
+bool read_standard(std::istream& in, dicom_parts& parts) {
   in.clear();
   in.rdbuf()->pubseekpos(0, std::ios_base::in);  // a stream that cannot seek is read as it stands
   unsigned char head[132];
   if (pull(in, head, 132) < 132 || std::memcmp(head + 128, "DICM", 4) != 0) return false;
   parts.info.how = Dicom::READ_STANDARD;
 
-  Walk walk(in, 132);
+  walker walk(in, 132);
   // The meta group: explicit VR, in the byte order its first tag shows.
   unsigned char first[8];
   const std::size_t got = walk.read(first, 8);
@@ -310,9 +310,9 @@ bool read_standard(std::istream& in, DicomParts& parts) {
     std::vector<unsigned char> data;
     bool const whole =
         inflate_raw(packed, Dicom::kInflateRatio * packed.size() + Dicom::kInflateSlack, data);
-    MemoryBuf buf(data.data(), data.size());
+    memory_buf buf(data.data(), data.size());
     std::istream inflated(&buf);
-    Walk inner(inflated, start);
+    walker inner(inflated, start);
     inner.data_set(parts, false, true);
     parts.info.complete = parts.info.complete && whole;
   } else {
@@ -324,9 +324,9 @@ bool read_standard(std::istream& in, DicomParts& parts) {
 
 bool find_item_end(unsigned char const* data, std::size_t size, bool implicit, bool little,
                    std::size_t& content) {
-  MemoryBuf buf(data, size);
+  memory_buf buf(data, size);
   std::istream in(&buf);
-  Walk walk(in, 0);
+  walker walk(in, 0);
   std::vector<unsigned char> value;
   const std::uint8_t encoding = kInItem | (implicit ? kImplicit : 0) | (little ? kLittle : 0);
   if (!walk.undefined_value(encoding, value)) return false;
@@ -334,10 +334,10 @@ bool find_item_end(unsigned char const* data, std::size_t size, bool implicit, b
   return true;
 }
 
-void read_data_set(unsigned char const* data, std::size_t size, DicomParts& parts) {
-  MemoryBuf buf(data, size);
+void read_data_set(unsigned char const* data, std::size_t size, dicom_parts& parts) {
+  memory_buf buf(data, size);
   std::istream in(&buf);
-  Walk walk(in, 0);
+  walker walk(in, 0);
   bool const implicit = parts.info.implicit, little = parts.info.little;
   if (implicit) {
     little ? walk.elements<true, true>(parts, false) : walk.elements<false, true>(parts, false);

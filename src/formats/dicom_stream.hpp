@@ -13,15 +13,15 @@ namespace quib::detail {
 // The buffered bytes of any stream buffer. The get area's pointers are protected members of
 // std::streambuf; naming them through a derived class gives member pointers that apply to
 // every stream buffer.
-struct GetArea : std::streambuf {
+struct get_area : std::streambuf {
   static std::size_t left(std::streambuf* buf) {
-    return std::size_t((buf->*&GetArea::egptr)() - (buf->*&GetArea::gptr)());
+    return std::size_t((buf->*&get_area::egptr)() - (buf->*&get_area::gptr)());
   }
   // Copies n <= left(buf) bytes (n within int) out and moves past them.
   static void take(std::streambuf* buf, void* target, std::size_t n) {
     if (n == 0) return;
-    std::memcpy(target, (buf->*&GetArea::gptr)(), n);
-    (buf->*&GetArea::gbump)(int(n));
+    std::memcpy(target, (buf->*&get_area::gptr)(), n);
+    (buf->*&get_area::gbump)(int(n));
   }
 };
 
@@ -34,10 +34,10 @@ inline std::size_t pull(std::istream& in, void* target, std::size_t n) {
   }
   std::streambuf* buf = in.rdbuf();
   std::streamsize got;
-  if (n <= 4096 && GetArea::left(buf) >= n) {
+  if (n <= 4096 && get_area::left(buf) >= n) {
     // Headers and short values usually sit in the stream's buffer already: copy them out
     // directly instead of through the virtual bulk read, which costs more than the copy.
-    GetArea::take(buf, target, n);
+    get_area::take(buf, target, n);
     got = std::streamsize(n);
   } else {
     got = buf->sgetn(static_cast<char*>(target), std::streamsize(n));
@@ -77,9 +77,9 @@ inline std::streamoff bytes_left(std::istream& in) {
 }
 
 // A read-only stream buffer over bytes the caller keeps alive, seekable like a file.
-class MemoryBuf : public std::streambuf {
+class memory_buf : public std::streambuf {
  public:
-  MemoryBuf(unsigned char const* data, std::size_t size) {
+  memory_buf(unsigned char const* data, std::size_t size) {
     char* p = const_cast<char*>(reinterpret_cast<char const*>(data));
     setg(p, p, p + size);
   }

@@ -16,7 +16,7 @@ namespace {
 using detail::vr;
 
 // One element's bytes with what is needed to read them.
-struct Raw {
+struct raw_element {
   std::vector<unsigned char> const* value = nullptr;
   std::uint16_t type = 0;
   bool little = true;
@@ -117,7 +117,7 @@ std::size_t binary_size(std::uint16_t type) {
 
 // Calls f(value) for each whole binary value, read as the VR's C++ type.
 template <class F>
-void each_binary(Raw const& raw, F&& f) {
+void each_binary(raw_element const& raw, F&& f) {
   const std::size_t size = binary_size(raw.type);
   unsigned char const* p = raw.value->data();
   const std::size_t n = raw.value->size() / size;
@@ -243,8 +243,8 @@ bool parse_date_time(std::string_view s, std::uint16_t type, Dicom::DateTime& t)
 
 namespace {
 
-Raw raw_of(Dicom const& d, Dicom::Tag const& tag) {
-  Raw raw;
+raw_element raw_of(Dicom const& d, Dicom::Tag const& tag) {
+  raw_element raw;
   raw.value = d.find(tag);
   if (raw.value == nullptr) return raw;
   raw.type = d.get_type(tag);
@@ -256,7 +256,7 @@ Raw raw_of(Dicom const& d, Dicom::Tag const& tag) {
 
 int Dicom::get_numbers(Tag tag, std::vector<double>& values) const {
   values.clear();
-  const Raw raw = raw_of(*this, tag);
+  const raw_element raw = raw_of(*this, tag);
   if (raw.value == nullptr) return -1;
   if (binary_size(raw.type) != 0) {
     values.reserve(raw.value->size() / binary_size(raw.type));
@@ -278,7 +278,7 @@ int Dicom::get_numbers(Tag tag, std::vector<double>& values) const {
 
 int Dicom::get_integers(Tag tag, std::vector<std::int64_t>& values) const {
   values.clear();
-  const Raw raw = raw_of(*this, tag);
+  const raw_element raw = raw_of(*this, tag);
   if (raw.value == nullptr) return -1;
   bool ok = true;
   switch (raw.type) {
@@ -315,7 +315,7 @@ int Dicom::get_integers(Tag tag, std::vector<std::int64_t>& values) const {
 
 int Dicom::get_tags(Tag tag, std::vector<std::uint32_t>& values) const {
   values.clear();
-  const Raw raw = raw_of(*this, tag);
+  const raw_element raw = raw_of(*this, tag);
   if (raw.value == nullptr || raw.type != vr('A', 'T')) return -1;
   unsigned char const* p = raw.value->data();
   for (std::size_t i = 0; i + 4 <= raw.value->size(); i += 4) {
@@ -327,17 +327,17 @@ int Dicom::get_tags(Tag tag, std::vector<std::uint32_t>& values) const {
 
 int Dicom::get_text(Tag tag, std::string& text) const {
   text.clear();
-  const Raw raw = raw_of(*this, tag);
+  const raw_element raw = raw_of(*this, tag);
   if (raw.value == nullptr || !is_text(raw.type)) return -1;
-  text = dicom::decode_text(info.charset, trim(raw.text(), false));
+  text = dicom::decode_text(info_.charset, trim(raw.text(), false));
   return 1;
 }
 
 int Dicom::get_strings(Tag tag, std::vector<std::string>& values) const {
   values.clear();
-  const Raw raw = raw_of(*this, tag);
+  const raw_element raw = raw_of(*this, tag);
   if (raw.value == nullptr || !is_text(raw.type)) return -1;
-  std::string text = dicom::decode_text(info.charset, trim(raw.text(), false));
+  std::string text = dicom::decode_text(info_.charset, trim(raw.text(), false));
   if (is_one_text(raw.type)) {
     if (!text.empty()) values.push_back(std::move(text));
   } else if (!trim(text, true).empty()) {
