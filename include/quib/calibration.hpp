@@ -100,13 +100,13 @@ class QUIB_API Calibration {
   Calibration& operator=(Calibration const&) = default;
 
   /// True once a view has been accepted (the stored size is not 0).
-  bool is() const { return size.cx != 0 && size.cy != 0; }
+  bool is() const { return size_.cx != 0 && size_.cy != 0; }
   /// Forgets the stored size.
-  void release() { size = extent_type(0, 0); }
+  void release() { size_ = extent_type(0, 0); }
   /// The size of the last accepted image.
-  extent_type get_size() const { return size; }
+  extent_type get_size() const { return size_; }
   /// The four image points of the board outline measured last (empty before).
-  std::vector<cv::Point_<float>> const& get_quad() const { return quad; }
+  std::vector<cv::Point_<float>> const& get_quad() const { return quad_; }
 
   /// Finds the board in one image (any format createIpl_bgr2 converts), refines its corners
   /// and appends them to info. False, with info and the stored size untouched, when the
@@ -173,8 +173,8 @@ class QUIB_API Calibration {
   [[nodiscard]] bool draw_coverage(Info const& info, Image& image, unsigned int color) const;
 
  private:
-  extent_type size;
-  std::vector<cv::Point_<float>> quad;
+  extent_type size_;
+  std::vector<cv::Point_<float>> quad_;
 };
 
 }  // namespace quib

@@ -193,7 +193,7 @@ class QUIB_API Feature {
                                                std::vector<cv::DMatch> const& backward) const;
 
  private:
-  cv::Ptr<cv::AKAZE> engine;
+  cv::Ptr<cv::AKAZE> engine_;
 };
 
 }  // namespace quib

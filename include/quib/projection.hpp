@@ -95,35 +95,35 @@ class QUIB_API Projection {
   void swap(Projection& other) noexcept;
 
   /// True when the width or the height is 0.
-  bool empty() const { return size.cx == 0 || size.cy == 0; }
+  bool empty() const { return size_.cx == 0 || size_.cy == 0; }
   /// True when any of k1, k2, p1, p2 is not exactly 0.
   bool is_distortion() const;
 
-  extent_type get_size() const { return size; }
-  double get_focal_x() const { return matrix[0]; }
-  double get_focal_y() const { return matrix[4]; }
-  double get_center_x() const { return matrix[2]; }
-  double get_center_y() const { return matrix[5]; }
-  double get_distortion_k1() const { return distortion[0]; }
-  double get_distortion_k2() const { return distortion[1]; }
-  double get_distortion_p1() const { return distortion[2]; }
-  double get_distortion_p2() const { return distortion[3]; }
-  double get_rotation_x() const { return rotation[0]; }
-  double get_rotation_y() const { return rotation[1]; }
-  double get_rotation_z() const { return rotation[2]; }
-  double get_translation_x() const { return translation[0]; }
-  double get_translation_y() const { return translation[1]; }
-  double get_translation_z() const { return translation[2]; }
+  extent_type get_size() const { return size_; }
+  double get_focal_x() const { return matrix_[0]; }
+  double get_focal_y() const { return matrix_[4]; }
+  double get_center_x() const { return matrix_[2]; }
+  double get_center_y() const { return matrix_[5]; }
+  double get_distortion_k1() const { return distortion_[0]; }
+  double get_distortion_k2() const { return distortion_[1]; }
+  double get_distortion_p1() const { return distortion_[2]; }
+  double get_distortion_p2() const { return distortion_[3]; }
+  double get_rotation_x() const { return rotation_[0]; }
+  double get_rotation_y() const { return rotation_[1]; }
+  double get_rotation_z() const { return rotation_[2]; }
+  double get_translation_x() const { return translation_[0]; }
+  double get_translation_y() const { return translation_[1]; }
+  double get_translation_z() const { return translation_[2]; }
 
   /// Writable references to the stored arrays.
-  double (&get_matrix_array())[9] { return matrix; }
-  double (&get_distortion_array())[4] { return distortion; }
-  double (&get_rotation_array())[3] { return rotation; }
-  double (&get_translation_array())[3] { return translation; }
-  double const (&get_matrix_array() const)[9] { return matrix; }
-  double const (&get_distortion_array() const)[4] { return distortion; }
-  double const (&get_rotation_array() const)[3] { return rotation; }
-  double const (&get_translation_array() const)[3] { return translation; }
+  double (&get_matrix_array())[9] { return matrix_; }
+  double (&get_distortion_array())[4] { return distortion_; }
+  double (&get_rotation_array())[3] { return rotation_; }
+  double (&get_translation_array())[3] { return translation_; }
+  double const (&get_matrix_array() const)[9] { return matrix_; }
+  double const (&get_distortion_array() const)[4] { return distortion_; }
+  double const (&get_rotation_array() const)[3] { return rotation_; }
+  double const (&get_translation_array() const)[3] { return translation_; }
 
   /// Element (row, column) is matrix[3 * row + column].
   Eigen::Matrix<double, 3, 3> get_matrix() const;
@@ -203,11 +203,11 @@ class QUIB_API Projection {
   [[nodiscard]] bool save_setup(std::wstring const& path, std::string const& format) const;
 
  private:
-  extent_type size;
-  double matrix[9];
-  double distortion[4];
-  double rotation[3];
-  double translation[3];
+  extent_type size_;
+  double matrix_[9];
+  double distortion_[4];
+  double rotation_[3];
+  double translation_[3];
 };
 
 inline void swap(Projection& a, Projection& b) noexcept {

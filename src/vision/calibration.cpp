@@ -197,7 +197,7 @@ bool Calibration::calibration(Info& info, Image const& image) {
   info.corners.insert(info.corners.end(), corners.begin(), corners.end());
   info.counts.push_back(static_cast<int>(corners.size()));
   info.found.push_back(1);
-  size = image.getExtent();
+  size_ = image.getExtent();
   return true;
 }
 
@@ -205,11 +205,11 @@ namespace {
 
 // The views of an Info as the solvers take them: every view shares one board; each view's
 // corners are a header over the Info's vector.
-struct ViewSet {
+struct view_set {
   std::vector<cv::Point3f> board;
   std::vector<cv::Mat> objects;
   std::vector<cv::Mat> images;
-  explicit ViewSet(Calibration::Info const& info) : board(info.get_object_points()) {
+  explicit view_set(Calibration::Info const& info) : board(info.get_object_points()) {
     const std::size_t views = info.found.size();
     const std::size_t n = board.size();
     objects.assign(views, cv::Mat(board));
@@ -223,7 +223,7 @@ const cv::TermCriteria kSolverStop(cv::TermCriteria::COUNT | cv::TermCriteria::E
                                    DBL_EPSILON);
 
 // One pose over the points of all views together, for the solved camera.
-void one_pose(Calibration::Info const& info, ViewSet const& set, cv::Mat const& camera,
+void one_pose(Calibration::Info const& info, view_set const& set, cv::Mat const& camera,
               cv::Mat const& k, double (&rotation)[3], double (&translation)[3]) {
   const std::size_t views = info.found.size();
   std::vector<cv::Point3f> all;
@@ -253,11 +253,11 @@ void copy_intrinsics(cv::Mat const& camera, cv::Mat const& k, double (&matrix)[9
 bool Calibration::get_camera_matrix(Info const& info, double (&matrix)[9], double (&distortion)[4],
                                     double (&rotation)[3], double (&translation)[3]) const {
   if (!consistent(info)) return false;
-  const ViewSet set(info);
+  const view_set set(info);
   cv::Mat camera = cv::Mat::zeros(3, 3, CV_64F);
   cv::Mat coefficients = cv::Mat::zeros(1, 4, CV_64F);
   // k3 is held at 0: the camera keeps the four coefficients k1, k2, p1, p2.
-  cv::calibrateCamera(set.objects, set.images, cv::Size(size.cx, size.cy), camera, coefficients,
+  cv::calibrateCamera(set.objects, set.images, cv::Size(size_.cx, size_.cy), camera, coefficients,
                       cv::noArray(), cv::noArray(), cv::CALIB_FIX_K3, kSolverStop);
   const cv::Mat k = coefficients.reshape(1, 1).colRange(0, 4).clone();
   double r[3];
@@ -271,14 +271,14 @@ bool Calibration::get_camera_matrix(Info const& info, double (&matrix)[9], doubl
 
 bool Calibration::get_camera_data(Info const& info, Data& data) const {
   if (!consistent(info)) return false;
-  const ViewSet set(info);
+  const view_set set(info);
   cv::Mat camera = cv::Mat::zeros(3, 3, CV_64F);
   cv::Mat coefficients = cv::Mat::zeros(1, 4, CV_64F);
   std::vector<cv::Mat> rvecs;
   std::vector<cv::Mat> tvecs;
   cv::Mat deviations;
   cv::Mat errors;
-  double const rms = cv::calibrateCamera(set.objects, set.images, cv::Size(size.cx, size.cy),
+  double const rms = cv::calibrateCamera(set.objects, set.images, cv::Size(size_.cx, size_.cy),
                                          camera, coefficients, rvecs, tvecs, deviations,
                                          cv::noArray(), errors, cv::CALIB_FIX_K3, kSolverStop);
   const cv::Mat k = coefficients.reshape(1, 1).colRange(0, 4).clone();
@@ -310,7 +310,7 @@ std::vector<double> Calibration::get_reprojection_errors(Info const& info,
                                                          Projection const& camera) const {
   std::vector<double> errors;
   if (!consistent(info)) return errors;
-  const ViewSet set(info);
+  const view_set set(info);
   const cv::Mat K = camera.get_matrix_cv();
   const cv::Mat D = camera.get_distortion_cv();
   std::vector<cv::Point2f> back;
@@ -339,9 +339,9 @@ bool Calibration::get_chess_extrinsic_parameters(Info const& info, double const 
 
   bool const upright = info.rows >= info.columns;
   int const n = std::min(info.columns, info.rows);
-  int const longSide = std::max(info.columns, info.rows);
-  int const m = (longSide > 1 && longSide % 2 == 0) ? longSide - 1 : longSide;
-  int const offset = (longSide - n) / 2;
+  int const long_side = std::max(info.columns, info.rows);
+  int const m = (long_side > 1 && long_side % 2 == 0) ? long_side - 1 : long_side;
+  int const offset = (long_side - n) / 2;
 
   // The long patch from the first corner, then the square patch centred on the long side.
   const patch_pose first = upright ? solve_patch(info, base, n, m, 0, 0, camera, coefficients)
@@ -359,7 +359,7 @@ bool Calibration::get_chess_extrinsic_parameters(Info const& info, double const 
     rotation[2] = second.rotation[2];
   }
   std::copy(std::begin(second.translation), std::end(second.translation), std::begin(translation));
-  quad.swap(second.outline);
+  quad_.swap(second.outline);
   return true;
 }
 
@@ -426,10 +426,10 @@ cv::Point fixed(cv::Point2d const& p, cv::Point2d const& scale) {
 bool Calibration::draw_residuals(Info const& info, Data const& data, Image& image,
                                  double magnification, unsigned int color) const {
   if (!consistent(info) || data.views.size() != info.found.size()) return false;
-  const ViewSet set(info);
+  const view_set set(info);
   const cv::Mat K(3, 3, CV_64F, const_cast<double*>(data.matrix));
   const cv::Mat D(1, 4, CV_64F, const_cast<double*>(data.distortion));
-  return draw_over(image, size, color, [&](cv::Mat& view, cv::Point2d scale, cv::Scalar ink) {
+  return draw_over(image, size_, color, [&](cv::Mat& view, cv::Point2d scale, cv::Scalar ink) {
     std::vector<cv::Point2f> back;
     for (std::size_t v = 0; v < set.images.size(); ++v) {
       const cv::Mat rvec(3, 1, CV_64F, const_cast<double*>(data.views[v].rotation));
@@ -446,7 +446,7 @@ bool Calibration::draw_residuals(Info const& info, Data const& data, Image& imag
 
 bool Calibration::draw_coverage(Info const& info, Image& image, unsigned int color) const {
   bool const views = consistent(info);
-  return draw_over(image, size, color, [&](cv::Mat& view, cv::Point2d scale, cv::Scalar ink) {
+  return draw_over(image, size_, color, [&](cv::Mat& view, cv::Point2d scale, cv::Scalar ink) {
     if (!views) return;
     const std::size_t n = board_corners(info);
     const std::size_t columns = static_cast<std::size_t>(info.columns);
@@ -465,12 +465,12 @@ bool Calibration::draw_coverage(Info const& info, Image& image, unsigned int col
 
 bool Calibration::draw_calibration(Info const& info, Projection const& /*projection*/, Image& image,
                                    unsigned int color) {
-  return draw(info, nullptr, quad, image, color);
+  return draw(info, nullptr, quad_, image, color);
 }
 
 bool Calibration::draw_correction(Info const& info, Projection const& projection, Image& image,
                                   unsigned int color) {
-  return draw(info, &projection, quad, image, color);
+  return draw(info, &projection, quad_, image, color);
 }
 
 }  // namespace quib

@@ -16,28 +16,28 @@ namespace {
 // Elements of a sequence kept as numbers: the longest matrix of a camera file has nine.
 constexpr std::size_t kKept = 9;
 
-struct Field;
+struct entry;
 
 // One node of the document, which has at most two levels: the top mapping's values are
 // scalars, sequences or mappings (the matrices), and a matrix's values are scalars or
 // sequences. A sequence keeps its length and its first elements only, so that a long one costs
 // no memory.
-struct Value {
-  enum class Kind { null, scalar, sequence, mapping } kind = Kind::null;
+struct node {
+  enum class kind_t { null, scalar, sequence, mapping } kind = kind_t::null;
   std::string text;  // a scalar, its escapes decoded
   bool quoted = false;
   std::size_t count = 0;  // a sequence's elements
   bool numeric = true;    // every element a number
   double first[kKept] = {};
-  std::vector<Field> fields;  // a mapping
+  std::vector<entry> fields;  // a mapping
 };
 
-struct Field {
+struct entry {
   std::string key;
-  Value value;
+  node value;
 };
 
-using Fields = std::vector<Field>;
+using entries = std::vector<entry>;
 
 bool is_space(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -93,7 +93,7 @@ bool parse_int(std::string_view s, int& out) {
   return error == std::errc() && end == s.data() + s.size();
 }
 
-void push_element(Value& sequence, std::string_view token, bool quoted) {
+void push_element(node& sequence, std::string_view token, bool quoted) {
   double number = 0;
   if (quoted || !parse_number(token, number)) {
     sequence.numeric = false;
@@ -104,12 +104,12 @@ void push_element(Value& sequence, std::string_view token, bool quoted) {
 }
 
 // Adds a field; a key given twice makes the document ambiguous and is refused.
-bool add_field(Fields& fields, std::string_view key, Value&& value) {
+bool add_field(entries& fields, std::string_view key, node&& value) {
   if (key.empty()) return false;
-  for (Field const& f : fields) {
+  for (entry const& f : fields) {
     if (f.key == key) return false;
   }
-  fields.push_back(Field{std::string(key), std::move(value)});
+  fields.push_back(entry{std::string(key), std::move(value)});
   return true;
 }
 
@@ -223,10 +223,10 @@ bool is_flow_end(char c) {
 
 // A flow sequence of scalars starting at text[at] == '[', which may run over several lines;
 // `at` moves past the closing bracket. Nested collections are refused.
-bool parse_flow_sequence(std::string_view text, std::size_t& at, Value& out, bool comments) {
+bool parse_flow_sequence(std::string_view text, std::size_t& at, node& out, bool comments) {
   ++at;  // '['
-  out = Value();
-  out.kind = Value::Kind::sequence;
+  out = node();
+  out.kind = node::kind_t::sequence;
   skip_space(text, at, comments);
   if (at < text.size() && text[at] == ']') {
     ++at;
@@ -292,7 +292,7 @@ bool parse_key(std::string_view text, std::size_t& at, std::size_t end, std::str
 
 // The value after "key:" when it is on the same line: a quoted or plain scalar, or a flow
 // sequence (which may continue on later lines). `at` moves to the end of the value's last line.
-bool parse_inline_value(std::string_view text, std::size_t& at, Value& out) {
+bool parse_inline_value(std::string_view text, std::size_t& at, node& out) {
   std::size_t end = line_end(text, at);
   while (at < end && (text[at] == ' ' || text[at] == '\t'))
     ++at;
@@ -302,8 +302,8 @@ bool parse_inline_value(std::string_view text, std::size_t& at, Value& out) {
     if (!parse_flow_sequence(text, at, out, true)) return false;
     end = line_end(text, at);
   } else if (c == '"' || c == '\'') {
-    out = Value();
-    out.kind = Value::Kind::scalar;
+    out = node();
+    out.kind = node::kind_t::scalar;
     out.quoted = true;
     if (!parse_quoted(text, at, out.text)) return false;
   } else if (std::strchr("{&*!|>@`%#]},?", c) != nullptr) {
@@ -313,8 +313,8 @@ bool parse_inline_value(std::string_view text, std::size_t& at, Value& out) {
     std::size_t stop = at;
     while (stop < end && !(text[stop] == '#' && (text[stop - 1] == ' ' || text[stop - 1] == '\t')))
       ++stop;
-    out = Value();
-    out.kind = Value::Kind::scalar;
+    out = node();
+    out.kind = node::kind_t::scalar;
     out.text = std::string(trim(text.substr(at, stop - at)));
     at = end;
     return true;
@@ -335,8 +335,8 @@ std::size_t indentation(std::string_view text, std::size_t at, std::size_t end) 
 
 // The indented block mapping under a top-level key, from the line at text[at]; `at` moves to
 // the first line that is not part of it. Its values are scalars or flow sequences.
-bool parse_block_mapping(std::string_view text, std::size_t& at, Value& out) {
-  out = Value();
+bool parse_block_mapping(std::string_view text, std::size_t& at, node& out) {
+  out = node();
   std::size_t indent = 0;
   while (at < text.size()) {
     const std::size_t end = line_end(text, at);
@@ -351,16 +351,16 @@ bool parse_block_mapping(std::string_view text, std::size_t& at, Value& out) {
     if (n != indent) return false;
     std::size_t p = at + n;
     std::string_view key;
-    Value value;
+    node value;
     if (!parse_key(text, p, end, key) || !parse_inline_value(text, p, value)) return false;
     if (!add_field(out.fields, key, std::move(value))) return false;
     at = p + 1;
   }
-  out.kind = out.fields.empty() ? Value::Kind::null : Value::Kind::mapping;
+  out.kind = out.fields.empty() ? node::kind_t::null : node::kind_t::mapping;
   return true;
 }
 
-bool read_yaml(std::string_view text, Fields& fields) {
+bool read_yaml(std::string_view text, entries& fields) {
   bool marker = false;
   bool started = false;
   std::size_t at = 0;
@@ -406,11 +406,11 @@ bool read_yaml(std::string_view text, Fields& fields) {
       q += std::strlen("!!opencv-matrix");
       if (q < end && !(text[q] == ' ' || text[q] == '\t' || text[q] == '\r')) return false;
     }
-    Value value;
+    node value;
     if (rest_is_blank(text, q, end)) {
       at = end + 1;
       if (!parse_block_mapping(text, at, value)) return false;
-      if (tagged && value.kind != Value::Kind::mapping) return false;
+      if (tagged && value.kind != node::kind_t::mapping) return false;
     } else {
       if (tagged || !parse_inline_value(text, p, value)) return false;
       at = p + 1;
@@ -423,9 +423,9 @@ bool read_yaml(std::string_view text, Fields& fields) {
 
 // ---- JSON: the object the writer makes for a ".json" name ----
 
-bool parse_json_scalar(std::string_view text, std::size_t& at, Value& out) {
-  out = Value();
-  out.kind = Value::Kind::scalar;
+bool parse_json_scalar(std::string_view text, std::size_t& at, node& out) {
+  out = node();
+  out.kind = node::kind_t::scalar;
   if (text[at] == '"') {
     out.quoted = true;
     return parse_quoted(text, at, out.text);
@@ -438,7 +438,7 @@ bool parse_json_scalar(std::string_view text, std::size_t& at, Value& out) {
 }
 
 // An object starting at text[at] == '{'; `depth` 0 is the document, 1 a matrix.
-bool parse_json_object(std::string_view text, std::size_t& at, Fields& fields, int depth) {
+bool parse_json_object(std::string_view text, std::size_t& at, entries& fields, int depth) {
   ++at;  // '{'
   skip_space(text, at, false);
   if (at < text.size() && text[at] == '}') {
@@ -453,12 +453,12 @@ bool parse_json_object(std::string_view text, std::size_t& at, Fields& fields, i
     ++at;
     skip_space(text, at, false);
     if (at >= text.size()) return false;
-    Value value;
+    node value;
     if (text[at] == '[') {
       if (!parse_flow_sequence(text, at, value, false)) return false;
     } else if (text[at] == '{') {
       if (depth > 0 || !parse_json_object(text, at, value.fields, depth + 1)) return false;
-      value.kind = Value::Kind::mapping;
+      value.kind = node::kind_t::mapping;
     } else if (!parse_json_scalar(text, at, value)) {
       return false;
     }
@@ -476,7 +476,7 @@ bool parse_json_object(std::string_view text, std::size_t& at, Fields& fields, i
   return false;
 }
 
-bool read_json(std::string_view text, Fields& fields) {
+bool read_json(std::string_view text, entries& fields) {
   std::size_t at = 0;
   skip_space(text, at, false);
   if (!parse_json_object(text, at, fields, 0)) return false;
@@ -488,11 +488,11 @@ bool read_json(std::string_view text, Fields& fields) {
 
 // An element's text as a scalar: a value in double quotes is a quoted string (the writer
 // quotes strings that could pass for something else); entities are decoded by the parser.
-Value xml_scalar(std::string_view content) {
-  Value out;
+node xml_scalar(std::string_view content) {
+  node out;
   content = trim(content);
   if (content.empty()) return out;  // null
-  out.kind = Value::Kind::scalar;
+  out.kind = node::kind_t::scalar;
   if (content.size() >= 2 && content.front() == '"' && content.back() == '"') {
     out.quoted = true;
     content = content.substr(1, content.size() - 2);
@@ -501,9 +501,9 @@ Value xml_scalar(std::string_view content) {
   return out;
 }
 
-Value xml_sequence(std::string_view content) {
-  Value out;
-  out.kind = Value::Kind::sequence;
+node xml_sequence(std::string_view content) {
+  node out;
+  out.kind = node::kind_t::sequence;
   std::size_t at = 0;
   while (true) {
     while (at < content.size() && is_space(content[at]))
@@ -533,7 +533,7 @@ bool xml_text(pugi::xml_node node, std::string& out) {
   return true;
 }
 
-bool read_xml(std::string_view text, Fields& fields) {
+bool read_xml(std::string_view text, entries& fields) {
   pugi::xml_document doc;
   const pugi::xml_parse_result parsed = doc.load_buffer(
       text.data(), text.size(), pugi::parse_default | pugi::parse_declaration, pugi::encoding_utf8);
@@ -550,7 +550,7 @@ bool read_xml(std::string_view text, Fields& fields) {
     const pugi::xml_node_type type = child.type();
     if (type == pugi::node_comment) continue;
     if (type != pugi::node_element) return false;  // stray text between the fields
-    Value value;
+    node value;
     const pugi::xml_attribute kind = child.attribute("type_id");
     bool const mapping =
         kind || child.find_child([](pugi::xml_node n) { return n.type() == pugi::node_element; });
@@ -568,7 +568,7 @@ bool read_xml(std::string_view text, Fields& fields) {
                        data ? xml_sequence(content) : xml_scalar(content)))
           return false;
       }
-      value.kind = Value::Kind::mapping;
+      value.kind = node::kind_t::mapping;
     } else {
       if (!xml_text(child, content)) return false;
       value = xml_scalar(content);
@@ -580,42 +580,42 @@ bool read_xml(std::string_view text, Fields& fields) {
 
 // ---- The camera's fields ----
 
-Value const* find(Fields const& fields, std::string_view key) {
-  for (Field const& f : fields) {
+node const* find(entries const& fields, std::string_view key) {
+  for (entry const& f : fields) {
     if (f.key == key) return &f.value;
   }
   return nullptr;
 }
 
 // An absent or null size is 0; anything but a plain integer fails.
-bool read_size(Fields const& fields, std::string_view key, int& out) {
-  Value const* v = find(fields, key);
-  if (v == nullptr || v->kind == Value::Kind::null) {
+bool read_size(entries const& fields, std::string_view key, int& out) {
+  node const* v = find(fields, key);
+  if (v == nullptr || v->kind == node::kind_t::null) {
     out = 0;
     return true;
   }
-  return v->kind == Value::Kind::scalar && !v->quoted && parse_int(v->text, out);
+  return v->kind == node::kind_t::scalar && !v->quoted && parse_int(v->text, out);
 }
 
-bool read_dimension(Fields const& fields, std::string_view key, int& out) {
-  Value const* v = find(fields, key);
-  return v != nullptr && v->kind == Value::Kind::scalar && !v->quoted && parse_int(v->text, out) &&
+bool read_dimension(entries const& fields, std::string_view key, int& out) {
+  node const* v = find(fields, key);
+  return v != nullptr && v->kind == node::kind_t::scalar && !v->quoted && parse_int(v->text, out) &&
          out > 0;
 }
 
 template <std::size_t N>
-bool read_matrix(Fields const& fields, std::string_view key, double (&out)[N]) {
+bool read_matrix(entries const& fields, std::string_view key, double (&out)[N]) {
   static_assert(N <= kKept);
-  Value const* m = find(fields, key);
-  if (m == nullptr || m->kind != Value::Kind::mapping) return false;
+  node const* m = find(fields, key);
+  if (m == nullptr || m->kind != node::kind_t::mapping) return false;
   int rows = 0;
   int cols = 0;
   if (!read_dimension(m->fields, "rows", rows) || !read_dimension(m->fields, "cols", cols))
     return false;
-  Value const* dt = find(m->fields, "dt");
-  Value const* data = find(m->fields, "data");
-  if (dt == nullptr || dt->kind != Value::Kind::scalar || dt->text != "d") return false;
-  if (data == nullptr || data->kind != Value::Kind::sequence || !data->numeric) return false;
+  node const* dt = find(m->fields, "dt");
+  node const* data = find(m->fields, "data");
+  if (dt == nullptr || dt->kind != node::kind_t::scalar || dt->text != "d") return false;
+  if (data == nullptr || data->kind != node::kind_t::sequence || !data->numeric) return false;
   const std::uint64_t elements =
       static_cast<std::uint64_t>(rows) * static_cast<std::uint64_t>(cols);
   if (elements != data->count || elements < N) return false;
@@ -633,13 +633,13 @@ bool read_camera_file(std::string_view text, Projection::Info& info) {
   }
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return false;
-  Fields fields;
+  entries fields;
   bool const read = text[first] == '<'   ? read_xml(text, fields)
                     : text[first] == '{' ? read_json(text.substr(first), fields)
                                          : read_yaml(text, fields);
   if (!read) return false;
-  Value const* format = find(fields, "format");
-  return format != nullptr && format->kind == Value::Kind::scalar &&
+  node const* format = find(fields, "format");
+  return format != nullptr && format->kind == node::kind_t::scalar &&
          format->text == "camera.projection" && read_size(fields, "image_width", info.size.cx) &&
          read_size(fields, "image_height", info.size.cy) &&
          read_matrix(fields, "camera_matrix", info.matrix) &&

@@ -95,13 +95,13 @@ bool in_range(int index, std::size_t size) {
 }  // namespace
 
 Feature::Feature()
-    : engine(cv::AKAZE::create(cv::AKAZE::DESCRIPTOR_MLDB, 0, 3, 0.001f, 4, 4,
-                               cv::KAZE::DIFF_PM_G2)) {}
+    : engine_(cv::AKAZE::create(cv::AKAZE::DESCRIPTOR_MLDB, 0, 3, 0.001f, 4, 4,
+                                cv::KAZE::DIFF_PM_G2)) {}
 
 bool Feature::detect(std::vector<cv::KeyPoint>& keypoints, cv::Mat const& image) {
   keypoints.clear();
   if (!usable(image)) return false;
-  engine->detect(image, keypoints);
+  engine_->detect(image, keypoints);
   return !keypoints.empty();
 }
 
@@ -114,7 +114,7 @@ bool Feature::detect_and_compute(std::vector<cv::KeyPoint>& keypoints, cv::Mat& 
   keypoints.clear();
   descriptors.release();
   if (!usable(image)) return false;
-  engine->detectAndCompute(image, cv::noArray(), keypoints, descriptors);
+  engine_->detectAndCompute(image, cv::noArray(), keypoints, descriptors);
   return !descriptors.empty();
 }
 
@@ -122,7 +122,7 @@ bool Feature::compute(cv::Mat& descriptors, std::vector<cv::KeyPoint>& keypoints
                       cv::Mat const& image) {
   descriptors.release();
   if (keypoints.empty() || !usable(image)) return false;
-  engine->compute(image, keypoints, descriptors);
+  engine_->compute(image, keypoints, descriptors);
   return !descriptors.empty();
 }
 
@@ -321,8 +321,8 @@ bool Feature::extract_cross_point_match(std::vector<cv::DMatch>& out,
                                         std::vector<cv::DMatch> const& forward,
                                         std::vector<cv::DMatch> const& backward) const {
   // A pair of positions (image 2, then image 1); only finite ones, so the ordering is strict.
-  using Key = std::array<float, 4>;
-  auto key = [](cv::Point2f const& p2, cv::Point2f const& p1, Key& k) {
+  using position_pair = std::array<float, 4>;
+  auto key = [](cv::Point2f const& p2, cv::Point2f const& p1, position_pair& k) {
     if (!std::isfinite(p2.x) || !std::isfinite(p2.y) || !std::isfinite(p1.x) ||
         !std::isfinite(p1.y))
       return false;
@@ -331,10 +331,10 @@ bool Feature::extract_cross_point_match(std::vector<cv::DMatch>& out,
     return true;
   };
 
-  std::vector<Key> confirmed;
+  std::vector<position_pair> confirmed;
   confirmed.reserve(backward.size());
   for (cv::DMatch const& b : backward) {
-    Key k;
+    position_pair k;
     if (in_range(b.queryIdx, keypoints2.size()) && in_range(b.trainIdx, keypoints1.size()) &&
         key(keypoints2[static_cast<std::size_t>(b.queryIdx)].pt,
             keypoints1[static_cast<std::size_t>(b.trainIdx)].pt, k))
@@ -344,7 +344,7 @@ bool Feature::extract_cross_point_match(std::vector<cv::DMatch>& out,
 
   std::vector<cv::DMatch> kept;
   for (cv::DMatch const& f : forward) {
-    Key k;
+    position_pair k;
     if (in_range(f.trainIdx, keypoints2.size()) && in_range(f.queryIdx, keypoints1.size()) &&
         key(keypoints2[static_cast<std::size_t>(f.trainIdx)].pt,
             keypoints1[static_cast<std::size_t>(f.queryIdx)].pt, k) &&

@@ -60,13 +60,13 @@ cv::Mat wrap(Image const& image) {
   if (image.empty()) return cv::Mat();
   bool const wide = image.getBits() == 16;
   int const channels = wide ? 1 : image.getChannel();
-  int const bitsPerChannel = wide ? 16 : 8;
+  int const bits_per_channel = wide ? 16 : 8;
   const std::int64_t needed =
-      static_cast<std::int64_t>(image.getWidth()) * channels * (bitsPerChannel / 8);
+      static_cast<std::int64_t>(image.getWidth()) * channels * (bits_per_channel / 8);
   if (image.getWidth() <= 0 || image.getHeight() <= 0 || needed > image.getLineBytes()) {
     return cv::Mat();
   }
-  return image.makeMat(channels, bitsPerChannel);
+  return image.makeMat(channels, bits_per_channel);
 }
 
 template <class T>
@@ -98,11 +98,11 @@ Projection::Projection() {
   reset();
 }
 
-Projection::Projection(Info const& info) : size(info.size) {
-  copy_array(matrix, info.matrix);
-  copy_array(distortion, info.distortion);
-  copy_array(rotation, info.rotation);
-  copy_array(translation, info.translation);
+Projection::Projection(Info const& info) : size_(info.size) {
+  copy_array(matrix_, info.matrix);
+  copy_array(distortion_, info.distortion);
+  copy_array(rotation_, info.rotation);
+  copy_array(translation_, info.translation);
 }
 
 Projection::Projection(extent_type const& s, Setup const& setup)
@@ -110,11 +110,11 @@ Projection::Projection(extent_type const& s, Setup const& setup)
 
 Projection::Projection(extent_type const& s, double const (&m)[9], double const (&d)[4],
                        double const (&r)[3], double const (&t)[3])
-    : size(s) {
-  copy_array(matrix, m);
-  copy_array(distortion, d);
-  copy_array(rotation, r);
-  copy_array(translation, t);
+    : size_(s) {
+  copy_array(matrix_, m);
+  copy_array(distortion_, d);
+  copy_array(rotation_, r);
+  copy_array(translation_, t);
 }
 
 Projection::Projection(extent_type const& s, double a, double b) {
@@ -122,45 +122,45 @@ Projection::Projection(extent_type const& s, double a, double b) {
 }
 
 void Projection::reset() {
-  size = extent_type(0, 0);
-  std::fill(std::begin(matrix), std::end(matrix), 0.0);
-  matrix[0] = matrix[4] = matrix[8] = 1.0;
-  std::fill(std::begin(distortion), std::end(distortion), 0.0);
-  std::fill(std::begin(rotation), std::end(rotation), 0.0);
-  std::fill(std::begin(translation), std::end(translation), 0.0);
+  size_ = extent_type(0, 0);
+  std::fill(std::begin(matrix_), std::end(matrix_), 0.0);
+  matrix_[0] = matrix_[4] = matrix_[8] = 1.0;
+  std::fill(std::begin(distortion_), std::end(distortion_), 0.0);
+  std::fill(std::begin(rotation_), std::end(rotation_), 0.0);
+  std::fill(std::begin(translation_), std::end(translation_), 0.0);
 }
 
 void Projection::initialize(extent_type const& s, double a, double b) {
   reset();
-  matrix[0] = matrix[4] = matrix[8] = 0.0;
-  size = s;
-  matrix[0] = s.cx / a;
-  matrix[2] = s.cx * 0.5;
-  matrix[4] = s.cy / b;
-  matrix[5] = s.cy * 0.5;
-  matrix[8] = 1.0;
+  matrix_[0] = matrix_[4] = matrix_[8] = 0.0;
+  size_ = s;
+  matrix_[0] = s.cx / a;
+  matrix_[2] = s.cx * 0.5;
+  matrix_[4] = s.cy / b;
+  matrix_[5] = s.cy * 0.5;
+  matrix_[8] = 1.0;
 }
 
 void Projection::set_intrinsic(double const (&m)[9], double const (&d)[4]) {
-  copy_array(matrix, m);
-  copy_array(distortion, d);
+  copy_array(matrix_, m);
+  copy_array(distortion_, d);
 }
 
 void Projection::set_extrinsic(double const (&r)[3], double const (&t)[3]) {
-  copy_array(rotation, r);
-  copy_array(translation, t);
+  copy_array(rotation_, r);
+  copy_array(translation_, t);
 }
 
 void Projection::resize(extent_type const& new_size) {
-  if (new_size.cx == size.cx && new_size.cy == size.cy) return;
+  if (new_size.cx == size_.cx && new_size.cy == size_.cy) return;
   // Single-precision ratios on purpose: rescaled intrinsics carry the float rounding.
-  double const sx = static_cast<float>(new_size.cx) / static_cast<float>(size.cx);
-  double const sy = static_cast<float>(new_size.cy) / static_cast<float>(size.cy);
-  matrix[0] *= sx;
-  matrix[2] *= sx;
-  matrix[4] *= sy;
-  matrix[5] *= sy;
-  size = new_size;
+  double const sx = static_cast<float>(new_size.cx) / static_cast<float>(size_.cx);
+  double const sy = static_cast<float>(new_size.cy) / static_cast<float>(size_.cy);
+  matrix_[0] *= sx;
+  matrix_[2] *= sx;
+  matrix_[4] *= sy;
+  matrix_[5] *= sy;
+  size_ = new_size;
 }
 
 void Projection::swap(Projection& other) noexcept {
@@ -168,31 +168,32 @@ void Projection::swap(Projection& other) noexcept {
 }
 
 bool Projection::is_distortion() const {
-  return distortion[0] != 0.0 || distortion[1] != 0.0 || distortion[2] != 0.0 ||
-         distortion[3] != 0.0;
+  return distortion_[0] != 0.0 || distortion_[1] != 0.0 || distortion_[2] != 0.0 ||
+         distortion_[3] != 0.0;
 }
 
 Eigen::Matrix<double, 3, 3> Projection::get_matrix() const {
   Eigen::Matrix<double, 3, 3> m;
   for (int r = 0; r < 3; ++r) {
     for (int c = 0; c < 3; ++c)
-      m(r, c) = matrix[3 * r + c];
+      m(r, c) = matrix_[3 * r + c];
   }
   return m;
 }
 
 Eigen::Matrix<double, 4, 1> Projection::get_distortion() const {
-  return Eigen::Matrix<double, 4, 1>(distortion[0], distortion[1], distortion[2], distortion[3]);
+  return Eigen::Matrix<double, 4, 1>(distortion_[0], distortion_[1], distortion_[2],
+                                     distortion_[3]);
 }
 
 Eigen::Matrix<double, 3, 1> Projection::get_translation() const {
-  return Eigen::Matrix<double, 3, 1>(translation[0], translation[1], translation[2]);
+  return Eigen::Matrix<double, 3, 1>(translation_[0], translation_[1], translation_[2]);
 }
 
 Eigen::Matrix<double, 3, 3> Projection::get_rotation() const {
-  double const x = rotation[0];
-  double const y = rotation[1];
-  double const z = rotation[2];
+  double const x = rotation_[0];
+  double const y = rotation_[1];
+  double const z = rotation_[2];
   double const w = 0.0;
   Eigen::Matrix<double, 3, 3> r;
   r << 1 - 2 * (y * y + z * z), 2 * x * y - 2 * w * z, 2 * x * z + 2 * w * y,  //
@@ -202,26 +203,26 @@ Eigen::Matrix<double, 3, 3> Projection::get_rotation() const {
 }
 
 cv::Mat Projection::get_matrix_cv() const {
-  return header(3, 3, matrix).clone();
+  return header(3, 3, matrix_).clone();
 }
 cv::Mat Projection::get_distortion_cv() const {
-  return header(1, 4, distortion).clone();
+  return header(1, 4, distortion_).clone();
 }
 cv::Mat Projection::get_rotation_cv() const {
-  return header(1, 3, rotation).clone();
+  return header(1, 3, rotation_).clone();
 }
 cv::Mat Projection::get_translation_cv() const {
-  return header(1, 3, translation).clone();
+  return header(1, 3, translation_).clone();
 }
 
 void Projection::undistort(std::vector<cv::Point_<float>> const& src,
                            std::vector<cv::Point_<float>>& dst) const {
-  undistort_points(src, dst, header(3, 3, matrix), header(1, 4, distortion));
+  undistort_points(src, dst, header(3, 3, matrix_), header(1, 4, distortion_));
 }
 
 void Projection::undistort(std::vector<cv::Point_<double>> const& src,
                            std::vector<cv::Point_<double>>& dst) const {
-  undistort_points(src, dst, header(3, 3, matrix), header(1, 4, distortion));
+  undistort_points(src, dst, header(3, 3, matrix_), header(1, 4, distortion_));
 }
 
 void Projection::undistort(std::vector<Eigen::Matrix<float, 2, 1>> const& src,
@@ -235,7 +236,7 @@ void Projection::undistort(std::vector<Eigen::Matrix<double, 2, 1>> const& src,
 }
 
 void Projection::undistort(cv::Mat const& src, cv::Mat& dst) const {
-  cv::undistort(src, dst, header(3, 3, matrix), header(1, 4, distortion), cv::noArray());
+  cv::undistort(src, dst, header(3, 3, matrix_), header(1, 4, distortion_), cv::noArray());
 }
 
 void Projection::undistort(cv::Mat& img) const {
@@ -301,27 +302,27 @@ bool Projection::get_difference(Projection const& other, Difference& out, int co
   if (empty() || other.empty() || columns <= 0 || rows <= 0) return false;
   if (static_cast<std::int64_t>(columns) * rows > 1000000) return false;
   Projection seen(other);
-  seen.resize(size);
+  seen.resize(size_);
   Difference made;
   made.columns = columns;
   made.rows = rows;
   for (int j = 0; j < rows; ++j) {
     for (int i = 0; i < columns; ++i) {
-      made.points.emplace_back((i + 0.5) * size.cx / columns, (j + 0.5) * size.cy / rows);
+      made.points.emplace_back((i + 0.5) * size_.cx / columns, (j + 0.5) * size_.cy / rows);
     }
   }
   std::vector<cv::Point2d> rays;
   rays.reserve(made.points.size());
   for (cv::Point2d const& p : made.points)
-    rays.push_back(normalised_ray(matrix, distortion, p));
+    rays.push_back(normalised_ray(matrix_, distortion_, p));
   std::vector<cv::Point3d> directions;
   directions.reserve(rays.size());
   for (cv::Point2d const& r : rays)
     directions.emplace_back(std::isnan(r.x) ? 0.0 : r.x, std::isnan(r.y) ? 0.0 : r.y, 1.0);
   std::vector<cv::Point2d> projected;
   double const zero[3] = {0, 0, 0};
-  cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix),
-                    header(1, 4, seen.distortion), projected);
+  cv::projectPoints(directions, header(1, 3, zero), header(1, 3, zero), header(3, 3, seen.matrix_),
+                    header(1, 4, seen.distortion_), projected);
   double sum = 0;
   for (std::size_t k = 0; k < projected.size(); ++k) {
     if (std::isnan(rays[k].x)) {
@@ -387,12 +388,12 @@ bool Projection::save_setup(std::string const& path, std::string const& format) 
     if (!std::ofstream(path, std::ios::binary | std::ios::app).is_open()) return true;
     cv::FileStorage fs(path, cv::FileStorage::WRITE, "");
     fs << "format" << format;
-    fs << "image_width" << size.cx;
-    fs << "image_height" << size.cy;
-    fs << "camera_matrix" << header(3, 3, matrix);
-    fs << "distortion_coefficients" << header(1, 4, distortion);
-    fs << "rotation_coefficients" << header(1, 3, rotation);
-    fs << "translation_coefficients" << header(1, 3, translation);
+    fs << "image_width" << size_.cx;
+    fs << "image_height" << size_.cy;
+    fs << "camera_matrix" << header(3, 3, matrix_);
+    fs << "distortion_coefficients" << header(1, 4, distortion_);
+    fs << "rotation_coefficients" << header(1, 3, rotation_);
+    fs << "translation_coefficients" << header(1, 3, translation_);
     fs.release();
     return true;
   } catch (...) {
