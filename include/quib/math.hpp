@@ -24,24 +24,24 @@ namespace math {
 template <class T>
 class KahanSum {
  public:
-  KahanSum() : sum(0), correction(0) {}
+  KahanSum() : sum_(0), correction_(0) {}
 
   void add(T term) {
-    const T y = term + correction;
-    const T next = sum + y;
-    correction = y - (next - sum);
-    sum = next;
+    const T y = term + correction_;
+    const T next = sum_ + y;
+    correction_ = y - (next - sum_);
+    sum_ = next;
   }
   KahanSum& operator+=(T term) {
     add(term);
     return *this;
   }
-  T value() const { return sum; }
-  void clear() { sum = correction = T(0); }
+  T value() const { return sum_; }
+  void clear() { sum_ = correction_ = T(0); }
 
  private:
-  T sum;
-  T correction;
+  T sum_;
+  T correction_;
 };
 
 /// The library's exponential function, e^x.

@@ -70,7 +70,7 @@ struct extent {
   T cy{};
 
   extent() = default;
-  constexpr extent(T cx_, T cy_) : cx(cx_), cy(cy_) {}
+  constexpr extent(T width, T height) : cx(width), cy(height) {}
   constexpr extent(tagSIZE const& s) : cx(s.cx), cy(s.cy) {}  // NOLINT: implicit on purpose
   constexpr extent(SIZE<T> const& s) : cx(s.cx), cy(s.cy) {}  // NOLINT: implicit on purpose
   extent(extent const& other) = default;
@@ -90,9 +90,9 @@ struct extent {
     return tagSIZE{static_cast<std::int32_t>(cx), static_cast<std::int32_t>(cy)};
   }
 
-  void set(T cx_, T cy_) {
-    cx = cx_;
-    cy = cy_;
+  void set(T width, T height) {
+    cx = width;
+    cy = height;
   }
   void expand(T dx, T dy) {
     cx += dx;
