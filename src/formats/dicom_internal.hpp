@@ -23,56 +23,35 @@ constexpr std::uint16_t vr(char a, char b) {
                                     (static_cast<unsigned char>(b) << 8));
 }
 
-// VRs written with two reserved bytes and a 32-bit length in explicit-VR data.
-inline bool is_long_form(std::uint16_t type) {
-  switch (type) {
-    case vr('O', 'B'):
-    case vr('O', 'D'):
-    case vr('O', 'F'):
-    case vr('O', 'L'):
-    case vr('O', 'V'):
-    case vr('O', 'W'):
-    case vr('S', 'Q'):
-    case vr('S', 'V'):
-    case vr('U', 'C'):
-    case vr('U', 'N'):
-    case vr('U', 'R'):
-    case vr('U', 'T'):
-    case vr('U', 'V'):
-      return true;
-    default:
-      return false;
+// A set of VRs, given as their two-letter names separated by blanks and kept as a 26 x 26 bit
+// table, so that a look-up is one shift whatever the set's size.
+class vr_set {
+ public:
+  constexpr explicit vr_set(std::string_view names) {
+    for (std::size_t i = 0; i + 1 < names.size(); i += 3)
+      rows_[names[i] - 'A'] |= std::uint32_t(1) << (names[i + 1] - 'A');
   }
+  constexpr bool has(std::uint16_t type) const {
+    unsigned const first = (type & 0xFFu) - 'A';
+    unsigned const second = (type >> 8) - 'A';
+    return first < 26 && second < 26 && ((rows_[first] >> second) & 1) != 0;
+  }
+
+ private:
+  std::uint32_t rows_[26] = {};
+};
+
+// VRs written with two reserved bytes and a 32-bit length in explicit-VR data.
+inline constexpr vr_set kLongForm("OB OD OF OL OV OW SQ SV UC UN UR UT UV");
+inline bool is_long_form(std::uint16_t type) {
+  return kLongForm.has(type);
 }
 
 // The VRs with a 16-bit length that the classic walk accepts in the meta group.
+inline constexpr vr_set kShortForm(
+    "AE AS AT CS DA DS DT FD FL IS LO LT PN SH SL SS ST TM UI UL US");
 inline bool is_short_form(std::uint16_t type) {
-  switch (type) {
-    case vr('A', 'E'):
-    case vr('A', 'S'):
-    case vr('A', 'T'):
-    case vr('C', 'S'):
-    case vr('D', 'A'):
-    case vr('D', 'S'):
-    case vr('D', 'T'):
-    case vr('F', 'D'):
-    case vr('F', 'L'):
-    case vr('I', 'S'):
-    case vr('L', 'O'):
-    case vr('L', 'T'):
-    case vr('P', 'N'):
-    case vr('S', 'H'):
-    case vr('S', 'L'):
-    case vr('S', 'S'):
-    case vr('S', 'T'):
-    case vr('T', 'M'):
-    case vr('U', 'I'):
-    case vr('U', 'L'):
-    case vr('U', 'S'):
-      return true;
-    default:
-      return false;
-  }
+  return kShortForm.has(type);
 }
 
 // Two upper-case letters: what a VR looks like, known or not.

@@ -26,29 +26,10 @@ struct raw_element {
   }
 };
 
+// The VRs whose values are text.
+constexpr detail::vr_set kText("AE AS CS DA DS DT IS LO LT PN SH ST TM UC UI UR UT");
 bool is_text(std::uint16_t type) {
-  switch (type) {
-    case vr('A', 'E'):
-    case vr('A', 'S'):
-    case vr('C', 'S'):
-    case vr('D', 'A'):
-    case vr('D', 'S'):
-    case vr('D', 'T'):
-    case vr('I', 'S'):
-    case vr('L', 'O'):
-    case vr('L', 'T'):
-    case vr('P', 'N'):
-    case vr('S', 'H'):
-    case vr('S', 'T'):
-    case vr('T', 'M'):
-    case vr('U', 'C'):
-    case vr('U', 'I'):
-    case vr('U', 'R'):
-    case vr('U', 'T'):
-      return true;
-    default:
-      return false;
-  }
+  return kText.has(type);
 }
 
 // Text VRs that hold one value, backslashes included, and keep their leading blanks.
