@@ -90,8 +90,9 @@ class QUIB_API Dib {
 
   /// Nothing open.
   Dib();
-  /// Opens an existing bitmap file for reading and updating. A narrow path is the file
-  /// system's own name (UTF-8 bytes here).
+  /// Opens an existing bitmap file for reading and updating; a file this process may read but
+  /// not write is opened for reading alone, and writes to it then fail. A narrow path is the
+  /// file system's own name (UTF-8 bytes here).
   explicit Dib(std::string const& path);
   /// As above for a wide path. A path holding an unpaired surrogate names no file: it fails
   /// like a missing one, and no other file is opened in its place.
@@ -118,7 +119,8 @@ class QUIB_API Dib {
   /// - 24 bits: 24-bit BGR; 32 bits: 32-bit BGRA, the fourth byte as stored.
   /// On failure (the file cannot be opened as a Dib, another depth, more than one plane, an
   /// empty picture, or rows missing) the result is an empty image (`empty()` true); nothing
-  /// throws but std::bad_alloc. The file is read once, in bands; the caller owns the result.
+  /// throws but std::bad_alloc. The file is opened for reading only and read once, in bands;
+  /// the caller owns the result.
   ///
   ///     quib::Image picture = quib::Dib::read_image(L"scan.bmp");
   ///     if (picture.empty()) { /* not a bitmap this reader understands */ }
@@ -185,7 +187,7 @@ class QUIB_API Dib {
   [[nodiscard]] int write(int index, unsigned char const* buffer, int bytes);
 
  private:
-  void open(std::filesystem::path const& native);
+  void open(std::filesystem::path const& native, std::ios_base::openmode how);
   void open(std::filesystem::path const& native, int width, int height, int x_dpi, int y_dpi,
             int bits, int align, int color_count, Palette const& palette);
   bool read_headers(bool keep_geometry);

@@ -23,6 +23,8 @@ constexpr int kFileHeaderBytes = 14;
 constexpr int kInfoHeaderBytes = 40;
 constexpr int kHeaderBytes = kFileHeaderBytes + kInfoHeaderBytes;
 constexpr std::uint16_t kMagic = 0x4D42;  // "BM" read as a little-endian 16-bit number
+// How an existing file is opened: for reading and updating its rows.
+constexpr std::ios_base::openmode kUpdate = std::ios::in | std::ios::out | std::ios::binary;
 
 // True when the path names something that exists and is not a directory.
 bool is_existing_file(std::filesystem::path const& path) {
@@ -72,13 +74,13 @@ Dib::Dib()
 
 Dib::Dib(std::string const& path) : Dib() {
   file_path_ = path;
-  open(std::filesystem::path(path));
+  open(std::filesystem::path(path), kUpdate);
 }
 
 Dib::Dib(std::wstring const& path) : Dib() {
   file_path_ = shown_path(path);
   if (auto const native = detail::native_path(path)) {
-    open(*native);
+    open(*native, kUpdate);
   } else {
     refuse();
   }
@@ -102,8 +104,11 @@ Dib::Dib(std::wstring const& path, int w, int h, int xdpi, int ydpi, int bits, i
   }
 }
 
-void Dib::open(std::filesystem::path const& path) {
-  stream_ = std::make_shared<std::fstream>(path, std::ios::in | std::ios::out | std::ios::binary);
+void Dib::open(std::filesystem::path const& path, std::ios_base::openmode how) {
+  stream_ = std::make_shared<std::fstream>(path, how);
+  // Reading needs no write access: a file that may not be written is opened for reading.
+  if (!stream_->is_open() && (how & std::ios::out))
+    stream_ = std::make_shared<std::fstream>(path, how & ~std::ios::out);
   if (!stream_->is_open() || stream_->fail() || !read_headers(false)) {
     refuse();
     return;

@@ -2,10 +2,12 @@
 #include <quib/dib.hpp>
 
 #include "system/bytes.hpp"
+#include "system/native_path.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace quib {
@@ -121,11 +123,17 @@ color_type colour_of(int channels) {
 }  // namespace
 
 Image Dib::read_image(std::wstring const& path, palette_t palette) {
-  return Dib(path).read_picture(palette);
+  auto const native = detail::native_path(path);
+  if (!native) return {};
+  Dib dib;
+  dib.open(*native, std::ios::in | std::ios::binary);
+  return dib.read_picture(palette);
 }
 
 Image Dib::read_image(std::string const& path, palette_t palette) {
-  return Dib(path).read_picture(palette);
+  Dib dib;
+  dib.open(std::filesystem::path(path), std::ios::in | std::ios::binary);
+  return dib.read_picture(palette);
 }
 
 Image Dib::read_picture(palette_t mode) {

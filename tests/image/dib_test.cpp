@@ -1,6 +1,7 @@
 #include <quib/dib.hpp>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -483,6 +484,37 @@ TEST_F(DibFiles, FolderFailsCleanly) {
     });
   }
   EXPECT_TRUE(fs::is_directory(dir));
+}
+
+TEST_F(DibFiles, ReadsAFileItMayNotWrite) {
+  const std::string path = writeFile("r.bmp", makeBmp(BmpLayout{}));
+  const Bytes stored = readFile(path);
+  fs::permissions(path, fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
+  // File modes do not stop root: as root, the reads run as the unprivileged user 65534.
+  bool const root = ::geteuid() == 0;
+  if (root) fs::permissions(dir, fs::perms::others_exec, fs::perm_options::add);
+  if (root && ::seteuid(65534) != 0) {
+    GTEST_SKIP() << "cannot drop root's rights";
+  }
+  quib::Dib dib(path);
+  Bytes row(4, 0xEE);
+  int const read = dib.read(row.data(), 4);
+  int const written = dib.write(row.data(), 4);
+  quib::Image const narrow = quib::Dib::read_image(path, quib::palette_t::index);
+  quib::Image const wide = quib::Dib::read_image(fs::path(path).wstring(), quib::palette_t::index);
+  if (root) {
+    ASSERT_EQ(::seteuid(0), 0);
+  }
+
+  EXPECT_EQ(dib.getMode(), quib::Dib::mode_t::opened);
+  EXPECT_EQ(read, 4);
+  EXPECT_EQ(row[1], 1);
+  EXPECT_EQ(written, 0);  // opened for reading: the write fails and changes nothing
+  EXPECT_EQ(readFile(path), stored);
+  for (quib::Image const* picture : {&narrow, &wide}) {
+    ASSERT_FALSE(picture->empty());
+    EXPECT_EQ(picture->getBuffer()[0], 2 * 16);  // the top row is the last one stored
+  }
 }
 
 TEST_F(DibFiles, CopiesShareTheFileAndCloseReleases) {
