@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -47,6 +48,30 @@ TEST_F(HashTool, GoesOnAfterAFileThatCannotBeRead) {
 
   EXPECT_TRUE(failsWith(runTool({"hash"}), 2, "FILES is required"));
   EXPECT_TRUE(failsWith(runTool({"hash", "--md5", abc}), 2, "unknown option '--md5'"));
+}
+
+TEST_F(HashTool, ADigestEngineFailureIsOneLine) {
+  // OpenSSL configured with its null provider alone has no SHA-256 to give.
+  const std::string conf = writeFile("null.cnf",
+                                     "openssl_conf = init\n[init]\nproviders = providers\n"
+                                     "[providers]\nnull = null\n[null]\nactivate = 1\n");
+  const std::string abc = writeFile("abc.txt", "abc");
+  const std::string list = writeFile(
+      "list", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  " + abc + "\n");
+  ::setenv("OPENSSL_CONF", conf.c_str(), 1);
+  const auto hashed = runTool({"hash", "--sha256", abc});
+  const auto checked = runTool({"hash", "--check", list});
+  const auto fast = runTool({"hash", abc});  // the 64-bit hash needs no OpenSSL
+  ::unsetenv("OPENSSL_CONF");
+
+  EXPECT_TRUE(failsWith(hashed, 1, "sha256: EVP_DigestInit_ex failed"));
+  EXPECT_EQ(hashed.out, "");
+  // A check also ends with its summary line, as sha256sum's does.
+  EXPECT_EQ(checked.code, 1);
+  EXPECT_EQ(checked.err, "sha256: EVP_DigestInit_ex failed\nquib: " + list +
+                             ": 1 listed file could not be read\n");
+  EXPECT_EQ(checked.out, abc + ": FAILED open or read\n");
+  EXPECT_EQ(fast.code, 0) << fast.err;
 }
 
 TEST_F(HashTool, WritesAndChecksListsLikeSha256sum) {

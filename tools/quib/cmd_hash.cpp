@@ -63,8 +63,11 @@ class Digest {
   quib::sha256::Hasher sha;
 };
 
+// The digest engine failed; the library has said so on standard error, in one line.
+struct DigestFailed {};
+
 // The digest of a file ("-": standard input), read in blocks; Failure naming the file and what
-// the system said when it cannot be read.
+// the system said when it cannot be read, DigestFailed when the engine failed.
 std::string digestOf(std::string const& path, algorithm a, std::vector<unsigned char>& block) {
   const bool standardInput = path == "-";
   const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -90,7 +93,7 @@ std::string digestOf(std::string const& path, algorithm a, std::vector<unsigned 
     digest.update(block.data(), static_cast<std::size_t>(n));
   }
   std::string value = digest.final();
-  if (value.empty()) throw Failure(path, std::string("the ") + nameOf(a) + " digest failed");
+  if (value.empty()) throw DigestFailed{};
   return value;
 }
 
@@ -195,6 +198,10 @@ void hashFiles(Context& ctx, HashOptions const& o, std::vector<unsigned char>& b
       progress.done();
       ctx.fail(f.file(), f.what());
       continue;
+    } catch (DigestFailed const&) {
+      progress.done();
+      ctx.status = exit_code::failed;
+      continue;
     }
     if (ctx.json) {
       all.push_back({{"file", path}, {"algorithm", nameOf(a)}, {"digest", digest}});
@@ -234,15 +241,22 @@ void checkLists(Context& ctx, HashOptions const& o, std::vector<unsigned char>& 
       ++good;
       std::string digest;
       std::string reason;
+      bool reported = false;  // by the library, on standard error
       try {
         digest = digestOf(entry.name, entry.kind, block);
       } catch (Failure const& f) {
         reason = f.what();
+      } catch (DigestFailed const&) {
+        reason = "digest failed";
+        reported = true;
       }
       const bool ok = reason.empty() && digest == entry.digest;
       if (!reason.empty()) {
         ++unreadable;
-        ctx.fail(entry.name, reason);
+        if (reported)
+          ctx.status = exit_code::failed;
+        else
+          ctx.fail(entry.name, reason);
       } else if (!ok) {
         ++mismatched;
       }
