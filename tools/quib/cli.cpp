@@ -77,6 +77,43 @@ void Progress::done() {
 
 // ---- Declaring commands -------------------------------------------------------------------
 
+std::string paragraphs(std::string_view text) {
+  std::vector<std::string_view> lines;
+  for (std::size_t at = 0; at <= text.size();) {
+    std::size_t end = text.find('\n', at);
+    if (end == std::string_view::npos) end = text.size();
+    lines.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  auto const blank = [](std::string_view l) {
+    return l.find_first_not_of(' ') == std::string_view::npos;
+  };
+  std::size_t margin = std::string_view::npos;
+  for (std::string_view l : lines)
+    if (!blank(l)) margin = std::min(margin, l.find_first_not_of(' '));
+  std::string out;
+  bool gap = false;       // an empty line since the last text
+  bool in_prose = false;  // the last line was part of a paragraph
+  for (std::string_view l : lines) {
+    if (blank(l)) {
+      gap = !out.empty();
+      in_prose = false;
+      continue;
+    }
+    l.remove_prefix(margin);
+    bool const table = l.front() == ' ';
+    if (in_prose && !table) {
+      out += ' ';
+    } else if (!out.empty()) {
+      out += gap ? "\n\n" : "\n";
+    }
+    out += l;
+    gap = false;
+    in_prose = !table;
+  }
+  return out;
+}
+
 CLI::App& addCommand(CLI::App& parent, std::string const& name, std::string const& description) {
   CLI::App* command = parent.add_subcommand(name, description);
   command->formatter(parent.get_formatter());

@@ -10,6 +10,7 @@
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -103,6 +104,19 @@ class Progress {
 //       addJsonFlag(cmd, ctx);
 //       onRun(cmd, ctx, [o, &ctx] { hash(ctx, *o); });
 //     }
+
+/// Help text written as a raw string in the source, laid out for reading there: the common
+/// indentation goes, the lines of a paragraph are joined with one blank, paragraphs stay apart by
+/// one empty line, and a line indented further than the rest (a table row) is kept as it stands.
+/// Blank lines at the start and the end are dropped.
+///
+///     addCommand(quib, "fit", paragraphs(R"(
+///           fit lines ... to points
+///
+///           Fits a model to the points of a text file and prints
+///           its coefficients.
+///     )"));
+std::string paragraphs(std::string_view text);
 
 /// Adds the command `name` under `parent` (the quib app, or a group such as the one commandGroup
 /// returns). `description` is a one-line summary, listed by the parent's help, optionally

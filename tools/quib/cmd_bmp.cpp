@@ -71,13 +71,14 @@ Json info(Context& ctx, std::string const& name) {
 void add_bmp_command(CLI::App& quib, Context& ctx) {
   CLI::App& bmp = commandGroup(quib, "bmp", "describe uncompressed bitmap files");
   auto files = std::make_shared<std::vector<std::string>>();
-  CLI::App& cmd = addCommand(
-      bmp, "info",
-      "size, depth and layout of uncompressed bitmap files\n\n"
-      "Describes each bitmap file: size, depth, samples per pixel, row length, resolution, row "
-      "order, where the pixel rows start and the colour table size. A 24- or 32-bit file is "
-      "described as 8-bit samples, 3 or 4 per pixel. With --json, an array with one object "
-      "per file.");
+  CLI::App& cmd = addCommand(bmp, "info", paragraphs(R"(
+      size, depth and layout of uncompressed bitmap files
+
+      Describes each bitmap file: size, depth, samples per pixel, row length, resolution, row
+      order, where the pixel rows start and the colour table size. A 24- or 32-bit file is
+      described as 8-bit samples, 3 or 4 per pixel. With --json, an array with one object per
+      file.
+)"));
   cmd.add_option("FILES", *files, "bitmap files; '-' reads standard input")->required();
   addJsonFlag(cmd, ctx);
   onRun(cmd, ctx, [files, &ctx] {

@@ -254,21 +254,23 @@ void calibrate(Context& ctx, CalibrateOptions const& o) {
 
 void add_calibrate_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<CalibrateOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "calibrate",
-      "calibrate a camera from chessboard pictures\n\n"
-      "Calibrates a camera from pictures of a flat chessboard. Each picture gets one line: "
-      "accepted, with its corner count, or why not. The accepted views are solved for the "
-      "camera matrix and the lens distortion (k1, k2, p1, p2), which are saved in a camera file "
-      "and printed with their standard deviations (from the solver, as OpenCV's "
-      "calibrateCameraExtended gives them) and the reprojection error of every view and their "
-      "root mean square (the distance in pixels between the detected corners and the board "
-      "projected back through the camera); --json adds each view's pose. At least 3 accepted views "
-      "are needed; 10 or more from varied angles give a "
-      "good camera. All pictures must have the same size.\n\n"
-      "With --compare A.yml B.yml and no pictures, prints how far apart the two cameras image "
-      "the same ray across the image: the largest displacement (and where), the root mean "
-      "square and the mean, in pixels of A, over a 32x24 grid; the poses take no part.");
+  CLI::App& cmd = addCommand(quib, "calibrate", paragraphs(R"(
+      calibrate a camera from chessboard pictures
+
+      Calibrates a camera from pictures of a flat chessboard. Each picture gets one line:
+      accepted, with its corner count, or why not. The accepted views are solved for the
+      camera matrix and the lens distortion (k1, k2, p1, p2), which are saved in a camera file
+      and printed with their standard deviations (from the solver, as OpenCV's
+      calibrateCameraExtended gives them) and the reprojection error of every view and their
+      root mean square (the distance in pixels between the detected corners and the board
+      projected back through the camera); --json adds each view's pose. At least 3 accepted
+      views are needed; 10 or more from varied angles give a good camera. All pictures must
+      have the same size.
+
+      With --compare A.yml B.yml and no pictures, prints how far apart the two cameras image
+      the same ray across the image: the largest displacement (and where), the root mean
+      square and the mean, in pixels of A, over a 32x24 grid; the poses take no part.
+)"));
   CLI::Option* images =
       cmd.add_option("IMAGES", o->images, "the chessboard pictures; '-' reads standard input");
   cmd.add_option("--board", o->board,

@@ -142,18 +142,19 @@ void contours(Context& ctx, ContoursOptions const& options) {
 
 void add_contours_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<ContoursOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "contours",
-      "trace the regions of a mask\n\n"
-      "Traces the outer boundary of every region of a mask picture (read as 8-bit grey): a "
-      "region is a set of 8-connected pixels whose value differs from the background (or, with "
-      "--threshold, that are brighter than the threshold). Regions touching the picture's "
-      "border are traced whole. Regions are found in row order; each is listed with its area "
-      "in pixels (its own pixels, holes not counted), the centroid of those pixels, the length "
-      "of its outer boundary (through the boundary pixels' centres, diagonal steps counting "
-      "sqrt 2), its bounding box (x, y, width, height), its number of holes and of boundary "
-      "points. Regions that lie inside another one's hole are not listed again. With --json, "
-      "every boundary point too.");
+  CLI::App& cmd = addCommand(quib, "contours", paragraphs(R"(
+      trace the regions of a mask
+
+      Traces the outer boundary of every region of a mask picture (read as 8-bit grey): a
+      region is a set of 8-connected pixels whose value differs from the background (or, with
+      --threshold, that are brighter than the threshold). Regions touching the picture's
+      border are traced whole. Regions are found in row order; each is listed with its area in
+      pixels (its own pixels, holes not counted), the centroid of those pixels, the length of
+      its outer boundary (through the boundary pixels' centres, diagonal steps counting sqrt
+      2), its bounding box (x, y, width, height), its number of holes and of boundary points.
+      Regions that lie inside another one's hole are not listed again. With --json, every
+      boundary point too.
+)"));
   cmd.add_option("MASK", o->mask, "the mask picture; '-' reads standard input")->required();
   cmd.add_option("--background", o->background, "the background value")
       ->type_name("V")

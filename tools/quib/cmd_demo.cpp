@@ -242,14 +242,15 @@ void demo(Context& ctx, std::string const& outDir) {
 
 void add_demo_command(CLI::App& quib, Context& ctx) {
   auto dir = std::make_shared<std::string>();
-  CLI::App& cmd = addCommand(
-      quib, "demo",
-      "calibrate and measure on synthetic views, end to end\n\n"
-      "Shows the measurement road end to end without any data files: renders chessboard views "
-      "through a known camera with lens distortion, calibrates from them, saves and reloads "
-      "the camera file, removes the distortion from a view, and measures a printed disc "
-      "(circle fit) and the board's plane (plane fit) through the recovered camera. It prints "
-      "the true against the recovered camera, the errors, and where it wrote its pictures.");
+  CLI::App& cmd = addCommand(quib, "demo", paragraphs(R"(
+      calibrate and measure on synthetic views, end to end
+
+      Shows the measurement road end to end without any data files: renders chessboard views
+      through a known camera with lens distortion, calibrates from them, saves and reloads the
+      camera file, removes the distortion from a view, and measures a printed disc (circle
+      fit) and the board's plane (plane fit) through the recovered camera. It prints the true
+      against the recovered camera, the errors, and where it wrote its pictures.
+)"));
   cmd.add_option("--out", *dir,
                  "where to write the views, the camera file and the corrected view (default: "
                  "quib-demo in the temporary directory)")

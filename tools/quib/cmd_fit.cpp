@@ -379,25 +379,28 @@ void fit(Context& ctx, FitOptions const& o) {
 
 void add_fit_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<FitOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "fit",
-      "fit lines, circles, planes, spheres and polynomials to points\n\n"
-      "Fits a model to the points of a text file and prints its coefficients, the derived "
-      "values and statistics of the residuals.\n\n"
-      "Models:\n"
-      "  line      y = a*x + b                            (2-D points, vertical residuals)\n"
-      "  circle    x^2 + y^2 + a*x + b*y + c = 0          (2-D; centre and radius)\n"
-      "  plane     z = a*x + b*y + c                      (3-D; unit normal and offset)\n"
-      "  sphere    x^2+y^2+z^2 + a*x + b*y + c*z + d = 0  (3-D; centre and radius)\n"
-      "  poly:N    y = c0*x^N + ... + cN                  (2-D, degree N from 1 to 12)\n\n"
-      "The file holds one point per line, its coordinates separated by commas, semicolons or "
-      "blanks; further columns are ignored. Blank lines, lines starting with '#' and a header "
-      "line at the top are skipped. Points with a coordinate that is not finite are ignored. "
-      "Residuals are vertical (y or z) for line, plane and poly, and radial distances from the "
-      "surface for circle and sphere. Each coefficient is printed with its standard error "
-      "(from the covariance sigma^2 (J^T J)^-1 of the fit), and the fit's own RMS residual, sigma "
-      "and the number of points it used (after --robust or --ransac) follow; circle and sphere "
-      "fits are algebraic unless --geometric asks for orthogonal distances.");
+  CLI::App& cmd = addCommand(quib, "fit", paragraphs(R"(
+      fit lines, circles, planes, spheres and polynomials to points
+
+      Fits a model to the points of a text file and prints its coefficients, the derived
+      values and statistics of the residuals.
+
+      Models:
+        line      y = a*x + b                            (2-D points, vertical residuals)
+        circle    x^2 + y^2 + a*x + b*y + c = 0          (2-D; centre and radius)
+        plane     z = a*x + b*y + c                      (3-D; unit normal and offset)
+        sphere    x^2+y^2+z^2 + a*x + b*y + c*z + d = 0  (3-D; centre and radius)
+        poly:N    y = c0*x^N + ... + cN                  (2-D, degree N from 1 to 12)
+
+      The file holds one point per line, its coordinates separated by commas, semicolons or
+      blanks; further columns are ignored. Blank lines, lines starting with '#' and a header
+      line at the top are skipped. Points with a coordinate that is not finite are ignored.
+      Residuals are vertical (y or z) for line, plane and poly, and radial distances from the
+      surface for circle and sphere. Each coefficient is printed with its standard error (from
+      the covariance sigma^2 (J^T J)^-1 of the fit), and the fit's own RMS residual, sigma and
+      the number of points it used (after --robust or --ransac) follow; circle and sphere fits
+      are algebraic unless --geometric asks for orthogonal distances.
+)"));
   cmd.add_option("MODEL", o->model, "line, circle, plane, sphere or poly:N")
       ->required()
       ->check(modelName);

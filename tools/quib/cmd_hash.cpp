@@ -306,20 +306,21 @@ void checkLists(Context& ctx, HashOptions const& o, std::vector<unsigned char>& 
 
 void add_hash_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<HashOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "hash",
-      "fingerprint files (64-bit hash or SHA-256), or check them against a list\n\n"
-      "Prints a fingerprint of each file's bytes, one line per file in the form sha256sum "
-      "uses: the digest, two blanks and the file name (a name holding a backslash or a newline "
-      "is written escaped, on a line that starts with a backslash). The default fingerprint "
-      "is the library's fast 64-bit hash (16 hexadecimal digits; not for security); --sha256 "
-      "gives the SHA-256 digest (64 digits), the same value sha256sum prints. Files are read "
-      "in blocks, so their size does not matter. With --json, an array of {file, algorithm, "
-      "digest}.\n\n"
-      "With --check, each FILE is a list of such lines, as this command or sha256sum writes "
-      "them; every file it names is read and compared, and reported as OK, FAILED, or FAILED "
-      "open or read. The length of each digest tells the algorithm. The exit status is 1 when "
-      "a file did not match or could not be read.");
+  CLI::App& cmd = addCommand(quib, "hash", paragraphs(R"(
+      fingerprint files (64-bit hash or SHA-256), or check them against a list
+
+      Prints a fingerprint of each file's bytes, one line per file in the form sha256sum uses:
+      the digest, two blanks and the file name (a name holding a backslash or a newline is
+      written escaped, on a line that starts with a backslash). The default fingerprint is the
+      library's fast 64-bit hash (16 hexadecimal digits; not for security); --sha256 gives the
+      SHA-256 digest (64 digits), the same value sha256sum prints. Files are read in blocks,
+      so their size does not matter. With --json, an array of {file, algorithm, digest}.
+
+      With --check, each FILE is a list of such lines, as this command or sha256sum writes
+      them; every file it names is read and compared, and reported as OK, FAILED, or FAILED
+      open or read. The length of each digest tells the algorithm. The exit status is 1 when a
+      file did not match or could not be read.
+)"));
   cmd.add_option("FILES", o->files, "files to read, or lists to check; '-' reads standard input")
       ->required();
   cmd.add_flag("--sha256", o->sha, "SHA-256 instead of the 64-bit hash");

@@ -178,17 +178,18 @@ void registerImages(Context& ctx, RegisterOptions const& o) {
 
 void add_register_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<RegisterOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "register",
-      "map one picture onto another by features\n\n"
-      "Finds the perspective transform (homography) that maps IMAGE1 onto IMAGE2 from AKAZE "
-      "features, and reports how many features and matches survived each step: key points, "
-      "descriptors, matches, matches whose points lie at most --limit pixels apart, matches "
-      "whose descriptor distance is at most --ratio times the mean (clamped to the smallest "
-      "and largest), and the inliers of the homography: the matches it carries to within 3 "
-      "pixels of their partner, with their RMS transfer error. Fewer inliers than "
-      "--min-inliers make the exit status 1: two unrelated pictures give a homography too, "
-      "carried by a handful of chance matches.");
+  CLI::App& cmd = addCommand(quib, "register", paragraphs(R"(
+      map one picture onto another by features
+
+      Finds the perspective transform (homography) that maps IMAGE1 onto IMAGE2 from AKAZE
+      features, and reports how many features and matches survived each step: key points,
+      descriptors, matches, matches whose points lie at most --limit pixels apart, matches
+      whose descriptor distance is at most --ratio times the mean (clamped to the smallest and
+      largest), and the inliers of the homography: the matches it carries to within 3 pixels
+      of their partner, with their RMS transfer error. Fewer inliers than --min-inliers make
+      the exit status 1: two unrelated pictures give a homography too, carried by a handful of
+      chance matches.
+)"));
   cmd.add_option("IMAGES", o->images, "IMAGE1 and IMAGE2; '-' reads standard input")
       ->required()
       ->expected(2);

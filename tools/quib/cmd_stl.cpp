@@ -209,16 +209,16 @@ void add_stl_command(CLI::App& quib, Context& ctx) {
   CLI::App& stl = commandGroup(quib, "stl", "describe, convert and merge STL meshes");
 
   auto files = std::make_shared<std::vector<std::string>>();
-  CLI::App& describe =
-      addCommand(stl, "info",
-                 "name, encoding, counts, bounding box and measures of STL meshes\n\n"
-                 "Reads each file with identical vertices merged and prints the solid's name, its "
-                 "encoding, the triangle and distinct vertex counts, text facets with other than "
-                 "three vertices, the bounding box, the surface area, the edges (open, "
-                 "non-manifold, wound against a neighbour), the connected parts, and whether the "
-                 "mesh is a closed, consistently oriented solid; then its volume, centroid and "
-                 "inertia tensor about the centroid at unit density, marked when the mesh is no "
-                 "solid.");
+  CLI::App& describe = addCommand(stl, "info", paragraphs(R"(
+      name, encoding, counts, bounding box and measures of STL meshes
+
+      Reads each file with identical vertices merged and prints the solid's name, its
+      encoding, the triangle and distinct vertex counts, text facets with other than three
+      vertices, the bounding box, the surface area, the edges (open, non-manifold, wound
+      against a neighbour), the connected parts, and whether the mesh is a closed,
+      consistently oriented solid; then its volume, centroid and inertia tensor about the
+      centroid at unit density, marked when the mesh is no solid.
+)"));
   describe.add_option("FILES", *files, "STL files; '-' reads standard input")->required();
   addJsonFlag(describe, ctx);
   onRun(describe, ctx, [files, &ctx] {

@@ -66,14 +66,15 @@ void undistort(Context& ctx, UndistortOptions const& o) {
 
 void add_undistort_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<UndistortOptions>();
-  CLI::App& cmd = addCommand(
-      quib, "undistort",
-      "remove lens distortion from pictures\n\n"
-      "Removes the lens distortion described by a camera file (written by quib calibrate) from "
-      "each picture and writes the result under the same file name into the --out directory, "
-      "in the same format. Any picture that OpenCV reads is accepted; uncompressed bitmaps are "
-      "read and written through the library's bitmap streamer. A picture whose size differs "
-      "from the camera's is handled with the camera scaled to it.");
+  CLI::App& cmd = addCommand(quib, "undistort", paragraphs(R"(
+      remove lens distortion from pictures
+
+      Removes the lens distortion described by a camera file (written by quib calibrate) from
+      each picture and writes the result under the same file name into the --out directory, in
+      the same format. Any picture that OpenCV reads is accepted; uncompressed bitmaps are
+      read and written through the library's bitmap streamer. A picture whose size differs
+      from the camera's is handled with the camera scaled to it.
+)"));
   cmd.add_option("IMAGES", o->images, "the pictures to correct")->required();
   cmd.add_option("--camera", o->camera, "the camera file (.yml or .xml); '-' reads standard input")
       ->type_name("FILE")
