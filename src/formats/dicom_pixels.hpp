@@ -1,6 +1,8 @@
 // Internal: the codecs behind DicomPixels, each over the bytes of one frame.
 #pragma once
 
+#include <quib/dicom_image.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -53,6 +55,14 @@ decode_result decode_j2k(byte_span in, frame_layout const& layout, unsigned char
 // `out` as 32-bit floats (any alignment).
 void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool is_signed,
                      double slope, double intercept, unsigned char* out);
+
+// The lookup table of `item` described by (0028,descriptor) with its entries in (0028,data)
+// or, when that is absent and `segmented` is not 0, expanded from the segments in
+// (0028,segmented). `signed_first` reads the first mapped value as two's complement. No
+// entries and no error when the descriptor is absent; `name` starts each error.
+DicomPixels::LookupTable read_lookup_table(Dicom const& item, std::uint16_t descriptor,
+                                           std::uint16_t data, std::uint16_t segmented,
+                                           bool signed_first, std::string const& name);
 
 // The codec a transfer syntax names.
 enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };
