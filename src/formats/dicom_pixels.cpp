@@ -366,7 +366,8 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
       return refuse("pixel data holds " + std::to_string(size) + " bytes, too few for " +
                     std::to_string(next.frames) + " frames");
   } else {
-    if (next.bits_allocated == 1) return refuse("compressed pixel data with 1 bit allocated");
+    if (next.bits_allocated == 1 && codec != codec_t::rle)
+      return refuse("compressed pixel data with 1 bit allocated other than RLE");
     // The items of the value: the Basic Offset Table, then the fragments. A list that ends
     // before the value does holds a fragment that claims more bytes than there are.
     std::vector<std::pair<std::size_t, std::size_t>> listed;
@@ -564,6 +565,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     layout.bytes = bytes;
     layout.bits_stored = bits_stored;
     layout.ycbcr_to_rgb = frame_photometric == "RGB" && photometric != "RGB";
+    layout.packed_bits = bits_allocated == 1;
     detail::decode_result result;
     switch (detail::codec_of(transfer_syntax)) {
       case codec_t::rle:

@@ -26,6 +26,7 @@ struct frame_layout {
   int bytes = 1;              // container bytes per sample (Bits Allocated / 8)
   int bits_stored = 8;        // precision the stream may carry at most (Bits Allocated for codecs)
   bool ycbcr_to_rgb = false;  // a three-component lossy JPEG stream holds YCbCr: convert to RGB
+  bool packed_bits = false;   // 1 bit allocated: the stream holds bits, 8 to a byte (RLE only)
   std::size_t frame_bytes() const {
     return std::size_t(rows) * std::size_t(columns) * std::size_t(samples) * std::size_t(bytes);
   }
@@ -39,6 +40,8 @@ struct decode_result {
 };
 
 // RLE Lossless: one fragment holding the 64-byte segment header and the PackBits segments.
+// With packed bits, one segment of bits, the first pixel in the lowest bit, each row starting
+// on a byte (or rows run on, as uncompressed 1-bit data does: told apart by the length).
 decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char* out);
 // The JPEG family: baseline and extended 8-bit through libjpeg-turbo, 12-bit lossy through the
 // 12-bit IJG build, lossless (processes 14 and SV1) through the 16-bit IJG build.

@@ -335,6 +335,37 @@ TEST(DicomPixels, NativeFramesInEveryLayoutDecodeToTheStoredSamples) {
   for (std::size_t i = 0; i < pixels; ++i)
     ASSERT_EQ(bit_frames[2][i], (bits.pixels[(2 * pixels + i) / 8] >> ((2 * pixels + i) % 8)) & 1);
 
+  // RLE of 1-bit data: one segment of bits, each row starting on a whole byte, or running on
+  // as uncompressed bits do.
+  Native rle_bits = picture(8, 8, 1, 1);
+  rle_bits.rows = 5, rle_bits.columns = 13;
+  rle_bits.bits_allocated = rle_bits.bits_stored = 1;
+  rle_bits.syntax = kRle, rle_bits.encapsulated = true;
+  Bytes expected_bits, padded(5 * 2, 0), run_on((5 * 13 + 7) / 8, 0);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 13; ++x) {
+      const int bit = (x * 3 + y * 5) % 7 < 3, at = y * 13 + x;
+      expected_bits.push_back(std::uint8_t(bit));
+      padded[y * 2 + x / 8] |= std::uint8_t(bit << (x % 8));
+      run_on[at / 8] |= std::uint8_t(bit << (at % 8));
+    }
+  for (const Bytes& packed : {padded, run_on, Bytes(padded.begin(), padded.end() - 2)}) {
+    rle_bits.pixels = items({}, {rle_frame(packed, 1)});
+    Dicom file;
+    ASSERT_TRUE(load(file, dir.write("rle_bits.dcm", rle_bits.bytes())));
+    DicomPixels module(file);
+    Bytes frame(module.get_frame_bytes());
+    ASSERT_TRUE(module.is()) << module.get_error();
+    if (packed.size() == 8) {  // neither form
+      EXPECT_FALSE(module.decode(0, frame.data(), frame.size()));
+      EXPECT_EQ(module.get_error(),
+                "frame 0: RLE bit segment decodes to 8 bytes, not 10 (rows on whole bytes) or 9");
+      continue;
+    }
+    ASSERT_TRUE(module.decode(0, frame.data(), frame.size())) << module.get_error();
+    EXPECT_EQ(frame, expected_bits);
+  }
+
   Native ybr = picture(8, 8, 1, 1);
   ybr.samples = 3, ybr.photometric = "YBR_FULL_422";
   ybr.pixels = {10, 20, 100, 200, 30, 40, 110, 210};
