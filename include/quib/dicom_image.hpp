@@ -176,11 +176,18 @@ inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
 /// Representation) or, rescaled, 32-bit floats of slope * stored + intercept, slice by slice.
 ///
 /// Memory: the voxels are one buffer, allocated once when every slice has been checked;
-/// copies share it. Files are read twice (once for their attributes, once to decode them into
-/// the buffer), so no slice is held twice. Failure: load returns false with a reason (no
-/// image in the files, slices that differ in size, orientation or pixel format, two slices
-/// at one position, uneven spacing, a frame that does not decode) and leaves the object
-/// empty. Threads: one object belongs to one thread at a time.
+/// copies share it. Each file is read twice: its first 64 KiB for the attributes, then whole
+/// to decode its frames straight into their place in the buffer, so no slice is held twice
+/// and no more files are held at once than there are threads. Failure: load returns false
+/// with a reason (no image in the files, slices that differ in size, orientation or pixel
+/// format, two slices at one position, uneven spacing, a frame that does not decode: the
+/// first such frame in slice order, whatever the number of threads) and leaves the object
+/// empty; only allocation failure throws, in the calling thread.
+/// Threads: one object belongs to one thread at a time. load reads the files and decodes the
+/// slices on get_threads() threads, the caller's among them (never more than there are
+/// slices), and returns when all have ended; the result is the same byte for byte for any
+/// number. A host that loads many series at once, each on a thread of its own, calls
+/// set_threads(1) so that each load runs on its caller's thread alone.
 ///
 ///     quib::DicomVolume volume;
 ///     if (volume.load(L"/data/ct-series", true))
@@ -196,6 +203,13 @@ class QUIB_API DicomVolume {
   /// Reads the given files, as above.
   bool load(const std::vector<std::wstring>& files, bool rescaled = false,
             const std::string& series = {});
+
+  /// The number of threads load uses: 0 (the default) for as many as the machine has cores
+  /// (std::thread::hardware_concurrency), 1 for the calling thread alone. Negative counts as 0.
+  /// Kept by clear and load.
+  void set_threads(int threads);
+  /// The number of threads load uses at most (the setting, or the cores when it is 0).
+  int get_threads() const;
 
   bool is() const { return data != nullptr; }
   bool empty() const { return data == nullptr; }
@@ -232,6 +246,7 @@ class QUIB_API DicomVolume {
   std::array<double, 3> spacing{}, origin{};
   std::array<double, 9> direction{};
   std::string sample_type, series_uid, error;
+  int threads_ = 0;
 };
 
 inline void swap(DicomVolume& a, DicomVolume& b) noexcept {

@@ -766,3 +766,55 @@ TEST(DicomVolume, OrdersFramesByTheirFunctionalGroupPositions) {
 }
 
 }  // namespace
+
+// Slices decoded on several threads: the same bytes as on one, and the same failure, the first
+// in slice order, when frames in the middle of the series are damaged.
+TEST(DicomVolume, ThreadsChangeNeitherTheVoxelsNorTheReportedFailure) {
+  TempDir dir;
+  const fs::path folder = dir.path / "rle-series";
+  fs::create_directories(folder);
+  const int count = 13;
+  std::vector<std::string> names;
+  auto write = [&](int k, int damage) {
+    Native n = picture(8, 8, 1, 1);
+    for (auto& v : n.pixels)
+      v = std::uint8_t(v + 7 * k);
+    Bytes frame = rle_frame(n.pixels, 1);
+    if (damage == 1) frame[0] = 2;  // claims two segments
+    if (damage == 2) frame.resize(frame.size() / 2);
+    n.pixels = items({}, {frame});
+    n.encapsulated = true, n.syntax = kRle;
+    n.extra[0x0020000E] = "UI1.2.3.9";
+    const std::string z = std::to_string(2 * k);
+    n.extra[0x00200032] = "DS0\\0\\" + z + (z.size() % 2 ? " " : "");
+    n.extra[0x00200037] = "DS1\\0\\0\\0\\1\\0 ";
+    n.extra[0x00281053] = "DS2 ";
+    std::ofstream(folder / ("s" + std::to_string(k)), std::ios::binary) << n.bytes();
+  };
+  for (int k = 0; k < count; ++k)
+    write(k, 0);
+  auto read = [&](int threads, bool rescaled, std::string* error = nullptr) {
+    quib::DicomVolume volume;
+    volume.set_threads(threads);
+    const bool ok = volume.load(folder.wstring(), rescaled);
+    if (error) *error = volume.get_error();
+    EXPECT_EQ(ok, error == nullptr) << volume.get_error();
+    EXPECT_EQ(volume.get_threads(), threads);
+    return Bytes(volume.get_data(), volume.get_data() + volume.get_bytes());
+  };
+  for (bool rescaled : {false, true}) {
+    const Bytes one = read(1, rescaled);
+    ASSERT_EQ(one.size(), std::size_t(48 * 64 * count * (rescaled ? 4 : 1)));
+    EXPECT_EQ(read(3, rescaled), one);
+    EXPECT_EQ(read(32, rescaled), one);
+  }
+  write(6, 1);
+  write(9, 2);
+  std::string alone, shared;
+  read(1, false, &alone);
+  EXPECT_NE(alone.find("2 segments"), std::string::npos) << alone;
+  for (int threads : {2, 5, 32}) {
+    read(threads, false, &shared);
+    EXPECT_EQ(shared, alone);
+  }
+}
