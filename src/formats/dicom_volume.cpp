@@ -372,9 +372,9 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
       why = pixels.get_error();
       return false;
     }
-    detail::rescale_samples(reader.scratch.data(), slice_samples, bytes, s.representation == 1,
-                            pixels.get_rescale_slope(), pixels.get_rescale_intercept(), target);
-    return true;
+    if (pixels.make_values(reader.scratch.data(), slice_samples, target)) return true;
+    why = pixels.get_error();
+    return false;
   };
   if (run_in_order(units.size(), threads, reason, decode_unit) < units.size())
     return refuse(reason);
