@@ -8,6 +8,8 @@
 
 #include <quib/image.hpp>
 
+#include <opencv2/core.hpp>
+
 #include "system/memory.hpp"
 
 #include <cstddef>
@@ -87,12 +89,43 @@ std::vector<double> weights_of(py::handle weights, py::ssize_t count);
 /// A NumPy array over the pixels of an image the library made; the array keeps them alive.
 py::array image_array(Image&& image);
 
+/// A library image over the pixels of a uint8 / uint16 / float32 array (rows, columns[, 1, 3
+/// or 4 channels]) whose pixels are contiguous within a row: no copy, valid while the array
+/// lives. Other arrays raise quib.ArgumentError naming `what`.
+Image image_of(py::array const& array, char const* what = "an image array");
+
+/// A cv::Mat header over an image array's pixels (no copy), under the same conditions.
+cv::Mat mat_of(py::array const& array, char const* what = "an image array");
+
+/// A C-contiguous array of `count` rows of `Record` (no copy) for a record vector the caller
+/// fills; `dtype` describes one record.
+template <class Record>
+py::array records(std::vector<Record> const& v, py::dtype const& dtype) {
+  py::array out(dtype, std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())});
+  if (!v.empty())
+    std::memcpy(out.mutable_data(), static_cast<void const*>(v.data()), v.size() * sizeof(Record));
+  return out;
+}
+
+/// Runs `call`, turning an OpenCV exception into quib.ArgumentError with its message.
+template <class Call>
+auto guarded(Call&& call) -> decltype(call()) {
+  try {
+    return call();
+  } catch (cv::Exception const& e) {
+    fail_value(e.err.empty() ? std::string(e.what()) : e.err);
+  }
+}
+
 void bind_errors(py::module_& m);
 void bind_image(py::module_& m);
 void bind_numeric(py::module_& m);
 void bind_formats(py::module_& m);
 void bind_system(py::module_& m);
 void bind_vision(py::module_& m);
+void bind_calibration(py::module_& m);
+void bind_features(py::module_& m);
+void bind_statistics(py::module_& m);
 
 }  // namespace python
 }  // namespace quib

@@ -7,6 +7,7 @@
 #include <quib/ransac.hpp>
 
 #include <cmath>
+#include <optional>
 #include <string>
 
 namespace quib {
@@ -312,7 +313,8 @@ void bind_numeric(py::module_& m) {
       note("Fits a polynomial of the given degree to (N, 2) points.", 2).c_str());
   m.def(
       "ransac_plane",
-      [](py::handle points, double threshold, double probability, std::uint64_t max_iterations) {
+      [](py::handle points, double threshold, double probability, std::uint64_t max_iterations,
+         std::optional<std::uint32_t> seed) {
         std::vector<P3> pts = points_of<P3>(points, "points");
         if (!(threshold > 0)) fail_value("threshold must be positive");
         if (!(probability >= 0 && probability <= 1)) fail_value("probability must lie in [0, 1]");
@@ -320,7 +322,8 @@ void bind_numeric(py::module_& m) {
         bool found;
         {
           py::gil_scoped_release release;
-          found = ransac.compute(pts, threshold, probability, max_iterations);
+          found = seed ? ransac.compute_seeded(pts, threshold, probability, max_iterations, *seed)
+                       : ransac.compute(pts, threshold, probability, max_iterations);
         }
         py::array_t<double> normal(3);
         normal.mutable_at(0) = normal.mutable_at(1) = normal.mutable_at(2) = std::nan("");
@@ -338,11 +341,12 @@ void bind_numeric(py::module_& m) {
         return py::make_tuple(normal, distance, inliers);
       },
       py::arg("points"), py::arg("threshold"), py::arg("probability") = 0.99,
-      py::arg("max_iterations") = 1000, R"doc(
+      py::arg("max_iterations") = 1000, py::arg("seed") = py::none(), R"doc(
 Searches (N, 3) points for the plane most points lie on (distance < threshold). Returns
 ``(normal, distance, inliers)``: the unit normal, normal · p on the plane, and the ascending
-indices of the inliers; NaN and no indices when no plane was found. Each call seeds its
-generator with the current second. The GIL is released during the search.
+indices of the inliers; NaN and no indices when no plane was found. Without ``seed`` each call
+seeds its generator with the current second; a given seed repeats the search exactly. The GIL
+is released during the search.
 )doc");
 }
 

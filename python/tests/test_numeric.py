@@ -89,6 +89,8 @@ def test_ransac_plane_finds_inliers(rng):
     normal, distance, inliers = quib.ransac_plane(points, 0.01, 0.99, 500)
     assert abs(normal[2]) > 0.99 and abs(distance) == pytest.approx(2 * abs(normal[2]), abs=0.02)
     assert len(inliers) >= 360 and list(inliers) == sorted(inliers)
+    seeded = [quib.ransac_plane(points, 0.01, 0.99, 50, seed=4) for _ in range(2)]
+    np.testing.assert_array_equal(seeded[0][2], seeded[1][2])
     with pytest.raises(ValueError):
         quib.ransac_plane(points, -1.0)
 
