@@ -13,6 +13,7 @@
 #include "system/memory.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -81,6 +82,38 @@ std::vector<Point> points_of(py::handle points, char const* what) {
   const py::ssize_t rows = a.shape(0), rs = a.strides(0), cs = a.strides(1);
   py::gil_scoped_release release;
   return to_points<Point>(data, rows, rs, cs);
+}
+
+/// Points given from Python for a fit that reads caller memory: the array's own memory when it
+/// is C-contiguous float64 aligned as `Point` asks (16 bytes for 2-D points, which Eigen moves
+/// with aligned instructions), otherwise one copy made without the GIL.
+template <class Point>
+struct PointView {
+  py::array_t<double> array;  // keeps the points alive
+  std::vector<Point> copy;    // the points, when the array cannot be read in place
+  Point const* data = nullptr;
+  std::size_t count = 0;
+};
+
+template <class Point>
+PointView<Point> fit_points(py::handle points, char const* what) {
+  constexpr int D = Point::RowsAtCompileTime;
+  PointView<Point> v;
+  v.array = point_array(points, D, what);
+  const py::ssize_t rows = v.array.shape(0), rs = v.array.strides(0), cs = v.array.strides(1);
+  double const* data = v.array.data();
+  const bool packed = rows <= 1 || (rs == D * py::ssize_t(sizeof(double)) &&
+                                    cs == py::ssize_t(sizeof(double)));
+  const bool aligned = reinterpret_cast<std::uintptr_t>(data) % alignof(Point) == 0;
+  v.count = static_cast<std::size_t>(rows);
+  if (packed && aligned) {
+    v.data = reinterpret_cast<Point const*>(data);
+  } else {
+    py::gil_scoped_release release;
+    v.copy = to_points<Point>(data, rows, rs, cs);
+    v.data = v.copy.data();
+  }
+  return v;
 }
 
 /// An optional weight array of length N as a vector; empty when `weights` is None.
