@@ -2,8 +2,9 @@
 // file. Data: a CT-like series (200 slices of 512 x 512, 16 bits) written here in native form
 // and compressed with dcmtk's and gdcm's tools (RLE, JPEG Lossless, JPEG-LS, JPEG 2000), and a
 // 500-frame file, into a temporary folder kept between runs. Peers: gdcm (ImageReader +
-// GetBuffer) and dcmtk (DicomImage), the codec libraries called directly on the same bytes,
-// and memcpy of the same bytes as the limit.
+// GetBuffer) and dcmtk (DicomImage), the codec libraries called directly on the same bytes
+// (CharLS, OpenJPEG, the 16-bit IJG build), and as limits memcpy of the same bytes and, for
+// volumes, reading the files whole.
 #include <quib/dicom_image.hpp>
 
 #include "bench_common.hpp"
@@ -21,6 +22,12 @@
 #include <map>
 #include <string>
 #include <vector>
+
+namespace ijg16 {
+extern "C" {
+#include <gdcmjpeg/16/jpeglib.h>
+}
+}  // namespace ijg16
 
 #ifdef QUIB_BENCH_DCMTK
 #include <dcmtk/dcmdata/dcrledrg.h>
@@ -295,6 +302,42 @@ void BM_Decode_CharLS(benchmark::State& state) {
 }
 BENCHMARK(BM_Decode_CharLS)->Unit(benchmark::kMicrosecond);
 
+// The 16-bit IJG build that decodes lossless JPEG, called directly: a memory source and one
+// jpeg_read_scanlines per row straight into the output.
+void BM_Decode_Ijg16(benchmark::State& state) {
+  using namespace ijg16;
+  InMemory data("jpeg-lossless");
+  std::vector<unsigned char> out(kFrameBytes);
+  for (auto _ : state) {
+    jpeg_decompress_struct info;
+    jpeg_error_mgr err;
+    info.err = jpeg_std_error(&err);
+    jpeg_create_decompress(&info);
+    jpeg_source_mgr source;
+    source.next_input_byte = data.stream.data();
+    source.bytes_in_buffer = data.stream.size();
+    source.init_source = source.term_source = [](j_decompress_ptr) {};
+    source.fill_input_buffer = [](j_decompress_ptr) -> boolean { return FALSE; };
+    source.skip_input_data = [](j_decompress_ptr d, long n) {
+      d->src->next_input_byte += n, d->src->bytes_in_buffer -= std::size_t(n);
+    };
+    source.resync_to_restart = jpeg_resync_to_restart;
+    info.src = &source;
+    jpeg_read_header(&info, TRUE);
+    jpeg_start_decompress(&info);
+    const std::size_t row_bytes = std::size_t(info.output_width) * 2;
+    while (info.output_scanline < info.output_height) {
+      JSAMPROW row = reinterpret_cast<JSAMPROW>(out.data() + info.output_scanline * row_bytes);
+      jpeg_read_scanlines(&info, &row, 1);
+    }
+    jpeg_finish_decompress(&info);
+    jpeg_destroy_decompress(&info);
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(kFrameBytes));
+}
+BENCHMARK(BM_Decode_Ijg16)->Unit(benchmark::kMicrosecond);
+
 struct OpjReader {
   const std::vector<unsigned char>* bytes;
   std::size_t at;
@@ -350,19 +393,48 @@ void BM_Decode_OpenJPEG(benchmark::State& state) {
 }
 BENCHMARK(BM_Decode_OpenJPEG)->Unit(benchmark::kMicrosecond);
 
-// The whole series into one volume.
+// The whole series into one volume: on the calling thread alone (second argument 1) and on
+// every core (0).
 void BM_Volume_Quib(benchmark::State& state) {
   const Codec& codec = kCodecs[state.range(0)];
   const std::wstring folder = (data_folder() / codec.name).wstring();
+  int threads = 0;
   for (auto _ : state) {
     quib::DicomVolume volume;
+    volume.set_threads(int(state.range(1)));
     if (!volume.load(folder)) state.SkipWithError(volume.get_error().c_str());
+    threads = volume.get_threads();
     benchmark::DoNotOptimize(volume.get_data());
+  }
+  state.SetLabel(std::string(codec.name) + ", " + std::to_string(threads) + " threads");
+  state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(kFrameBytes) * kSlices);
+}
+BENCHMARK(BM_Volume_Quib)
+    ->ArgsProduct({{0, 1, 2, 3, 4}, {1, 0}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// The limit: every slice file read whole into the one volume-sized buffer, no parsing.
+void BM_Volume_ReadFiles(benchmark::State& state) {
+  const Codec& codec = kCodecs[state.range(0)];
+  std::vector<std::string> names;
+  std::size_t total = 0;
+  for (int k = 0; k < kSlices; ++k)
+    names.push_back(slice_path(codec.name, k)), total += fs::file_size(names.back());
+  for (auto _ : state) {
+    std::unique_ptr<char[]> volume(new char[std::max(total, kFrameBytes * kSlices)]);
+    std::size_t at = 0;
+    for (const std::string& name : names) {
+      std::ifstream in(name, std::ios::binary);
+      in.read(volume.get() + at, std::streamsize(total - at));
+      at += std::size_t(in.gcount());
+    }
+    benchmark::DoNotOptimize(volume.get());
   }
   state.SetLabel(codec.name);
   state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(kFrameBytes) * kSlices);
 }
-BENCHMARK(BM_Volume_Quib)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Volume_ReadFiles)->DenseRange(0, 4)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 #ifdef QUIB_BENCH_GDCM
 void BM_Volume_Gdcm(benchmark::State& state) {
@@ -387,7 +459,7 @@ void BM_Volume_Gdcm(benchmark::State& state) {
   state.SetLabel(codec.name);
   state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(kFrameBytes) * kSlices);
 }
-BENCHMARK(BM_Volume_Gdcm)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Volume_Gdcm)->DenseRange(0, 4)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 #ifdef QUIB_BENCH_DCMTK
@@ -417,7 +489,7 @@ void BM_Volume_Dcmtk(benchmark::State& state) {
   state.SetLabel(codec.name);
   state.SetBytesProcessed(std::int64_t(state.iterations()) * std::int64_t(kFrameBytes) * kSlices);
 }
-BENCHMARK(BM_Volume_Dcmtk)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Volume_Dcmtk)->DenseRange(0, 4)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 // Frame k of the 500-frame JPEG-LS file: locating it and decoding it alone.

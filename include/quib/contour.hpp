@@ -6,6 +6,7 @@
 #include <opencv2/core.hpp>
 
 #include <cstddef>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -74,7 +75,7 @@ class QUIB_API ContourTracer {
   bool empty() const { return base_.empty(); }
   /// The traced image and the mask (shared headers, not copies).
   cv::Mat base() const { return base_; }
-  cv::Mat mask() const { return mask_; }
+  cv::Mat mask() const;
 
   /// True when `p` lies outside the image (x < 0, y < 0, x >= columns or y >= rows).
   bool is_end(cv::Point const& p) const;
@@ -129,8 +130,18 @@ class QUIB_API ContourTracer {
                                             unsigned char blank) const;
 
  private:
+  /// How far the tracer's own mask is zeroed, and buffers kept between searches; shared by
+  /// copies, as the matrices are.
+  struct Work;
+
+  /// Copies `image` into base_ and starts work_.
+  void copy_base(cv::Mat const& image);
+  /// Makes sure that the rows of the mask before `end` are zeroed (see Work).
+  void zero_rows(int end) const;
+
   cv::Mat base_;
   cv::Mat mask_;
+  std::shared_ptr<Work> work_;
 };
 
 inline void swap(ContourTracer& a, ContourTracer& b) noexcept {

@@ -22,7 +22,8 @@ namespace quib {
 ///     if (curve.is()) double y = curve.get_y(2.5);
 class QUIB_API LeastSquaresCurve {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 2, 1>>;
+  using point_type = Eigen::Matrix<double, 2, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresCurve();
   explicit LeastSquaresCurve(const points_type& points);
@@ -32,20 +33,54 @@ class QUIB_API LeastSquaresCurve {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` (parameters in the order a, b, ...; cleared on failure).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see fit.hpp's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Residuals y - f(x), one per input point.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresCurve create(const points_type& points);
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
-  static LeastSquaresCurve create(const points_type& points, double k);
+  static LeastSquaresCurve create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresCurve create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step.
-  static LeastSquaresCurve create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresCurve create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresCurve create(const point_type* points, std::size_t count, double k,
+                                  FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -53,6 +88,8 @@ class QUIB_API LeastSquaresCurve {
   double get_y(double x) const { return (a_ * x + b_) * x + c_; }
 
  private:
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
+
   double a_;
   double b_;
   double c_;
@@ -67,7 +104,8 @@ class QUIB_API LeastSquaresCurve {
 ///     quib::LeastSquaresCurve3 cubic = quib::LeastSquaresCurve3::create(points, 2.0);
 class QUIB_API LeastSquaresCurve3 {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 2, 1>>;
+  using point_type = Eigen::Matrix<double, 2, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresCurve3();
   explicit LeastSquaresCurve3(const points_type& points);
@@ -77,18 +115,52 @@ class QUIB_API LeastSquaresCurve3 {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` (parameters in the order a, b, ...; cleared on failure).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see fit.hpp's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresCurve3 create(const points_type& points);
-  static LeastSquaresCurve3 create(const points_type& points, double k);
+  static LeastSquaresCurve3 create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresCurve3 create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step.
-  static LeastSquaresCurve3 create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresCurve3 create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresCurve3 create(const point_type* points, std::size_t count, double k,
+                                   FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -97,6 +169,8 @@ class QUIB_API LeastSquaresCurve3 {
   double get_y(double x) const { return ((a_ * x + b_) * x + c_) * x + d_; }
 
  private:
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
+
   double a_;
   double b_;
   double c_;
@@ -137,20 +211,57 @@ class QUIB_API LeastSquaresDimension {
   static LeastSquaresDimension create(double scale, int degree, const points_type& points);
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
   static LeastSquaresDimension create(double scale, int degree, const points_type& points,
-                                      double k);
+                                      double k) {
+    return create(scale, degree, points.data(), points.size(), k);
+  }
+  static LeastSquaresDimension create(double scale, int degree, const point_type* points,
+                                      std::size_t count, double k);
   static LeastSquaresDimension create(double scale, int degree, const points_type& points, double k,
-                                      FitInfo& info);
+                                      FitInfo& info) {
+    return create(scale, degree, points.data(), points.size(), k, info);
+  }
+  static LeastSquaresDimension create(double scale, int degree, const point_type* points,
+                                      std::size_t count, double k, FitInfo& info);
 
-  [[nodiscard]] bool calculate(int degree, const points_type& points);
+  [[nodiscard]] bool calculate(int degree, const points_type& points) {
+    return calculate(degree, points.data(), points.size());
+  }
   [[nodiscard]] bool calculate(int degree, const points_type& points,
-                               const std::vector<double>& weights);
+                               const std::vector<double>& weights) {
+    return calculate(degree, points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info`: parameters in coefficient order (highest power first), as
   /// read with operator[] (the scale divided out), residuals y - get_y(x).
-  [[nodiscard]] bool calculate(int degree, const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(int degree, const points_type& points, FitInfo& info) {
+    return calculate(degree, points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(int degree, const points_type& points,
-                               const std::vector<double>& weights, FitInfo& info);
+                               const std::vector<double>& weights, FitInfo& info) {
+    return calculate(degree, points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see fit.hpp's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(int degree, const point_type* points, std::size_t count) {
+    return fit(degree, points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(int degree, const point_type* points, std::size_t count,
+                               const double* weights) {
+    return fit(degree, points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(int degree, const point_type* points, std::size_t count,
+                               FitInfo& info) {
+    return fit(degree, points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(int degree, const point_type* points, std::size_t count,
+                               const double* weights, FitInfo& info) {
+    return fit(degree, points, count, weights, &info);
+  }
   /// Residuals y - get_y(x), one per input point; false (d untouched) with no coefficients.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   /// Number of coefficients (degree + 1).
   int size() const { return static_cast<int>(coef.size()); }
@@ -196,6 +307,8 @@ class QUIB_API LeastSquaresDimension {
                   double x0, double x1, double step) const;
 
  private:
+  bool fit(int degree, const point_type* points, std::size_t count, const double* weights,
+           FitInfo* info);
   int walk(bool local, std::vector<int>& kinds, points_type& points, std::vector<double>& strongest,
            double x0, double x1, double step) const;
 

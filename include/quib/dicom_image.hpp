@@ -7,6 +7,7 @@
 #include <quib/image.hpp>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -18,8 +19,8 @@ namespace quib {
 /// (Dicom::READ_STANDARD): the attributes that describe its pixels, and the decoding of any one
 /// frame without touching the others. Native data in either byte order with 1, 8, 16 or 32 bits
 /// allocated (planar data made interleaved, uncompressed YBR_FULL_422 expanded to three
-/// samples per pixel), and encapsulated RLE Lossless, JPEG (baseline, extended 12-bit,
-/// lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
+/// samples per pixel), and encapsulated RLE Lossless (1-bit data too), JPEG (baseline, extended
+/// 12-bit, lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
 /// Table, one fragment per frame, or the codec's end marker.
 ///
 /// Decoded samples are as stored, not rescaled: one sample per Bits Allocated container
@@ -29,9 +30,10 @@ namespace quib {
 /// YBR_FULL_422 JPEG frame, "YBR_FULL" for expanded native YBR_FULL_422).
 ///
 /// Memory: the object refers to the Pixel Data value inside the Dicom it was loaded from,
-/// which must outlive it unchanged; it copies nothing. Frames are decoded into a new owned
-/// image or into caller memory. Failure: load and decode return false and keep a one-line
-/// reason (get_error); a failed load leaves the object empty. No buffer is sized before the
+/// which must outlive it unchanged; it copies only its lookup tables (modality, VOI, palette:
+/// at most 65536 entries each). Frames are decoded into a new owned image or into caller
+/// memory. Failure: load and decode return false and keep a one-line reason (get_error); a
+/// failed load leaves the object empty. No buffer is sized before the
 /// codec's own header agrees with the attributes, and no frame larger than the frame limit
 /// (FRAME_LIMIT bytes unless given) is accepted. Only allocation failure throws.
 /// Threads: one object belongs to one thread at a time (decode records its error).
@@ -109,28 +111,51 @@ class QUIB_API DicomPixels {
 
   // Values for people.
 
+  /// A lookup table of the file (modality, VOI or palette): entry k holds the output for
+  /// stored value first + k; values below `first` take the first entry, values above the last
+  /// take the last. `bits` per entry is 8 or 16. A table the file describes but that cannot be
+  /// used (data shorter than its descriptor, a descriptor with other than 8 or 16 bits, a
+  /// broken segmented palette) has no entries and says why in `error`.
+  struct LookupTable {
+    std::int64_t first = 0;
+    int bits = 0;
+    std::vector<std::uint16_t> entries;
+    std::string error;
+    bool is() const { return !entries.empty(); }
+  };
+
   /// Rescale Slope and Intercept (1 and 0 when absent): real value = stored * slope + intercept
-  /// (Hounsfield units for CT).
+  /// (Hounsfield units for CT). Not used when the file has a modality LUT.
   double get_rescale_slope() const { return rescale_slope; }
   double get_rescale_intercept() const { return rescale_intercept; }
+  /// The Modality LUT Sequence's table, which replaces slope and intercept when given (empty
+  /// with no error when the file has none).
+  const LookupTable& get_modality_lut() const { return modality_lut_; }
+  /// The tables of the VOI LUT Sequence, in the file's order.
+  const std::vector<LookupTable>& get_voi_luts() const { return voi_luts_; }
+  /// The red, green and blue tables of a PALETTE COLOR file, plain or segmented (expanded).
+  const LookupTable& get_palette(int channel) const { return palette_[std::size_t(channel % 3)]; }
   /// The Window Center / Width pairs the file offers, in its order (VOI LUT Function in
   /// get_voi_function: "LINEAR" unless the file says "LINEAR_EXACT" or "SIGMOID").
   const std::vector<std::array<double, 2>>& get_windows() const { return windows; }
   const std::string& get_voi_function() const { return voi_function; }
 
-  /// Decodes a frame and rescales it to real values: one channel of 32-bit floats. False for
-  /// colour data, and as decode.
+  /// Decodes a frame and makes real values of it through the modality LUT, or else slope and
+  /// intercept: one channel of 32-bit floats. False for colour data, for a modality LUT the
+  /// file describes but that cannot be used, and as decode.
   bool decode_values(int frame, Image& out) const;
   /// The same rounded to 16-bit two's complement; false when a value falls outside
   /// [-32768, 32767].
   bool decode_values16(int frame, Image& out) const;
-  /// Decodes a frame for display, 8 bits per sample: grey data is rescaled, then windowed with
-  /// window `window` of get_windows() (or, when the file has none or `window` is -1, the
-  /// frame's own minimum and maximum), MONOCHROME1 inverted; colour data comes out as RGB
+  /// Decodes a frame for display, 8 bits per sample. Grey data is made real values as
+  /// decode_values does, then goes through VOI transform `window`: the VOI LUTs come first
+  /// (0 .. get_voi_luts().size() - 1), then the windows of get_windows(), so that the default
+  /// 0 picks the file's first VOI LUT when it has one and its first window otherwise; -1, or
+  /// a file with neither, windows the frame's own minimum to maximum. A VOI LUT's output
+  /// spans 0 .. 2^bits - 1. MONOCHROME1 is inverted last. Colour data comes out as RGB
   /// (YBR_FULL converted, PALETTE COLOR through its tables, 16-bit colour scaled to 8 bits).
-  /// False as decode, or when a palette is shorter than its descriptor says.
+  /// False as decode and decode_values, or when the table to be used cannot be.
   bool decode_display(int frame, Image& out, int window = 0) const;
-
   /// The reason of the last failed load or decode; empty when none failed yet.
   const std::string& get_error() const { return error; }
 
@@ -139,6 +164,10 @@ class QUIB_API DicomPixels {
   // With `with_pixels` false, only the attributes are read (the object stays empty).
   bool load(const Dicom& file, std::uint64_t frame_limit, bool with_pixels);
   bool fail(const std::string& reason) const;
+  // Writes the real values of `count` decoded samples to `out` as 32-bit floats (any
+  // alignment): through the modality LUT, or slope and intercept. False when the file's
+  // modality LUT cannot be used.
+  bool make_values(const unsigned char* in, std::size_t count, unsigned char* out) const;
 
   const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom
   int rows = 0, columns = 0, samples = 0, bits_allocated = 0, bits_stored = 0, high_bit = 0;
@@ -153,10 +182,9 @@ class QUIB_API DicomPixels {
   double rescale_slope = 1, rescale_intercept = 0;
   std::vector<std::array<double, 2>> windows;
   std::string voi_function;
-  // PALETTE COLOR: red, green and blue tables; each descriptor is entries, first mapped
-  // value, bits per entry (kept to report a table shorter than it claims).
-  std::array<std::array<int, 3>, 3> palette_descriptor{};
-  std::array<std::vector<std::uint16_t>, 3> palette;
+  LookupTable modality_lut_;
+  std::vector<LookupTable> voi_luts_;
+  std::array<LookupTable, 3> palette_;
   // Encapsulated data: fragments as (offset in the value, size); frame k is the run of
   // fragments from frame_first[k] to frame_first[k + 1].
   std::vector<std::array<std::uint64_t, 2>> fragments;
@@ -176,11 +204,18 @@ inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
 /// Representation) or, rescaled, 32-bit floats of slope * stored + intercept, slice by slice.
 ///
 /// Memory: the voxels are one buffer, allocated once when every slice has been checked;
-/// copies share it. Files are read twice (once for their attributes, once to decode them into
-/// the buffer), so no slice is held twice. Failure: load returns false with a reason (no
-/// image in the files, slices that differ in size, orientation or pixel format, two slices
-/// at one position, uneven spacing, a frame that does not decode) and leaves the object
-/// empty. Threads: one object belongs to one thread at a time.
+/// copies share it. Each file is read twice: its first 64 KiB for the attributes, then whole
+/// to decode its frames straight into their place in the buffer, so no slice is held twice
+/// and no more files are held at once than there are threads. Failure: load returns false
+/// with a reason (no image in the files, slices that differ in size, orientation or pixel
+/// format, two slices at one position, uneven spacing, a frame that does not decode: the
+/// first such frame in slice order, whatever the number of threads) and leaves the object
+/// empty; only allocation failure throws, in the calling thread.
+/// Threads: one object belongs to one thread at a time. load reads the files and decodes the
+/// slices on get_threads() threads, the caller's among them (never more than there are
+/// slices), and returns when all have ended; the result is the same byte for byte for any
+/// number. A host that loads many series at once, each on a thread of its own, calls
+/// set_threads(1) so that each load runs on its caller's thread alone.
 ///
 ///     quib::DicomVolume volume;
 ///     if (volume.load(L"/data/ct-series", true))
@@ -196,6 +231,13 @@ class QUIB_API DicomVolume {
   /// Reads the given files, as above.
   bool load(const std::vector<std::wstring>& files, bool rescaled = false,
             const std::string& series = {});
+
+  /// The number of threads load uses: 0 (the default) for as many as the machine has cores
+  /// (std::thread::hardware_concurrency), 1 for the calling thread alone. Negative counts as 0.
+  /// Kept by clear and load.
+  void set_threads(int threads);
+  /// The number of threads load uses at most (the setting, or the cores when it is 0).
+  int get_threads() const;
 
   bool is() const { return data != nullptr; }
   bool empty() const { return data == nullptr; }
@@ -232,6 +274,7 @@ class QUIB_API DicomVolume {
   std::array<double, 3> spacing{}, origin{};
   std::array<double, 9> direction{};
   std::string sample_type, series_uid, error;
+  int threads_ = 0;
 };
 
 inline void swap(DicomVolume& a, DicomVolume& b) noexcept {

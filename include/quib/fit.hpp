@@ -1,15 +1,33 @@
 // Least-squares fits of lines, circles, planes and spheres to point sets.
+//
+// Points in caller memory: every fit (and get_d, and the robust create) takes either a vector
+// of points or a pointer to `count` points held elsewhere, such as a NumPy (N, 2) or (N, 3)
+// float64 array or a mapped file. The points are read in place, never copied, and the result
+// is the same as from a vector of the same points (the vector forms call the pointer forms).
+// The points must be packed, D doubles each with no gap between points, and aligned as the
+// point type asks: alignof(Eigen::Matrix<double, 2, 1>) is 16 bytes, because Eigen moves
+// 2-vectors with aligned SSE instructions; 3-D points need 8. NumPy's allocator gives 16; a
+// view that starts at an odd row of an (N, 2) array does not, and must be copied first.
 #pragma once
 
 #include <quib/export.hpp>
 
 #include <Eigen/Core>
 
+#include <algorithm>
 #include <cstddef>
 #include <type_traits>
 #include <vector>
 
 namespace quib {
+
+namespace detail {
+/// The points that the vector forms pass on with weights: points past the weights' end weigh 0.
+template <class Point>
+std::size_t weighed(std::vector<Point> const& points, std::vector<double> const& weights) {
+  return std::min(points.size(), weights.size());
+}
+}  // namespace detail
 
 /// How well a least-squares fit determined its parameters: the parameter covariance
 /// σ²·(JᵀJ)⁻¹ (J the Jacobian of the residuals, weighted where the fit was weighted), with
@@ -76,7 +94,8 @@ inline void swap(FitInfo& a, FitInfo& b) noexcept {
 ///     if (line.is()) double y = line.get_y(10.0);
 class QUIB_API LeastSquaresLine {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 2, 1>>;
+  using point_type = Eigen::Matrix<double, 2, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresLine();
   explicit LeastSquaresLine(const points_type& points);
@@ -88,22 +107,56 @@ class QUIB_API LeastSquaresLine {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see the file's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Residuals y - (a·x + b), one per input point in input order.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresLine create(const points_type& points);
   /// Fits, weights the residuals with a Tukey biweight whose threshold is
   /// MAD/0.6745·k + median |residual|, and fits once more with those weights.
-  static LeastSquaresLine create(const points_type& points, double k);
+  static LeastSquaresLine create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresLine create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step (points with weight 0 are not
   /// counted).
-  static LeastSquaresLine create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresLine create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresLine create(const point_type* points, std::size_t count, double k,
+                                 FitInfo& info);
   /// Fits repeatedly, turning a copy of the points towards the horizontal after each pass
   /// (about the fitted line's intercept), until a pass's slope is within `tolerance` or
   /// `count` passes are done. The result's a is the sum of the slopes of all passes and b the
@@ -121,6 +174,7 @@ class QUIB_API LeastSquaresLine {
   using pass_type = LeastSquaresLine (*)(const points_type& points, double k);
   static LeastSquaresLine iterate(const points_type& points, double tolerance, int count,
                                   pass_type pass, double k);
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
 
   double a_;
   double b_;
@@ -139,7 +193,8 @@ class QUIB_API LeastSquaresLine {
 ///     if (circle.is()) std::printf("%g %g r=%g\n", circle.x(), circle.y(), circle.r());
 class QUIB_API LeastSquaresCircle {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 2, 1>>;
+  using point_type = Eigen::Matrix<double, 2, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresCircle();
   explicit LeastSquaresCircle(const points_type& points);
@@ -149,20 +204,54 @@ class QUIB_API LeastSquaresCircle {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see the file's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Algebraic residuals (x - cx)² + (y - cy)² - r², one per input point.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresCircle create(const points_type& points);
-  static LeastSquaresCircle create(const points_type& points, double k);
+  static LeastSquaresCircle create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresCircle create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step (points with weight 0 are not
   /// counted).
-  static LeastSquaresCircle create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresCircle create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresCircle create(const point_type* points, std::size_t count, double k,
+                                   FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -174,6 +263,8 @@ class QUIB_API LeastSquaresCircle {
   double r() const;
 
  private:
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
+
   double a_;
   double b_;
   double c_;
@@ -189,7 +280,8 @@ class QUIB_API LeastSquaresCircle {
 ///     // unit normal (x(), y(), z()) and offset d(): x()·X + y()·Y + z()·Z = d()
 class QUIB_API LeastSquaresPlane {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 3, 1>>;
+  using point_type = Eigen::Matrix<double, 3, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresPlane();
   explicit LeastSquaresPlane(const points_type& points);
@@ -199,20 +291,54 @@ class QUIB_API LeastSquaresPlane {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see the file's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Residuals z - (a·x + b·y + c), one per input point.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresPlane create(const points_type& points);
-  static LeastSquaresPlane create(const points_type& points, double k);
+  static LeastSquaresPlane create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresPlane create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step (points with weight 0 are not
   /// counted).
-  static LeastSquaresPlane create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresPlane create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresPlane create(const point_type* points, std::size_t count, double k,
+                                  FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -225,6 +351,8 @@ class QUIB_API LeastSquaresPlane {
   double d() const;
 
  private:
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
+
   double a_;
   double b_;
   double c_;
@@ -240,7 +368,8 @@ class QUIB_API LeastSquaresPlane {
 ///     if (sphere.is()) double radius = sphere.r();
 class QUIB_API LeastSquaresSphere {
  public:
-  using points_type = std::vector<Eigen::Matrix<double, 3, 1>>;
+  using point_type = Eigen::Matrix<double, 3, 1>;
+  using points_type = std::vector<point_type>;
 
   LeastSquaresSphere();
   explicit LeastSquaresSphere(const points_type& points);
@@ -250,20 +379,54 @@ class QUIB_API LeastSquaresSphere {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info` with the fit's statistics (cleared when the fit fails).
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see the file's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Algebraic residuals |p - centre|² - r², one per input point.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static LeastSquaresSphere create(const points_type& points);
-  static LeastSquaresSphere create(const points_type& points, double k);
+  static LeastSquaresSphere create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static LeastSquaresSphere create(const point_type* points, std::size_t count, double k);
   /// The robust fit with the statistics of its weighted step (points with weight 0 are not
   /// counted).
-  static LeastSquaresSphere create(const points_type& points, double k, FitInfo& info);
+  static LeastSquaresSphere create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static LeastSquaresSphere create(const point_type* points, std::size_t count, double k,
+                                   FitInfo& info);
 
   double a() const { return a_; }
   double b() const { return b_; }
@@ -278,6 +441,8 @@ class QUIB_API LeastSquaresSphere {
   double r() const;
 
  private:
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
+
   double a_;
   double b_;
   double c_;
@@ -315,19 +480,52 @@ class QUIB_API GeometricFit {
   bool is() const;
   bool empty() const { return !is(); }
 
-  [[nodiscard]] bool calculate(const points_type& points);
-  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights);
+  [[nodiscard]] bool calculate(const points_type& points) {
+    return calculate(points.data(), points.size());
+  }
+  [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data());
+  }
   /// As above, and fills `info`: parameters centre (x, y[, z]) then r.
-  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info);
+  [[nodiscard]] bool calculate(const points_type& points, FitInfo& info) {
+    return calculate(points.data(), points.size(), info);
+  }
   [[nodiscard]] bool calculate(const points_type& points, const std::vector<double>& weights,
-                               FitInfo& info);
+                               FitInfo& info) {
+    return calculate(points.data(), detail::weighed(points, weights), weights.data(), info);
+  }
+  /// The same fits over `count` points in caller memory, read in place (see the file's note);
+  /// `weights`, when not null, holds `count` weights.
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count) {
+    return fit(points, count, nullptr, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights) {
+    return fit(points, count, weights, nullptr);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, FitInfo& info) {
+    return fit(points, count, nullptr, &info);
+  }
+  [[nodiscard]] bool calculate(const point_type* points, std::size_t count, const double* weights,
+                               FitInfo& info) {
+    return fit(points, count, weights, &info);
+  }
   /// Signed distances |p - centre| - r, one per input point; false (d untouched) with no fit.
-  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const;
+  [[nodiscard]] bool get_d(std::vector<double>& d, const points_type& points) const {
+    return get_d(d, points.data(), points.size());
+  }
+  [[nodiscard]] bool get_d(std::vector<double>& d, const point_type* points,
+                           std::size_t count) const;
 
   static GeometricFit create(const points_type& points);
   /// One Tukey reweighting of the distances, as LeastSquaresLine::create(points, k).
-  static GeometricFit create(const points_type& points, double k);
-  static GeometricFit create(const points_type& points, double k, FitInfo& info);
+  static GeometricFit create(const points_type& points, double k) {
+    return create(points.data(), points.size(), k);
+  }
+  static GeometricFit create(const point_type* points, std::size_t count, double k);
+  static GeometricFit create(const points_type& points, double k, FitInfo& info) {
+    return create(points.data(), points.size(), k, info);
+  }
+  static GeometricFit create(const point_type* points, std::size_t count, double k, FitInfo& info);
 
   /// The centre.
   const point_type& centre() const { return centre_; }
@@ -341,7 +539,7 @@ class QUIB_API GeometricFit {
   double r() const { return r_; }
 
  private:
-  bool fit(const points_type& points, const std::vector<double>* weights, FitInfo* info);
+  bool fit(const point_type* points, std::size_t count, const double* weights, FitInfo* info);
 
   point_type centre_;
   double r_;

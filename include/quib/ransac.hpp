@@ -6,6 +6,7 @@
 
 #include <Eigen/Core>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -69,6 +70,13 @@ class RANSAC {
   virtual bool is_best(const S& best, const S& candidate) = 0;
 
  private:
+  template <class, class>
+  friend class RANSAC_Plane;
+  // The search over `count` points whose model operations `model` supplies (see ransac.cpp).
+  template <class Model>
+  bool search(std::size_t count, S threshold, int n, double p, std::uint64_t max_iterations,
+              std::uint32_t seed, Model& model);
+
   std::vector<int> best_indices;
   std::vector<V> best_model;
   int max_attempts;
@@ -100,6 +108,14 @@ class RANSAC_Plane : public RANSAC<V, S> {
   using RANSAC<V, S>::compute_seeded;
   /// compute_seeded(points, threshold, 3, p, max_iterations, seed).
   [[nodiscard]] bool compute_seeded(const std::vector<V>& points, S threshold, double p,
+                                    std::uint64_t max_iterations, std::uint32_t seed);
+  /// The same searches over `count` points in caller memory (for example a NumPy (N, 3) array),
+  /// read in place and never copied; same samples, model and inliers as from a vector of the
+  /// same points. These use this class's plane operations directly, not the virtual ones: a
+  /// class that overrides them is searched through the vector forms.
+  [[nodiscard]] bool compute(const V* points, std::size_t count, S threshold, double p,
+                             std::uint64_t max_iterations);
+  [[nodiscard]] bool compute_seeded(const V* points, std::size_t count, S threshold, double p,
                                     std::uint64_t max_iterations, std::uint32_t seed);
 
  protected:

@@ -12,11 +12,9 @@ from collections.abc import Mapping as _Mapping
 from . import errors
 from .errors import (ArgumentError, Error, FormatError, IsADirectoryError, NotFoundError,
                      WriteError)
-from ._quib import (GeometricCircle, GeometricSphere, Bitmap, Camera, Sha256, Volume, mesh_measures, read_volume, Circle, Image, Line, Mesh, Plane, Polynomial, Sphere,
-                    add_sharp_number, add_suffix_number, fit_circle, fit_line, fit_plane,
-                    fit_polynomial, fit_sphere, get_sharp_number, get_suffix_number, hash64,
-                    ransac_plane, read_bmp, read_camera, read_stl, sha256, sub_sharp_number,
-                    sub_suffix_number, write_bmp, write_stl)
+# Every public name of the compiled module: images, fits, statistics, meshes, DICOM, cameras,
+# calibration, features, contours, hashing, clocks.
+from ._quib import *  # noqa: F401,F403
 from . import _quib
 
 __version__ = "0.1.0"
@@ -123,11 +121,22 @@ def read_dicom(path, classic=False):
     return DicomFile(_quib._read_dicom(path, classic))
 
 
-__all__ = [
-    "ArgumentError", "Bitmap", "GeometricCircle", "GeometricSphere", "Sha256", "Volume", "mesh_measures", "read_volume", "Camera", "Circle", "DicomFile", "Error", "FormatError",
-    "Image", "IsADirectoryError", "Line", "Mesh", "NotFoundError", "Plane", "Polynomial",
-    "Sphere", "WriteError", "add_sharp_number", "add_suffix_number", "errors", "fit_circle",
-    "fit_line", "fit_plane", "fit_polynomial", "fit_sphere", "get_sharp_number",
-    "get_suffix_number", "hash64", "ransac_plane", "read_bmp", "read_camera", "read_dicom",
-    "read_stl", "sha256", "sub_sharp_number", "sub_suffix_number", "write_bmp", "write_stl",
-]
+def calibrate(images, columns=10, rows=7, square=24.0):
+    """Calibrates a camera from a list of image arrays of a chessboard with ``columns`` x
+    ``rows`` inner corners and squares of ``square`` (or (width, height)) length units.
+    Images in which the whole board is not found are skipped (use Calibration.add to see which).
+    Returns a CameraCalibration; raises quib.ArgumentError when no view can be solved.
+
+        >>> result = quib.calibrate(views, 10, 7, 24.0)
+        >>> result.matrix, result.distortion, result.matrix_deviation, result.view_errors
+        >>> result.save("camera.yml")
+    """
+    calibration = Calibration(columns, rows, square)  # noqa: F405
+    for image in images:
+        calibration.add(image)
+    return calibration.solve()
+
+
+__all__ = sorted([name for name in dir(_quib) if not name.startswith("_")] + [
+    "ArgumentError", "DicomFile", "Error", "FormatError", "IsADirectoryError", "NotFoundError",
+    "WriteError", "errors", "calibrate", "read_dicom"])

@@ -1,21 +1,10 @@
 from collections.abc import Mapping
 from os import PathLike
-from typing import Any, Iterator, Tuple, Union
+from typing import Any, Iterator, Sequence, Tuple, Union
 
 from . import batch as batch, errors as errors
-from ._quib import (GeometricCircle as GeometricCircle, GeometricSphere as GeometricSphere,
-                    Sha256 as Sha256, Volume as Volume, mesh_measures as mesh_measures,
-                    read_volume as read_volume, Bitmap as Bitmap, Camera as Camera, Circle as Circle, Image as Image,
-                    Line as Line, Mesh as Mesh, Plane as Plane, Polynomial as Polynomial,
-                    Sphere as Sphere, add_sharp_number as add_sharp_number,
-                    add_suffix_number as add_suffix_number, fit_circle as fit_circle,
-                    fit_line as fit_line, fit_plane as fit_plane, fit_polynomial as fit_polynomial,
-                    fit_sphere as fit_sphere, get_sharp_number as get_sharp_number,
-                    get_suffix_number as get_suffix_number, hash64 as hash64,
-                    ransac_plane as ransac_plane, read_bmp as read_bmp, read_camera as read_camera,
-                    read_stl as read_stl, sha256 as sha256, sub_sharp_number as sub_sharp_number,
-                    sub_suffix_number as sub_suffix_number, write_bmp as write_bmp,
-                    write_stl as write_stl)
+from ._quib import *
+from ._quib import CameraCalibration
 from .errors import (ArgumentError as ArgumentError, Error as Error, FormatError as FormatError,
                      IsADirectoryError as IsADirectoryError, NotFoundError as NotFoundError,
                      WriteError as WriteError)
@@ -46,3 +35,5 @@ class DicomFile(Mapping[int, Any]):
     def name(self, key: _Key) -> str: ...
 
 def read_dicom(path: Union[str, bytes, PathLike], classic: bool = False) -> DicomFile: ...
+def calibrate(images: Sequence[Any], columns: int = 10, rows: int = 7,
+              square: Union[float, Tuple[float, float]] = 24.0) -> CameraCalibration: ...

@@ -268,8 +268,10 @@ struct PyVolume {
   DicomVolume volume;
 };
 
-PyVolume read_volume(py::handle source, bool rescaled, std::string const& series) {
+PyVolume read_volume(py::handle source, bool rescaled, std::string const& series, int threads) {
+  if (threads < 0) fail_value("threads must be 0 (every core) or more");
   PyVolume v;
+  v.volume.set_threads(threads);
   bool ok;
   std::string what;
   if (py::isinstance<py::str>(source) || py::hasattr(source, "__fspath__") ||
@@ -465,15 +467,20 @@ patient space). Made by quib.read_volume.
                                auto a = v.volume.get_direction();
                                return doubles(a.data(), 9).attr("reshape")(3, 3);
                              })
-      .def_property_readonly("series", [](PyVolume const& v) { return v.volume.get_series(); });
+      .def_property_readonly("series", [](PyVolume const& v) { return v.volume.get_series(); })
+      .def_property_readonly(
+          "threads", [](PyVolume const& v) { return v.volume.get_threads(); },
+          "The number of threads the volume was read with.");
   m.def("read_volume", &read_volume, py::arg("source"), py::arg("rescaled") = false,
-        py::arg("series") = "",
+        py::arg("series") = "", py::arg("threads") = 0,
         R"doc(
 Reads a DICOM series from a folder, one multi-frame file, or a list of files into a Volume:
 slices of one Series Instance UID (``series``, or the one with most images) ordered along their
 normal; ``rescaled`` gives float32 real values (Hounsfield units for CT). Raises
 FileNotFoundError, or quib.FormatError with the reason (sizes differ, uneven spacing, ...).
-Releases the GIL while reading.
+Slices are read and decoded on ``threads`` threads (0: one per core; 1: the calling thread
+alone, for callers that load many series on threads of their own). The volume's ``array`` is
+the decoded buffer itself, not a copy. Releases the GIL while reading.
 )doc");
 
   m.def(

@@ -63,41 +63,51 @@ int checked_int(py::ssize_t v, char const* what) {
   return static_cast<int>(v);
 }
 
-/// Wraps the array's memory (no copy). Rows may be padded (a crop of a wider array), but the
-/// pixels of one row must be contiguous.
-PyImage wrap(py::array array) {
+/// The bits per sample of an image array's dtype: 8, 16 or 32 (float); refuses other dtypes.
+int sample_bits(py::array const& array, char const* what) {
+  if (array.dtype().is(py::dtype::of<std::uint8_t>())) return 8;
+  if (array.dtype().is(py::dtype::of<std::uint16_t>())) return 16;
+  if (array.dtype().is(py::dtype::of<float>())) return 32;
+  fail_value(std::string(what) + " has dtype uint8, uint16 or float32, not " +
+             std::string(py::str(array.dtype())));
+}
+
+/// Checks an image array and gives its samples' bits, channels and row stride. Rows may be
+/// padded (a crop of a wider array), but the pixels of one row must be contiguous.
+struct Layout {
+  int bits;
+  py::ssize_t channels;
+  int stride;
+};
+
+Layout layout_of(py::array const& array, char const* what) {
   const py::ssize_t ndim = array.ndim();
   if (ndim != 2 && ndim != 3)
-    fail_value("an image array has shape (rows, columns) or (rows, columns, channels), not " +
+    fail_value(std::string(what) +
+               " has shape (rows, columns) or (rows, columns, channels), not " +
                shape_text(array));
   const py::ssize_t channels = ndim == 3 ? array.shape(2) : 1;
   if (channels != 1 && channels != 3 && channels != 4)
-    fail_value("an image has 1, 3 or 4 channels, not " + std::to_string(channels));
-  int bits = 0;
-  if (array.dtype().is(py::dtype::of<std::uint8_t>()))
-    bits = 8;
-  else if (array.dtype().is(py::dtype::of<std::uint16_t>()))
-    bits = 16;
-  else if (array.dtype().is(py::dtype::of<float>()))
-    bits = 32;
-  else
-    fail_value("an image array has dtype uint8, uint16 or float32, not " +
-               std::string(py::str(array.dtype())));
+    fail_value(std::string(what) + " has 1, 3 or 4 channels, not " + std::to_string(channels));
+  const int bits = sample_bits(array, what);
   const py::ssize_t item = bits / 8;
   const py::ssize_t rows = array.shape(0), columns = array.shape(1);
   const py::ssize_t row_stride = array.strides(0);
   const bool packed = (ndim == 2 || array.strides(2) == item) &&
-                      array.strides(1) == channels * item &&
+                      (columns <= 1 || array.strides(1) == channels * item) &&
                       (rows <= 1 || row_stride >= columns * channels * item);
   if (!packed)
-    fail_value("the image array's pixels are not contiguous within a row (strides " +
+    fail_value(std::string(what) + ": the pixels are not contiguous within a row (strides " +
                std::to_string(row_stride) + ", " + std::to_string(array.strides(1)) +
                "); pass numpy.ascontiguousarray(array)");
+  return {bits, channels,
+          checked_int(rows <= 1 ? columns * channels * item : row_stride, "row stride")};
+}
+
+/// Wraps the array's memory (no copy); the Python image keeps the array alive.
+PyImage wrap(py::array array) {
   PyImage out;
-  const int stride = checked_int(rows <= 1 ? columns * channels * item : row_stride, "row stride");
-  out.image = Image(checked_int(columns, "columns"), checked_int(rows, "rows"), stride,
-                    static_cast<unsigned char*>(const_cast<void*>(array.data())),
-                    pixel_format(static_cast<int>(bits * channels), channels));
+  out.image = image_of(array);
   out.owner = array;
   out.readonly = !array.writeable();
   return out;
@@ -181,6 +191,21 @@ py::ssize_t read_band(Dib& dib, std::vector<unsigned char>& scratch, unsigned ch
 
 }  // namespace
 
+Image image_of(py::array const& array, char const* what) {
+  const Layout l = layout_of(array, what);
+  return Image(checked_int(array.shape(1), "columns"), checked_int(array.shape(0), "rows"),
+               l.stride, static_cast<unsigned char*>(const_cast<void*>(array.data())),
+               pixel_format(static_cast<int>(l.bits * l.channels), l.channels));
+}
+
+cv::Mat mat_of(py::array const& array, char const* what) {
+  const Layout l = layout_of(array, what);
+  const int depth = l.bits == 8 ? CV_8U : l.bits == 16 ? CV_16U : CV_32F;
+  return cv::Mat(checked_int(array.shape(0), "rows"), checked_int(array.shape(1), "columns"),
+                 CV_MAKETYPE(depth, static_cast<int>(l.channels)),
+                 const_cast<void*>(array.data()), static_cast<std::size_t>(l.stride));
+}
+
 py::array image_array(Image&& image) {
   py::object holder = py::cast(PyImage{std::move(image), py::object(), false});
   return py::array(py::buffer(holder));
@@ -259,7 +284,8 @@ thread at a time.
           [](py::object self, int rows) {
             Bitmap& b = self.cast<Bitmap&>();
             if (rows <= 0) fail_value("rows must be positive");
-            if (!readable(b.dib)) fail_value("only 8-, 24- and 32-bit bitmaps are read as arrays");
+            if (!readable(b.dib))
+              fail_value("bands are read from 8-, 24- and 32-bit bitmaps; read_bmp reads every depth");
             b.dib.seek(0, 0);
             const int n = std::min(rows, std::max(b.dib.getHeight(), 1));
             std::vector<py::ssize_t> shape{n, b.dib.getWidth()};
@@ -289,44 +315,36 @@ thread at a time.
 
   m.def(
       "read_bmp",
-      [](std::filesystem::path const& path) {
-        Bitmap b = open_bitmap(path);
-        if (!readable(b.dib)) fail_read(path, "only 8-, 24- and 32-bit bitmaps are read as arrays");
-        const py::ssize_t ch = channels_of(b.dib);
-        const int bits = static_cast<int>(8 * ch);
-        PyImage* image =
-            new PyImage{Image(b.dib.getWidth(), b.dib.getHeight(), pixel_format(bits, ch)),
-                        py::object(), false};
-        py::object holder = py::cast(image, py::return_value_policy::take_ownership);
-        bool ok = true;
+      [](std::filesystem::path const& path, std::string const& palette) {
+        palette_t mode;
+        if (palette == "grey_or_bgr")
+          mode = palette_t::grey_or_bgr;
+        else if (palette == "bgr")
+          mode = palette_t::bgr;
+        else if (palette == "index")
+          mode = palette_t::index;
+        else
+          fail_value("palette is \"grey_or_bgr\", \"bgr\" or \"index\", not \"" + palette + "\"");
+        Image image;
         {
           py::gil_scoped_release release;
-          std::vector<unsigned char> scratch;
-          const int height = b.dib.getHeight();
-          const std::size_t packed = static_cast<std::size_t>(image->image.getLineBytes());
-          const int band = 256;
-          while (b.dib.tell(0) < height) {
-            const int cursor = b.dib.tell(0);
-            int got = 0;
-            const py::ssize_t top = read_band(
-                b.dib, scratch,
-                image->image.getBuffer() +
-                    static_cast<std::size_t>(std::max(height - cursor - band, 0)) * packed,
-                band, got);
-            if (top < 0) {
-              ok = false;
-              break;
-            }
-          }
+          image = Dib::read_image(wide(path), mode);
         }
-        if (!ok) fail_read(path, "the file ended before its last row");
-        return py::array(py::buffer(holder));
+        if (image.empty())
+          fail_read(path,
+                    "not an uncompressed bitmap of 1, 2, 4, 8, 16, 24 or 32 bits, or rows are "
+                    "missing");
+        return image_array(std::move(image));
       },
-      py::arg("path"), R"doc(
-Reads an uncompressed 8-, 24- or 32-bit bitmap file into a NumPy array of shape
-(rows, columns[, channels]), top row first, channels in the file's BGR(A) order (as cv2.imread
-gives them); 8-bit files give their palette indices (see Bitmap.palette). The array is over the
-pixels of a quib.Image that it keeps alive. Raises FileNotFoundError or quib.FormatError.
+      py::arg("path"), py::arg("palette") = "grey_or_bgr", R"doc(
+Reads an uncompressed bitmap file of any depth (1, 2, 4, 8, 16, 24 or 32 bits per pixel) into a
+uint8 array of shape (rows, columns[, channels]), top row first whatever the file's row order,
+channels in BGR(A) order as cv2.imread gives them. Files with a colour table (1 to 8 bits) read
+as ``palette`` says: "grey_or_bgr" (the default, as OpenCV reads them) gives grey levels when
+every table entry is a grey and BGR otherwise, "bgr" always BGR, "index" the indices
+themselves. 16-bit files (5 bits per colour) widen to BGR; 32-bit files keep their fourth byte.
+The array is over the pixels of a library image (rows padded to 4 bytes) that it keeps alive.
+Raises FileNotFoundError, IsADirectoryError or quib.FormatError. Releases the GIL.
 )doc");
 
   m.def(

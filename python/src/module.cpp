@@ -9,4 +9,7 @@ PYBIND11_MODULE(_quib, m) {
   quib::python::bind_formats(m);
   quib::python::bind_system(m);
   quib::python::bind_vision(m);
+  quib::python::bind_calibration(m);
+  quib::python::bind_features(m);
+  quib::python::bind_statistics(m);
 }

@@ -7,6 +7,7 @@
 #include <quib/ransac.hpp>
 
 #include <cmath>
+#include <optional>
 #include <string>
 
 namespace quib {
@@ -30,10 +31,9 @@ struct Request {
   double k = 0.0;
 };
 
-template <class Point>
-Request request(std::vector<Point> const& pts, py::handle weights, py::handle k) {
+Request request(std::size_t count, py::handle weights, py::handle k) {
   Request r;
-  r.weights = weights_of(weights, static_cast<py::ssize_t>(pts.size()));
+  r.weights = weights_of(weights, static_cast<py::ssize_t>(count));
   r.weighted = !weights.is_none();
   r.robust = !k.is_none();
   if (r.robust && r.weighted) fail_value("give either weights or k (a robust refit), not both");
@@ -43,28 +43,29 @@ Request request(std::vector<Point> const& pts, py::handle weights, py::handle k)
 
 /// The fit of `points`: plain, weighted, or refitted once with Tukey weights when `k` is given.
 /// A failed fit holds NaN coefficients and an empty covariance, which the result reports.
+/// The points are read in place when the array allows it (see fit_points).
 template <class Fit, class Point>
 Fitted<Fit> fit(py::handle points, py::handle weights, py::handle k) {
-  std::vector<Point> pts = points_of<Point>(points, "points");
-  const Request r = request(pts, weights, k);
+  const PointView<Point> pts = fit_points<Point>(points, "points");
+  const Request r = request(pts.count, weights, k);
   py::gil_scoped_release release;
   Fitted<Fit> out;
   if (r.robust)
-    out.fit = Fit::create(pts, r.k, out.info);
+    out.fit = Fit::create(pts.data, pts.count, r.k, out.info);
   else if (r.weighted)
-    static_cast<void>(out.fit.calculate(pts, r.weights, out.info));
+    static_cast<void>(out.fit.calculate(pts.data, pts.count, r.weights.data(), out.info));
   else
-    static_cast<void>(out.fit.calculate(pts, out.info));
+    static_cast<void>(out.fit.calculate(pts.data, pts.count, out.info));
   return out;
 }
 
 template <class Fit, class Point>
 py::array_t<double> residuals(Fitted<Fit> const& f, py::handle points) {
-  std::vector<Point> pts = points_of<Point>(points, "points");
+  const PointView<Point> pts = fit_points<Point>(points, "points");
   std::vector<double> d;
   {
     py::gil_scoped_release release;
-    if (!f.fit.get_d(d, pts)) d.assign(pts.size(), std::nan(""));
+    if (!f.fit.get_d(d, pts.data, pts.count)) d.assign(pts.count, std::nan(""));
   }
   return py::array_t<double>(static_cast<py::ssize_t>(d.size()), d.data());
 }
@@ -294,17 +295,18 @@ void bind_numeric(py::module_& m) {
   m.def(
       "fit_polynomial",
       [](py::handle points, int degree, py::handle weights, py::handle k, double scale) {
-        std::vector<P2> pts = points_of<P2>(points, "points");
+        const PointView<P2> pts = fit_points<P2>(points, "points");
         if (degree < 0) fail_value("degree must be 0 or more");
-        const Request r = request(pts, weights, k);
+        const Request r = request(pts.count, weights, k);
         py::gil_scoped_release release;
         Poly out{LeastSquaresDimension(scale), FitInfo()};
         if (r.robust)
-          out.fit = LeastSquaresDimension::create(scale, degree, pts, r.k, out.info);
+          out.fit = LeastSquaresDimension::create(scale, degree, pts.data, pts.count, r.k, out.info);
         else if (r.weighted)
-          static_cast<void>(out.fit.calculate(degree, pts, r.weights, out.info));
+          static_cast<void>(
+              out.fit.calculate(degree, pts.data, pts.count, r.weights.data(), out.info));
         else
-          static_cast<void>(out.fit.calculate(degree, pts, out.info));
+          static_cast<void>(out.fit.calculate(degree, pts.data, pts.count, out.info));
         return out;
       },
       py::arg("points"), py::arg("degree"), py::arg("weights") = py::none(),
@@ -312,15 +314,19 @@ void bind_numeric(py::module_& m) {
       note("Fits a polynomial of the given degree to (N, 2) points.", 2).c_str());
   m.def(
       "ransac_plane",
-      [](py::handle points, double threshold, double probability, std::uint64_t max_iterations) {
-        std::vector<P3> pts = points_of<P3>(points, "points");
+      [](py::handle points, double threshold, double probability, std::uint64_t max_iterations,
+         std::optional<std::uint32_t> seed) {
+        const PointView<P3> pts = fit_points<P3>(points, "points");
         if (!(threshold > 0)) fail_value("threshold must be positive");
         if (!(probability >= 0 && probability <= 1)) fail_value("probability must lie in [0, 1]");
         RANSAC_Plane<P3, double> ransac;
         bool found;
         {
           py::gil_scoped_release release;
-          found = ransac.compute(pts, threshold, probability, max_iterations);
+          found = seed ? ransac.compute_seeded(pts.data, pts.count, threshold, probability,
+                                               max_iterations, *seed)
+                       : ransac.compute(pts.data, pts.count, threshold, probability,
+                                        max_iterations);
         }
         py::array_t<double> normal(3);
         normal.mutable_at(0) = normal.mutable_at(1) = normal.mutable_at(2) = std::nan("");
@@ -338,11 +344,12 @@ void bind_numeric(py::module_& m) {
         return py::make_tuple(normal, distance, inliers);
       },
       py::arg("points"), py::arg("threshold"), py::arg("probability") = 0.99,
-      py::arg("max_iterations") = 1000, R"doc(
+      py::arg("max_iterations") = 1000, py::arg("seed") = py::none(), R"doc(
 Searches (N, 3) points for the plane most points lie on (distance < threshold). Returns
 ``(normal, distance, inliers)``: the unit normal, normal · p on the plane, and the ascending
-indices of the inliers; NaN and no indices when no plane was found. Each call seeds its
-generator with the current second. The GIL is released during the search.
+indices of the inliers; NaN and no indices when no plane was found. Without ``seed`` each call
+seeds its generator with the current second; a given seed repeats the search exactly. The GIL
+is released during the search.
 )doc");
 }
 

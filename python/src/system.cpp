@@ -1,6 +1,8 @@
 // Hashing of any bytes-like object, and numbered file names.
 #include "common.hpp"
 
+#include <quib/clock.hpp>
+#include <quib/convert.hpp>
 #include <quib/hash.hpp>
 #include <quib/path.hpp>
 
@@ -110,6 +112,62 @@ bytes-like object, or of a str's UTF-16 code units (as the library hashes wide s
         py::arg("path"));
   m.def("sub_sharp_number", py::overload_cast<std::string const&>(&sub_sharp_number),
         py::arg("path"));
+
+  m.def(
+      "split_fields",
+      [](std::wstring const& text, std::wstring const& separators, wchar_t quote_open,
+         wchar_t quote_close) {
+        return convert::get_separator_wstring(text, separators, quote_open, quote_close);
+      },
+      py::arg("text"), py::arg("separators") = L" \t", py::arg("quote_open") = L'"',
+      py::arg("quote_close") = L'"', R"doc(
+Splits text at every separator character outside quotes; quote characters are dropped and a
+quote left open runs to the end. Empty fields are kept (n separators give n + 1 fields), as the
+library's readers split their text lines.
+
+    >>> quib.split_fields('solid \t"my part" x')
+    ['solid', '', 'my part', 'x']
+)doc");
+
+  py::class_<Clock>(m, "Clock", R"doc(
+A stopwatch on the high-resolution monotonic counter. ``Clock()`` starts now; ``reset()``
+restarts it; ``elapsed_ms`` is the whole milliseconds since the start. ``Clock.ms()`` is the
+process-wide millisecond tick (it never wraps), ``Clock.frequency()`` the counter's counts per
+second, ``Clock.counts()`` its current reading. A plain value; one per thread at a time.
+
+    >>> clock = quib.Clock()
+    >>> work()
+    >>> clock.elapsed_ms
+)doc")
+      .def(py::init([]() { return Clock(0); }))
+      .def("reset", &Clock::reset, py::arg("offset") = 0,
+           "Restarts at the current reading plus `offset` counts.")
+      .def_property_readonly(
+          "elapsed_ms", [](Clock const& c) { return c.get_delta_ms(); },
+          "Whole milliseconds since the start (truncated).")
+      .def(
+          "ms_since", [](Clock const& c, std::int64_t from) { return c.get_delta_ms(from); },
+          py::arg("counts"), "Whole milliseconds since a counter reading (see counts()).")
+      .def_property_readonly("start", &Clock::get_start, "The counter reading it measures from.")
+      .def_static("counts", []() { return Clock().get_delta_now(); },
+                  "The counter's current reading, in counts.")
+      .def_static("ms", &Clock::get_ms, "The process-wide millisecond tick.")
+      .def_static("frequency", &Clock::frequency, "Counter counts per second.");
+
+  py::class_<Fps>(m, "Fps", R"doc(
+Paces a display loop at ``rate`` frames per second and reports the rate reached. Call
+``wait()`` once per frame after drawing: it sleeps (without the GIL) until the next frame is
+due, at least 1 ms, and a late frame does not shift later ones. ``fps`` is the mean rate of the
+last ``rate`` frames (0 before any). A rate below 1 counts as 1. One per thread at a time.
+
+    >>> pacer = quib.Fps(30)
+    >>> while running:
+    ...     draw(); pacer.wait()
+)doc")
+      .def(py::init<int>(), py::arg("rate"))
+      .def("wait", &Fps::wait, py::call_guard<py::gil_scoped_release>())
+      .def_property_readonly("fps", &Fps::getFps)
+      .def_property_readonly("now", &Fps::getNow, "The pacing clock, in milliseconds.");
 }
 
 }  // namespace python

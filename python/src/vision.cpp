@@ -79,34 +79,62 @@ quib.FormatError). One camera belongs to one thread at a time.
       .def(
           "undistort",
           [](Projection const& p, py::array image) {
-            py::array src = py::array::ensure(image, py::array::c_style);
-            if (!src || src.ndim() < 2 || src.ndim() > 3)
-              fail_value("an image array has shape (rows, columns[, channels])");
-            int depth;
-            if (src.dtype().is(py::dtype::of<std::uint8_t>()))
-              depth = CV_8U;
-            else if (src.dtype().is(py::dtype::of<std::uint16_t>()))
-              depth = CV_16U;
-            else if (src.dtype().is(py::dtype::of<float>()))
-              depth = CV_32F;
-            else
-              fail_value("an image array has dtype uint8, uint16 or float32");
-            const int channels = src.ndim() == 3 ? static_cast<int>(src.shape(2)) : 1;
-            if (channels < 1 || channels > 4) fail_value("an image has 1 to 4 channels");
-            py::array dst(src.dtype(),
-                          std::vector<py::ssize_t>(src.shape(), src.shape() + src.ndim()));
-            cv::Mat in(static_cast<int>(src.shape(0)), static_cast<int>(src.shape(1)),
-                       CV_MAKETYPE(depth, channels), const_cast<void*>(src.data()));
+            cv::Mat in = mat_of(image);
+            py::array dst(image.dtype(),
+                          std::vector<py::ssize_t>(image.shape(), image.shape() + image.ndim()));
             cv::Mat out(in.rows, in.cols, in.type(), dst.mutable_data());
-            {
+            guarded([&] {
               py::gil_scoped_release release;
               cv::Mat result;
               p.undistort(in, result);
               result.copyTo(out);
-            }
+            });
             return dst;
           },
-          py::arg("image"), "Undistorts an image array; returns a new array of the same shape.");
+          py::arg("image"),
+          "Undistorts an image array (uint8, uint16 or float32; 1, 3 or 4 channels); returns a "
+          "new C-contiguous array of the same shape. Releases the GIL.")
+      .def_property_readonly(
+          "rotation", [](Projection const& p) { return py::array_t<double>(3, p.get_rotation_array()); },
+          "The pose's rotation vector (Rodrigues), as calibration gives it.")
+      .def_property_readonly(
+          "translation",
+          [](Projection const& p) { return py::array_t<double>(3, p.get_translation_array()); })
+      .def(
+          "difference",
+          [](Projection const& p, Projection const& other, int columns, int rows) {
+            Projection::Difference d;
+            bool ok;
+            {
+              py::gil_scoped_release release;
+              ok = p.get_difference(other, d, columns, rows);
+            }
+            if (!ok)
+              fail_value("no comparison: a camera without size, or a grid of " +
+                         std::to_string(columns) + " x " + std::to_string(rows) + " samples");
+            static_assert(sizeof(cv::Point2d) == 2 * sizeof(double), "packed points");
+            auto grid = [&](std::vector<cv::Point2d> const& v) {
+              py::array_t<double> a({static_cast<py::ssize_t>(d.rows),
+                                     static_cast<py::ssize_t>(d.columns), py::ssize_t(2)});
+              if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(v[0]));
+              return a;
+            };
+            py::dict out;
+            out["points"] = grid(d.points);
+            out["shifts"] = grid(d.shifts);
+            out["unreached"] = d.unreached;
+            out["rms"] = d.rms;
+            out["mean"] = d.mean;
+            out["max"] = d.max;
+            return out;
+          },
+          py::arg("other"), py::arg("columns") = 32, py::arg("rows") = 24, R"doc(
+Where ``other`` images the ray this camera images at each sample of a columns x rows grid of
+cell centres: a dict of ``points`` and ``shifts`` ((rows, columns, 2) pixels; a shift is NaN
+where no ray of this camera arrives), ``unreached`` (their count) and ``rms`` / ``mean`` /
+``max`` of the shift lengths. Poses take no part. Raises quib.ArgumentError for a camera
+without size or a grid of more than a million samples.
+)doc");
   m.def("read_camera", &load_camera, py::arg("path"), py::call_guard<py::gil_scoped_release>());
 }
 

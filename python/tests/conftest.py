@@ -101,3 +101,34 @@ def dcmtk_file(tmp_path):
     subprocess.run(["dump2dcm", "--write-xfer-little", str(dump), str(out)], check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     return out
+
+
+def write_bitmap(path, indices, bits, palette=None, top_down=False):
+    """An uncompressed bitmap file written independently of the library. `indices` is
+    (rows, columns) of palette indices (1 to 8 bits) or 16-bit words, or (rows, columns, 3 or 4)
+    bytes; rows are given top-down and stored as `top_down` says."""
+    indices = np.asarray(indices)
+    height, width = indices.shape[:2]
+    if bits < 8:
+        per = 8 // bits
+        padded = np.zeros((height, -(-width // per) * per), np.uint8)
+        padded[:, :width] = indices
+        groups = padded.reshape(height, -1, per).astype(np.uint8)
+        shifts = np.arange(per - 1, -1, -1, dtype=np.uint8) * bits
+        rows = (groups << shifts).sum(axis=2).astype(np.uint8)
+    elif bits == 16:
+        rows = indices.astype("<u2").view(np.uint8).reshape(height, -1)
+    else:
+        rows = indices.astype(np.uint8).reshape(height, -1)
+    line = -(-rows.shape[1] // 4) * 4
+    data = np.zeros((height, line), np.uint8)
+    data[:, :rows.shape[1]] = rows
+    if not top_down:
+        data = data[::-1]
+    table = b"" if palette is None else np.asarray(palette, np.uint8).reshape(-1, 4).tobytes()
+    offset = 14 + 40 + len(table)
+    info = struct.pack("<IiiHHIIiiII", 40, width, -height if top_down else height, 1, bits, 0,
+                       data.size, 2835, 2835, len(table) // 4, 0)
+    with open(path, "wb") as f:
+        f.write(b"BM" + struct.pack("<IHHI", offset + data.size, 0, 0, offset) + info + table)
+        f.write(data.tobytes())

@@ -112,6 +112,10 @@ def test_dicom_volume_of_a_series(tmp_path):
     write_dicom(tmp_path / "other.dcm", series="9.9")
     volume = quib.read_volume(tmp_path)
     array = volume.array
+    assert np.shares_memory(array, volume.array)  # both views of the volume's one buffer
+    serial = quib.read_volume(tmp_path, threads=1)
+    assert serial.threads == 1
+    np.testing.assert_array_equal(serial.array, array)
     assert array.shape == (5, 4, 3) and array.dtype == np.uint16
     np.testing.assert_array_equal(array, np.stack(slices))
     np.testing.assert_allclose(volume.spacing, [0.5, 0.5, 2.5])

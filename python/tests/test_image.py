@@ -5,6 +5,7 @@ import numpy as np
 import pytest
 
 import quib
+from conftest import write_bitmap
 
 
 @pytest.mark.parametrize("dtype", [np.uint8, np.uint16, np.float32])
@@ -106,3 +107,40 @@ def test_bitmap_failures_name_the_file(tmp_path):
         quib.read_bmp(bad)
     with pytest.raises(IsADirectoryError):
         quib.Bitmap(tmp_path)
+
+
+@pytest.mark.parametrize("top_down", [False, True])
+def test_read_bmp_of_every_depth(tmp_path, top_down):
+    rng = np.random.default_rng(4)
+    shape = (5, 13)  # odd widths leave partial bytes and padded rows
+    colours = rng.integers(0, 256, (256, 4), dtype=np.uint8)
+    colours[:, 3] = 0
+    greys = np.repeat(np.arange(256, dtype=np.uint8)[:, None], 4, axis=1)
+    greys[:, 3] = 0
+    path = tmp_path / "x.bmp"
+    for bits in (1, 2, 4, 8):
+        indices = rng.integers(0, 1 << bits, shape)
+        table = colours[:1 << bits]
+        write_bitmap(path, indices, bits, table, top_down)
+        np.testing.assert_array_equal(quib.read_bmp(path, palette="index"), indices)
+        np.testing.assert_array_equal(quib.read_bmp(path), table[indices, :3])
+        write_bitmap(path, indices, bits, greys[:1 << bits] * (255 // ((1 << bits) - 1)), top_down)
+        grey = quib.read_bmp(path)  # a grey table gives grey levels, as OpenCV reads it
+        assert grey.shape == shape
+        np.testing.assert_array_equal(grey, indices * (255 // ((1 << bits) - 1)))
+        assert quib.read_bmp(path, palette="bgr").shape == shape + (3,)
+    words = rng.integers(0, 1 << 15, shape)
+    write_bitmap(path, words, 16, top_down=top_down)
+    widen = lambda v: (v << 3) | (v >> 2)  # noqa: E731
+    expected = np.stack([widen(words & 31), widen((words >> 5) & 31), widen((words >> 10) & 31)], -1)
+    np.testing.assert_array_equal(quib.read_bmp(path), expected)
+    for channels in (3, 4):
+        pixels = rng.integers(0, 256, shape + (channels,), dtype=np.uint8)
+        write_bitmap(path, pixels, 8 * channels, top_down=top_down)
+        back = quib.read_bmp(path)
+        np.testing.assert_array_equal(back, pixels)
+    with pytest.raises(ValueError, match="palette"):
+        quib.read_bmp(path, palette="rgb")
+    path.write_bytes(path.read_bytes()[:-40])  # rows missing
+    with pytest.raises(quib.FormatError):
+        quib.read_bmp(path)

@@ -27,6 +27,21 @@ def test_plane_matches_numpy_least_squares(rng):
     assert quib.fit_plane(points.tolist()).coefficients == pytest.approx(plane.coefficients)
 
 
+def test_points_read_in_place_or_copied_give_one_result(rng):
+    t = rng.uniform(0, 2 * np.pi, 101)
+    points = np.c_[3 + 2 * np.cos(t), 1 + 2 * np.sin(t)] + rng.normal(0, 0.01, (101, 2))
+    # 8 bytes off NumPy's 16-byte alignment: 2-D points there are copied, not read in place
+    raw = np.empty(points.size * 8 + 8, np.uint8)
+    shifted = raw[8:].view(np.float64).reshape(-1, 2)
+    shifted[:] = points
+    assert shifted.ctypes.data % 16 == 8
+    for fit in (quib.fit_circle, quib.fit_line, lambda p: quib.fit_polynomial(p, 2)):
+        a, b = fit(points), fit(shifted)
+        np.testing.assert_array_equal(a.covariance, b.covariance)
+        np.testing.assert_array_equal(a.residuals(points), b.residuals(shifted))
+    assert quib.fit_circle(points[1:]).radius == quib.fit_circle(points[1:].copy()).radius
+
+
 def test_circle_sphere_line_polynomial(rng):
     t = rng.uniform(0, 2 * np.pi, 200)
     circle = quib.fit_circle(np.c_[10 + 3 * np.cos(t), -4 + 3 * np.sin(t)])
@@ -89,6 +104,8 @@ def test_ransac_plane_finds_inliers(rng):
     normal, distance, inliers = quib.ransac_plane(points, 0.01, 0.99, 500)
     assert abs(normal[2]) > 0.99 and abs(distance) == pytest.approx(2 * abs(normal[2]), abs=0.02)
     assert len(inliers) >= 360 and list(inliers) == sorted(inliers)
+    seeded = [quib.ransac_plane(points, 0.01, 0.99, 50, seed=4) for _ in range(2)]
+    np.testing.assert_array_equal(seeded[0][2], seeded[1][2])
     with pytest.raises(ValueError):
         quib.ransac_plane(points, -1.0)
 

@@ -39,3 +39,18 @@ def test_numbered_names():
     assert quib.sub_suffix_number(name) == "scan"
     sharp = quib.add_sharp_number("frame", 3)
     assert sharp == "frame#3" and quib.get_sharp_number(sharp) == "3"
+
+
+def test_every_public_name_has_a_stub_and_a_docstring():
+    import ast
+    import pathlib
+    stub = ast.parse((pathlib.Path(quib.__file__).parent / "_quib.pyi").read_text())
+    stubbed = {node.name for node in stub.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
+    stubbed |= {t.id for node in stub.body if isinstance(node, (ast.Assign, ast.AnnAssign))
+                for t in (node.targets if isinstance(node, ast.Assign) else [node.target])
+                if isinstance(t, ast.Name)}
+    public = {name for name in dir(quib._quib) if not name.startswith("_")}
+    assert public - stubbed == set()
+    undocumented = [name for name in public if isinstance(getattr(quib._quib, name), type)
+                    and not (getattr(quib._quib, name).__doc__ or "").strip()]
+    assert undocumented == []

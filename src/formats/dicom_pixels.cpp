@@ -258,8 +258,9 @@ void DicomPixels::swap(DicomPixels& other) noexcept {
   std::swap(rescale_intercept, other.rescale_intercept);
   windows.swap(other.windows);
   voi_function.swap(other.voi_function);
-  std::swap(palette_descriptor, other.palette_descriptor);
-  palette.swap(other.palette);
+  std::swap(modality_lut_, other.modality_lut_);
+  voi_luts_.swap(other.voi_luts_);
+  std::swap(palette_, other.palette_);
   fragments.swap(other.fragments);
   frame_first.swap(other.frame_first);
   error.swap(other.error);
@@ -365,7 +366,8 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
       return refuse("pixel data holds " + std::to_string(size) + " bytes, too few for " +
                     std::to_string(next.frames) + " frames");
   } else {
-    if (next.bits_allocated == 1) return refuse("compressed pixel data with 1 bit allocated");
+    if (next.bits_allocated == 1 && codec != codec_t::rle)
+      return refuse("compressed pixel data with 1 bit allocated other than RLE");
     // The items of the value: the Basic Offset Table, then the fragments. A list that ends
     // before the value does holds a fragment that claims more bytes than there are.
     std::vector<std::pair<std::size_t, std::size_t>> listed;
@@ -457,13 +459,26 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
   next.voi_function = text(file, 0x0028, 0x1056);
   if (next.voi_function != "LINEAR_EXACT" && next.voi_function != "SIGMOID")
     next.voi_function = "LINEAR";
-  for (int c = 0; c < 3; ++c) {
-    std::vector<std::int64_t> descriptor;
-    if (file.get_integers(Dicom::Tag(0x0028, std::uint16_t(0x1101 + c)), descriptor) != 3) continue;
-    for (int i = 0; i < 3; ++i)
-      next.palette_descriptor[c][i] = int(descriptor[i] & 0xFFFF);
-    for (double v : numbers(file, 0x0028, std::uint16_t(0x1201 + c)))
-      next.palette[c].push_back(std::uint16_t(v));
+  // Lookup tables: the modality LUT replaces slope and intercept; VOI LUTs take the modality
+  // output, which can be negative when the stored values or the intercept are.
+  bool const is_signed = next.pixel_representation == 1;
+  std::vector<Dicom> luts;
+  if (file.read_items(Dicom::Tag(0x0028, 0x3000), luts) > 0)
+    next.modality_lut_ =
+        detail::read_lookup_table(luts[0], 0x3002, 0x3006, 0, is_signed, "the modality LUT");
+  bool const negative = is_signed || (!next.modality_lut_.is() && next.rescale_intercept < 0);
+  if (file.read_items(Dicom::Tag(0x0028, 0x3010), luts) > 0)
+    for (Dicom const& item : luts)
+      next.voi_luts_.push_back(
+          detail::read_lookup_table(item, 0x3002, 0x3006, 0, negative, "a VOI LUT"));
+  if (next.photometric == "PALETTE COLOR") {
+    char const* names[3] = {"the red palette", "the green palette", "the blue palette"};
+    for (int c = 0; c < 3; ++c) {
+      auto const n = std::uint16_t(c);
+      next.palette_[std::size_t(c)] =
+          detail::read_lookup_table(file, std::uint16_t(0x1101 + n), std::uint16_t(0x1201 + n),
+                                    std::uint16_t(0x1221 + n), is_signed, names[c]);
+    }
   }
   next.value = with_pixels ? pixel_data : nullptr;
   swap(next);
@@ -550,6 +565,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
     layout.bytes = bytes;
     layout.bits_stored = bits_stored;
     layout.ycbcr_to_rgb = frame_photometric == "RGB" && photometric != "RGB";
+    layout.packed_bits = bits_allocated == 1;
     detail::decode_result result;
     switch (detail::codec_of(transfer_syntax)) {
       case codec_t::rle:

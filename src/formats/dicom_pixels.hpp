@@ -1,6 +1,8 @@
 // Internal: the codecs behind DicomPixels, each over the bytes of one frame.
 #pragma once
 
+#include <quib/dicom_image.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -24,6 +26,7 @@ struct frame_layout {
   int bytes = 1;              // container bytes per sample (Bits Allocated / 8)
   int bits_stored = 8;        // precision the stream may carry at most (Bits Allocated for codecs)
   bool ycbcr_to_rgb = false;  // a three-component lossy JPEG stream holds YCbCr: convert to RGB
+  bool packed_bits = false;   // 1 bit allocated: the stream holds bits, 8 to a byte (RLE only)
   std::size_t frame_bytes() const {
     return std::size_t(rows) * std::size_t(columns) * std::size_t(samples) * std::size_t(bytes);
   }
@@ -37,6 +40,8 @@ struct decode_result {
 };
 
 // RLE Lossless: one fragment holding the 64-byte segment header and the PackBits segments.
+// With packed bits, one segment of bits, the first pixel in the lowest bit, each row starting
+// on a byte (or rows run on, as uncompressed 1-bit data does: told apart by the length).
 decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char* out);
 // The JPEG family: baseline and extended 8-bit through libjpeg-turbo, 12-bit lossy through the
 // 12-bit IJG build, lossless (processes 14 and SV1) through the 16-bit IJG build.
@@ -53,6 +58,14 @@ decode_result decode_j2k(byte_span in, frame_layout const& layout, unsigned char
 // `out` as 32-bit floats (any alignment).
 void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool is_signed,
                      double slope, double intercept, unsigned char* out);
+
+// The lookup table of `item` described by (0028,descriptor) with its entries in (0028,data)
+// or, when that is absent and `segmented` is not 0, expanded from the segments in
+// (0028,segmented). `signed_first` reads the first mapped value as two's complement. No
+// entries and no error when the descriptor is absent; `name` starts each error.
+DicomPixels::LookupTable read_lookup_table(Dicom const& item, std::uint16_t descriptor,
+                                           std::uint16_t data, std::uint16_t segmented,
+                                           bool signed_first, std::string const& name);
 
 // The codec a transfer syntax names.
 enum class codec_t { native, deflated, big_endian, rle, jpeg, jpegls, j2k, unknown };

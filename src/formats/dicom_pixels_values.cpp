@@ -49,6 +49,13 @@ double windowed(double x, double c, double w, std::string const& function) {
   return std::clamp(y, 0.0, 255.0);
 }
 
+// The entry of a lookup table for value v: the first entry below its range, the last above.
+std::uint16_t look_up(DicomPixels::LookupTable const& table, std::int64_t v) {
+  const std::int64_t k =
+      std::clamp<std::int64_t>(v - table.first, 0, std::int64_t(table.entries.size()) - 1);
+  return table.entries[std::size_t(k)];
+}
+
 unsigned char to_byte(double v) {
   return static_cast<unsigned char>(std::lround(std::clamp(v, 0.0, 255.0)));
 }
@@ -67,41 +74,55 @@ void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool
 
 }  // namespace detail
 
+bool DicomPixels::make_values(unsigned char const* in, std::size_t count,
+                              unsigned char* out) const {
+  bool const is_signed = pixel_representation == 1;
+  if (!modality_lut_.error.empty()) return fail(modality_lut_.error);
+  if (!modality_lut_.is()) {
+    detail::rescale_samples(in, count, get_sample_bytes(), is_signed, rescale_slope,
+                            rescale_intercept, out);
+    return true;
+  }
+  for_each_sample(in, count, get_sample_bytes(), is_signed, [&](std::size_t i, std::int64_t v) {
+    const float r = look_up(modality_lut_, v);
+    std::memcpy(out + 4 * i, &r, 4);
+  });
+  return true;
+}
+
 bool DicomPixels::decode_values(int frame, Image& out) const {
   if (samples != 1) return fail("real values need one sample per pixel");
   Image raw;
   if (!decode(frame, raw)) return false;
   Image next(columns, rows, 32, 1, color_type::grey);
-  auto* to = reinterpret_cast<float*>(next.getBuffer());
-  double const slope = rescale_slope, intercept = rescale_intercept;
-  for_each_sample(
-      raw.getBuffer(), std::size_t(rows) * columns, get_sample_bytes(), pixel_representation == 1,
-      [&](std::size_t i, std::int64_t v) { to[i] = float(double(v) * slope + intercept); });
+  if (!make_values(raw.getBuffer(), std::size_t(rows) * columns, next.getBuffer())) return false;
   out.swap(next);
   return true;
 }
 
 bool DicomPixels::decode_values16(int frame, Image& out) const {
-  if (samples != 1) return fail("real values need one sample per pixel");
-  Image raw;
-  if (!decode(frame, raw)) return false;
+  Image values;
+  if (!decode_values(frame, values)) return false;
   Image next(columns, rows, 16, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
-  bool fits = true;
-  double const slope = rescale_slope, intercept = rescale_intercept;
-  for_each_sample(raw.getBuffer(), std::size_t(rows) * columns, get_sample_bytes(),
-                  pixel_representation == 1, [&](std::size_t i, std::int64_t v) {
-                    const double r = std::nearbyint(double(v) * slope + intercept);
-                    fits = fits && r >= -32768 && r <= 32767;
-                    const auto s = static_cast<std::int16_t>(fits ? r : 0);
-                    std::memcpy(to + 2 * i, &s, 2);
-                  });
-  if (!fits) return fail("a rescaled value does not fit 16 bits");
+  auto const* from = reinterpret_cast<float const*>(values.getBuffer());
+  for (std::size_t i = 0, n = std::size_t(rows) * columns; i < n; ++i) {
+    double const r = std::nearbyint(double(from[i]));
+    if (!(r >= -32768 && r <= 32767)) return fail("a rescaled value does not fit 16 bits");
+    auto const v = static_cast<std::int16_t>(r);
+    std::memcpy(to + 2 * i, &v, 2);
+  }
   out.swap(next);
   return true;
 }
 
 bool DicomPixels::decode_display(int frame, Image& out, int window) const {
+  if (photometric == "PALETTE COLOR" && samples == 1) {
+    for (LookupTable const& table : palette_) {
+      if (!table.error.empty()) return fail(table.error);
+      if (!table.is()) return fail("a PALETTE COLOR file without its palette");
+    }
+  }
   Image raw;
   if (!decode(frame, raw)) return false;
   const std::size_t pixels = std::size_t(rows) * columns;
@@ -111,28 +132,11 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   if (photometric == "PALETTE COLOR" && samples == 1) {
     Image next(columns, rows, 24, 1, color_type::rgb);
     unsigned char* to = next.getBuffer();
-    std::array<std::vector<unsigned char>, 3> table;
-    std::array<std::int64_t, 3> first{};
-    for (int c = 0; c < 3; ++c) {
-      auto const& d = palette_descriptor[c];
-      const std::size_t entries = d[0] == 0 ? 65536 : std::size_t(d[0]);
-      first[c] = is_signed ? std::int16_t(d[1]) : d[1];
-      auto const& data = palette[c];
-      if (d[2] == 8 && data.size() * 2 >= entries && data.size() < entries) {
-        for (std::size_t i = 0; i < entries; ++i)  // two 8-bit entries to a word
-          table[c].push_back((data[i / 2] >> (8 * (i % 2))) & 0xFF);
-      } else if (data.size() >= entries && (d[2] == 8 || d[2] == 16)) {
-        for (std::size_t i = 0; i < entries; ++i)
-          table[c].push_back(d[2] == 8 ? (data[i] > 255 ? data[i] >> 8 : data[i]) : data[i] >> 8);
-      } else {
-        return fail("palette shorter than its descriptor, or missing");
-      }
-    }
     for_each_sample(raw.getBuffer(), pixels, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
       for (int c = 0; c < 3; ++c) {
-        const std::int64_t k =
-            std::clamp<std::int64_t>(v - first[c], 0, std::int64_t(table[c].size()) - 1);
-        to[3 * i + c] = table[c][std::size_t(k)];
+        LookupTable const& table = palette_[std::size_t(c)];
+        const std::uint16_t y = look_up(table, v);
+        to[3 * i + c] = static_cast<unsigned char>(table.bits == 16 ? y >> 8 : y);
       }
     });
     out.swap(next);
@@ -159,27 +163,39 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
     return true;
   }
 
-  // Grey: rescale, window, invert MONOCHROME1.
-  std::vector<double> values(pixels);
-  double const slope = rescale_slope, intercept = rescale_intercept;
-  for_each_sample(raw.getBuffer(), pixels, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
-    values[i] = double(v) * slope + intercept;
-  });
-  double center, width;
-  std::string function = voi_function;
-  if (window >= 0 && std::size_t(window) < windows.size()) {
-    center = windows[std::size_t(window)][0];
-    width = windows[std::size_t(window)][1];
-  } else {
-    auto const [lo, hi] = std::minmax_element(values.begin(), values.end());
-    center = (*lo + *hi) / 2;
-    width = *hi - *lo;
-    function = "LINEAR_EXACT";
-    if (width <= 0) width = 1;
-  }
+  // Grey: real values, then a VOI LUT or a window, then MONOCHROME1 inverted.
+  std::vector<float> values(pixels);
+  if (!make_values(raw.getBuffer(), pixels, reinterpret_cast<unsigned char*>(values.data())))
+    return false;
+  std::size_t const luts = voi_luts_.size();
   Image next(columns, rows, 8, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
   bool const invert = photometric == "MONOCHROME1";
+  if (window >= 0 && std::size_t(window) < luts) {
+    LookupTable const& table = voi_luts_[std::size_t(window)];
+    if (!table.is())
+      return fail(table.error.empty() ? "a VOI LUT without its descriptor" : table.error);
+    double const scale = 255.0 / double((1 << table.bits) - 1);
+    for (std::size_t i = 0; i < pixels; ++i) {
+      const std::int64_t v = std::llround(std::clamp(double(values[i]), -1e15, 1e15));
+      unsigned char const g = to_byte(look_up(table, v) * scale);
+      to[i] = invert ? 255 - g : g;
+    }
+    out.swap(next);
+    return true;
+  }
+  double center, width;
+  std::string function = voi_function;
+  if (window >= 0 && std::size_t(window) - luts < windows.size()) {
+    center = windows[std::size_t(window) - luts][0];
+    width = windows[std::size_t(window) - luts][1];
+  } else {
+    auto const [lo, hi] = std::minmax_element(values.begin(), values.end());
+    center = (double(*lo) + double(*hi)) / 2;
+    width = double(*hi) - double(*lo);
+    function = "LINEAR_EXACT";
+    if (width <= 0) width = 1;
+  }
   for (std::size_t i = 0; i < pixels; ++i) {
     unsigned char const g = to_byte(windowed(values[i], center, width, function));
     to[i] = invert ? 255 - g : g;

@@ -6,6 +6,7 @@
 #include "system/bytes.hpp"
 
 #include <cstring>
+#include <vector>
 
 namespace quib::detail {
 
@@ -51,6 +52,33 @@ std::size_t unpack_segment(unsigned char const* in, std::size_t size, unsigned c
 
 }  // namespace
 
+namespace {
+
+// One segment of packed bits (1 bit allocated, one sample) into one byte 0 or 1 per pixel.
+decode_result unpack_bits(unsigned char const* in, std::size_t size, frame_layout const& layout,
+                          unsigned char* out) {
+  decode_result result;
+  const std::size_t rows = std::size_t(layout.rows), columns = std::size_t(layout.columns);
+  const std::size_t padded = rows * ((columns + 7) / 8), run_on = (rows * columns + 7) / 8;
+  std::vector<unsigned char> bits(padded);
+  const std::size_t written = unpack_segment(in, size, bits.data(), padded, 1);
+  if (written != padded && written != run_on) {
+    result.error = "RLE bit segment decodes to " + std::to_string(written) + " bytes, not " +
+                   std::to_string(padded) + " (rows on whole bytes) or " + std::to_string(run_on);
+    return result;
+  }
+  const std::size_t row_bits = written == padded ? (columns + 7) / 8 * 8 : columns;
+  for (std::size_t y = 0; y < rows; ++y)
+    for (std::size_t x = 0; x < columns; ++x) {
+      const std::size_t bit = y * row_bits + x;
+      out[y * columns + x] = (bits[bit >> 3] >> (bit & 7)) & 1;
+    }
+  result.ok = true;
+  return result;
+}
+
+}  // namespace
+
 decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char* out) {
   decode_result result;
   if (in.size < 64) {
@@ -58,6 +86,10 @@ decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char
     return result;
   }
   const std::uint32_t segments = load_le<std::uint32_t>(in.data);
+  if (layout.packed_bits && layout.samples != 1) {
+    result.error = "RLE data of 1 bit with " + std::to_string(layout.samples) + " samples";
+    return result;
+  }
   const std::uint32_t expected = std::uint32_t(layout.samples * layout.bytes);
   if (segments != expected) {
     result.error = "RLE frame has " + std::to_string(segments) +
@@ -74,6 +106,7 @@ decode_result decode_rle(byte_span in, frame_layout const& layout, unsigned char
       result.error = "RLE segment " + std::to_string(s) + " lies outside the frame";
       return result;
     }
+    if (layout.packed_bits) return unpack_bits(in.data + start, end - start, layout, out);
     // Segment s holds byte (bytes - 1 - s % bytes) of sample s / bytes: host order is little.
     const std::size_t sample = s / std::size_t(layout.bytes);
     const std::size_t byte = std::size_t(layout.bytes) - 1 - s % std::size_t(layout.bytes);

@@ -5,12 +5,18 @@
 #include "system/native_path.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <sstream>
+#include <system_error>
+#include <thread>
 
 namespace quib {
 
@@ -66,13 +72,71 @@ bool finite(double const* v, int n) {
   return true;
 }
 
+// Runs work(slot, i, reason) for every i in [0, count) on up to `threads` threads, the caller's
+// among them; `slot` (0 .. threads - 1) names the thread, for state of its own. Indices are
+// handed out one at a time in increasing order. work returns false, with a reason, to fail;
+// the lowest failing index wins, and no index above it is started. Exceptions never leave a
+// thread: the lowest failing index's exception is thrown again here, after every thread ended.
+// Returns the lowest failing index (count when none failed) and its reason.
+template <class Work>
+std::size_t run_in_order(std::size_t count, int threads, std::string& reason, Work work) {
+  std::atomic<std::size_t> next{0};
+  std::atomic<std::size_t> failed{count};
+  std::mutex guard;
+  std::exception_ptr thrown;
+  auto fail_at = [&](std::size_t i, std::string const& why, std::exception_ptr error) {
+    std::lock_guard<std::mutex> lock(guard);
+    if (i >= failed.load()) return;
+    failed.store(i);
+    reason = why;
+    thrown = error;
+  };
+  auto run = [&](int slot) {
+    std::string why;
+    for (;;) {
+      std::size_t const i = next.fetch_add(1);
+      if (i >= count || i > failed.load()) return;
+      try {
+        if (!work(slot, i, why)) fail_at(i, why, nullptr);
+      } catch (...) {
+        fail_at(i, "out of memory", std::current_exception());
+      }
+    }
+  };
+  std::vector<std::thread> helpers;
+  int const wanted = int(std::min<std::size_t>(std::size_t(std::max(threads, 1)), count));
+  for (int slot = 1; slot < wanted; ++slot) {
+    try {
+      helpers.emplace_back(run, slot);
+    } catch (std::system_error const&) {
+      break;  // no more threads to be had: fewer do the work
+    }
+  }
+  run(0);
+  for (std::thread& helper : helpers)
+    helper.join();
+  if (thrown) std::rethrow_exception(thrown);
+  return failed.load();
+}
+
 }  // namespace
 
 void DicomVolume::clear() {
   std::string kept;
   kept.swap(error);
+  int const threads = threads_;
   *this = DicomVolume();
   error.swap(kept);
+  threads_ = threads;
+}
+
+void DicomVolume::set_threads(int threads) {
+  threads_ = std::max(threads, 0);
+}
+
+int DicomVolume::get_threads() const {
+  if (threads_ > 0) return threads_;
+  return std::max(1, int(std::thread::hardware_concurrency()));
 }
 
 void DicomVolume::swap(DicomVolume& other) noexcept {
@@ -86,6 +150,7 @@ void DicomVolume::swap(DicomVolume& other) noexcept {
   sample_type.swap(other.sample_type);
   series_uid.swap(other.series_uid);
   error.swap(other.error);
+  std::swap(threads_, other.threads_);
 }
 
 std::uint64_t DicomVolume::get_bytes() const {
@@ -121,16 +186,16 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
     return false;
   };
 
-  // First pass: the attributes of every image, grouped by series.
-  std::map<std::string, std::vector<slice_t>> groups;
-  std::string last_reason;
-  for (std::wstring const& path : files) {
+  // The images of one file: one entry, or one per frame of a multi-frame file that gives each
+  // frame's position (a lambda: it reads attributes only, a private load). Nothing, with `reason`
+  // when the file is DICOM without a usable pixel module.
+  auto read_slices = [](std::wstring const& path, std::vector<slice_t>& out, std::string& reason) {
     Dicom file;
-    if (!load_head(file, path)) continue;
+    if (!load_head(file, path)) return;
     DicomPixels pixels;
     if (!pixels.load(file, DicomPixels::FRAME_LIMIT, false)) {
-      last_reason = pixels.get_error();
-      continue;
+      reason = pixels.get_error();
+      return;
     }
     slice_t s;
     s.path = path;
@@ -150,11 +215,28 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
       for (int f = 0; f < s.frames; ++f) {  // a multi-frame file with a position per frame
         slice_t one = s;
         one.frame = f, one.position = positions[std::size_t(f)];
-        groups[s.series].push_back(std::move(one));
+        out.push_back(std::move(one));
       }
-      continue;
+      return;
     }
-    groups[s.series].push_back(std::move(s));
+    out.push_back(std::move(s));
+  };
+
+  // First pass: the attributes of every image, grouped by series (files in parallel, then
+  // gathered in the order given).
+  std::vector<std::vector<slice_t>> found(files.size());
+  std::vector<std::string> reasons(files.size());
+  std::string unused;
+  run_in_order(files.size(), get_threads(), unused, [&](int, std::size_t i, std::string&) {
+    read_slices(files[i], found[i], reasons[i]);
+    return true;
+  });
+  std::map<std::string, std::vector<slice_t>> groups;
+  std::string last_reason;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (!reasons[i].empty()) last_reason = reasons[i];
+    for (slice_t& s : found[i])
+      groups[s.series].push_back(std::move(s));
   }
   if (groups.empty())
     return refuse("no DICOM image among the files" +
@@ -226,35 +308,77 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
   const std::uint64_t slice_samples = std::uint64_t(first.rows) * first.columns * first.samples;
   const std::uint64_t total = slice_samples * std::uint64_t(depth) * std::uint64_t(out_bytes);
   std::shared_ptr<unsigned char[]> voxels(new unsigned char[total]);
-  std::vector<unsigned char> scratch;
 
-  // Second pass: decode each slice into its place (a multi-frame file is read once).
-  int k = 0;
-  Dicom file;
-  DicomPixels pixels;
-  std::wstring const* open = nullptr;
+  // Second pass: each frame of the volume decoded straight into its place, frames shared out
+  // between threads. Each thread keeps its file open while its next frame comes from it; one
+  // file holding every frame is read once, here, and shared.
+  struct unit_t {
+    slice_t const* slice;
+    int frame;
+  };
+  std::vector<unit_t> units;
   for (slice_t const& s : slices) {
-    if (!open || *open != s.path) {
-      if (!load_file(file, s.path)) return refuse("a file of the series can no longer be read");
-      if (!pixels.load(file)) return refuse(pixels.get_error());
-      if (pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
-          pixels.get_frames() != s.frames || pixels.get_bits_allocated() != s.bits_allocated)
-        return refuse("a file of the series changed while it was read");
-      open = &s.path;
-    }
     int const begin = s.frame < 0 ? 0 : s.frame, end = s.frame < 0 ? s.frames : s.frame + 1;
-    for (int f = begin; f < end; ++f, ++k) {
-      unsigned char* target = voxels.get() + std::uint64_t(k) * slice_samples * out_bytes;
-      if (!rescaled) {
-        if (!pixels.decode(f, target, slice_samples * out_bytes)) return refuse(pixels.get_error());
-        continue;
-      }
-      scratch.resize(slice_samples * bytes);
-      if (!pixels.decode(f, scratch.data(), scratch.size())) return refuse(pixels.get_error());
-      detail::rescale_samples(scratch.data(), slice_samples, bytes, s.representation == 1,
-                              pixels.get_rescale_slope(), pixels.get_rescale_intercept(), target);
-    }
+    for (int f = begin; f < end; ++f)
+      units.push_back({&s, f});
   }
+  struct reader_t {
+    Dicom file;
+    DicomPixels pixels;
+    std::wstring const* open = nullptr;
+    std::vector<unsigned char> scratch;
+  };
+  auto open_file = [](reader_t& reader, slice_t const& s, std::string& reason) {
+    reader.open = nullptr;  // until the new file is loaded and checked
+    if (!load_file(reader.file, s.path)) {
+      reason = "a file of the series can no longer be read";
+      return false;
+    }
+    DicomPixels& pixels = reader.pixels;
+    if (!pixels.load(reader.file)) {
+      reason = pixels.get_error();
+      return false;
+    }
+    if (pixels.get_rows() != s.rows || pixels.get_columns() != s.columns ||
+        pixels.get_frames() != s.frames || pixels.get_bits_allocated() != s.bits_allocated) {
+      reason = "a file of the series changed while it was read";
+      return false;
+    }
+    reader.open = &s.path;
+    return true;
+  };
+  int const threads = int(std::min<std::size_t>(std::size_t(get_threads()), units.size()));
+  std::vector<reader_t> readers(std::size_t(std::max(threads, 1)));
+  bool const one_file = std::all_of(slices.begin(), slices.end(),
+                                    [&](slice_t const& s) { return s.path == first.path; });
+  std::string reason;
+  if (one_file) {
+    if (!open_file(readers[0], first, reason)) return refuse(reason);
+    for (std::size_t r = 1; r < readers.size(); ++r)
+      readers[r].pixels = readers[0].pixels, readers[r].open = readers[0].open;
+  }
+  auto decode_unit = [&](int slot, std::size_t k, std::string& why) {
+    reader_t& reader = readers[std::size_t(slot)];
+    slice_t const& s = *units[k].slice;
+    if ((!reader.open || *reader.open != s.path) && !open_file(reader, s, why)) return false;
+    DicomPixels const& pixels = reader.pixels;
+    unsigned char* target = voxels.get() + std::uint64_t(k) * slice_samples * out_bytes;
+    if (!rescaled) {
+      if (pixels.decode(units[k].frame, target, slice_samples * out_bytes)) return true;
+      why = pixels.get_error();
+      return false;
+    }
+    reader.scratch.resize(slice_samples * bytes);
+    if (!pixels.decode(units[k].frame, reader.scratch.data(), reader.scratch.size())) {
+      why = pixels.get_error();
+      return false;
+    }
+    if (pixels.make_values(reader.scratch.data(), slice_samples, target)) return true;
+    why = pixels.get_error();
+    return false;
+  };
+  if (run_in_order(units.size(), threads, reason, decode_unit) < units.size())
+    return refuse(reason);
 
   DicomVolume next;
   next.data = std::move(voxels);
@@ -272,6 +396,7 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
   next.direction = {row[0],    row[1],    row[2],    column[0], column[1],
                     column[2], normal[0], normal[1], normal[2]};
   next.series_uid = chosen->first;
+  next.threads_ = threads_;
   swap(next);
   return true;
 }

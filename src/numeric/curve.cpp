@@ -16,10 +16,10 @@ namespace {
 
 // Fits a polynomial of fixed degree into `out` (highest power first); NaN when there is none.
 template <std::size_t Size>
-void fit_fixed(double (&out)[Size], std::vector<Point2> const& points,
-               std::vector<double> const* weights, FitInfo* info) {
+void fit_fixed(double (&out)[Size], Point2 const* points, std::size_t count, double const* weights,
+               FitInfo* info) {
   std::vector<double> coef;
-  if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, weights, info)) {
+  if (detail::fit_polynomial(coef, static_cast<int>(Size) - 1, 1.0, points, count, weights, info)) {
     for (std::size_t i = 0; i < Size; ++i)
       out[i] = coef[i];
   } else {
@@ -29,26 +29,13 @@ void fit_fixed(double (&out)[Size], std::vector<Point2> const& points,
 }
 
 template <class Curve>
-bool residuals(Curve const& curve, std::vector<double>& d, std::vector<Point2> const& points) {
+bool residuals(Curve const& curve, std::vector<double>& d, Point2 const* points,
+               std::size_t count) {
   if (!curve.is()) return false;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i)
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i)
     d[i] = points[i][1] - curve.get_y(points[i][0]);
   return true;
-}
-
-template <class Fit>
-Fit robust(std::vector<Point2> const& points, double k, FitInfo* info) {
-  Fit fit(points);
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    if (info) {
-      static_cast<void>(fit.calculate(points, w, *info));
-    } else {
-      static_cast<void>(fit.calculate(points, w));
-    }
-  });
-  if (info && fit.empty()) info->clear();
-  return fit;
 }
 
 }  // namespace
@@ -70,42 +57,26 @@ void LeastSquaresCurve::clear() {
 bool LeastSquaresCurve::is() const {
   return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_);
 }
-bool LeastSquaresCurve::calculate(points_type const& points) {
+bool LeastSquaresCurve::fit(point_type const* points, std::size_t count, double const* weights,
+                            FitInfo* info) {
   double x[3];
-  fit_fixed(x, points, nullptr, nullptr);
+  fit_fixed(x, points, count, weights, info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
-bool LeastSquaresCurve::calculate(points_type const& points, std::vector<double> const& weights) {
-  double x[3];
-  fit_fixed(x, points, &weights, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCurve::calculate(points_type const& points, FitInfo& info) {
-  double x[3];
-  fit_fixed(x, points, nullptr, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCurve::calculate(points_type const& points, std::vector<double> const& weights,
-                                  FitInfo& info) {
-  double x[3];
-  fit_fixed(x, points, &weights, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCurve::get_d(std::vector<double>& d, points_type const& points) const {
-  return residuals(*this, d, points);
+bool LeastSquaresCurve::get_d(std::vector<double>& d, point_type const* points,
+                              std::size_t count) const {
+  return residuals(*this, d, points, count);
 }
 LeastSquaresCurve LeastSquaresCurve::create(points_type const& points) {
   return LeastSquaresCurve(points);
 }
-LeastSquaresCurve LeastSquaresCurve::create(points_type const& points, double k) {
-  return robust<LeastSquaresCurve>(points, k, nullptr);
+LeastSquaresCurve LeastSquaresCurve::create(point_type const* points, std::size_t count, double k) {
+  return detail::robust_fit<LeastSquaresCurve>(points, count, k, nullptr);
 }
-LeastSquaresCurve LeastSquaresCurve::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresCurve>(points, k, &info);
+LeastSquaresCurve LeastSquaresCurve::create(point_type const* points, std::size_t count, double k,
+                                            FitInfo& info) {
+  return detail::robust_fit<LeastSquaresCurve>(points, count, k, &info);
 }
 
 // ---- cubic ------------------------------------------------------------------------------
@@ -126,42 +97,27 @@ void LeastSquaresCurve3::clear() {
 bool LeastSquaresCurve3::is() const {
   return std::isfinite(a_) && std::isfinite(b_) && std::isfinite(c_) && std::isfinite(d_);
 }
-bool LeastSquaresCurve3::calculate(points_type const& points) {
+bool LeastSquaresCurve3::fit(point_type const* points, std::size_t count, double const* weights,
+                             FitInfo* info) {
   double x[4];
-  fit_fixed(x, points, nullptr, nullptr);
+  fit_fixed(x, points, count, weights, info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
-bool LeastSquaresCurve3::calculate(points_type const& points, std::vector<double> const& weights) {
-  double x[4];
-  fit_fixed(x, points, &weights, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresCurve3::calculate(points_type const& points, FitInfo& info) {
-  double x[4];
-  fit_fixed(x, points, nullptr, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresCurve3::calculate(points_type const& points, std::vector<double> const& weights,
-                                   FitInfo& info) {
-  double x[4];
-  fit_fixed(x, points, &weights, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresCurve3::get_d(std::vector<double>& d, points_type const& points) const {
-  return residuals(*this, d, points);
+bool LeastSquaresCurve3::get_d(std::vector<double>& d, point_type const* points,
+                               std::size_t count) const {
+  return residuals(*this, d, points, count);
 }
 LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points) {
   return LeastSquaresCurve3(points);
 }
-LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points, double k) {
-  return robust<LeastSquaresCurve3>(points, k, nullptr);
+LeastSquaresCurve3 LeastSquaresCurve3::create(point_type const* points, std::size_t count,
+                                              double k) {
+  return detail::robust_fit<LeastSquaresCurve3>(points, count, k, nullptr);
 }
-LeastSquaresCurve3 LeastSquaresCurve3::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresCurve3>(points, k, &info);
+LeastSquaresCurve3 LeastSquaresCurve3::create(point_type const* points, std::size_t count, double k,
+                                              FitInfo& info) {
+  return detail::robust_fit<LeastSquaresCurve3>(points, count, k, &info);
 }
 
 // ---- any degree -------------------------------------------------------------------------
@@ -181,41 +137,33 @@ LeastSquaresDimension LeastSquaresDimension::create(double s, int degree,
                                                     points_type const& points) {
   return LeastSquaresDimension(s, degree, points);
 }
-LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, points_type const& points,
-                                                    double k) {
-  LeastSquaresDimension fit(s, degree, points);
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    static_cast<void>(fit.calculate(degree, points, w));
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, point_type const* points,
+                                                    std::size_t count, double k) {
+  LeastSquaresDimension fit(s);
+  static_cast<void>(fit.calculate(degree, points, count));
+  detail::reweight_once(fit, points, count, k, nullptr, [&](double const* w) {
+    static_cast<void>(fit.calculate(degree, points, count, w));
   });
   return fit;
 }
-LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, points_type const& points,
-                                                    double k, FitInfo& info) {
-  LeastSquaresDimension fit(s, degree, points);
-  info.clear();
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    static_cast<void>(fit.calculate(degree, points, w, info));
+LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, point_type const* points,
+                                                    std::size_t count, double k, FitInfo& info) {
+  LeastSquaresDimension fit(s);
+  static_cast<void>(fit.calculate(degree, points, count));
+  detail::reweight_once(fit, points, count, k, &info, [&](double const* w) {
+    static_cast<void>(fit.calculate(degree, points, count, w, info));
   });
   return fit;
 }
 
-bool LeastSquaresDimension::calculate(int degree, points_type const& points) {
-  return detail::fit_polynomial(coef, degree, scale, points, nullptr, nullptr);
-}
-bool LeastSquaresDimension::calculate(int degree, points_type const& points,
-                                      std::vector<double> const& weights) {
-  return detail::fit_polynomial(coef, degree, scale, points, &weights, nullptr);
-}
-bool LeastSquaresDimension::calculate(int degree, points_type const& points, FitInfo& info) {
-  return detail::fit_polynomial(coef, degree, scale, points, nullptr, &info);
-}
-bool LeastSquaresDimension::calculate(int degree, points_type const& points,
-                                      std::vector<double> const& weights, FitInfo& info) {
-  return detail::fit_polynomial(coef, degree, scale, points, &weights, &info);
+bool LeastSquaresDimension::fit(int degree, point_type const* points, std::size_t count,
+                                double const* weights, FitInfo* info) {
+  return detail::fit_polynomial(coef, degree, scale, points, count, weights, info);
 }
 
-bool LeastSquaresDimension::get_d(std::vector<double>& d, points_type const& points) const {
-  return residuals(*this, d, points);
+bool LeastSquaresDimension::get_d(std::vector<double>& d, point_type const* points,
+                                  std::size_t count) const {
+  return residuals(*this, d, points, count);
 }
 
 double LeastSquaresDimension::get_y(double x) const {

@@ -27,27 +27,12 @@ using detail::SystemLayout;
 // Sums the model's moments and solves its system; NaN when it is singular.
 template <int D>
 Eigen::VectorXd solve(moment_t model, SystemLayout const& layout,
-                      std::vector<Eigen::Matrix<double, D, 1>> const& points,
-                      std::vector<double> const* weights, FitInfo* info) {
-  const detail::Moments s = detail::sum_moments(model, points, weights, info != nullptr);
+                      Eigen::Matrix<double, D, 1> const* points, std::size_t count,
+                      double const* weights, FitInfo* info) {
+  const detail::Moments s = detail::sum_moments(model, points, count, weights, info != nullptr);
   Eigen::VectorXd x;
   static_cast<void>(detail::solve_system(s, layout, x, info));
   return x;
-}
-
-template <class Fit, class Points>
-Fit robust(Points const& points, double k, FitInfo* info) {
-  Fit fit(points);
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    if (info) {
-      static_cast<void>(fit.calculate(points, w, *info));
-    } else {
-      static_cast<void>(fit.calculate(points, w));
-    }
-  });
-  // A fit that failed at once has no weighted step: its statistics are none.
-  if (info && fit.empty()) info->clear();
-  return fit;
 }
 
 // x² + y² + a·x + b·y + c = 0 in the unknowns (a, b, c): rows (x, y, 1), target -(x² + y²);
@@ -120,54 +105,35 @@ bool LeastSquaresLine::is() const {
   return all_finite({a_, b_});
 }
 
-namespace {
-
 // Closed form over the moments 1, x, y, x², x·y (and y² for the statistics).
-void fit_line(double& a, double& b, std::vector<Point2> const& points,
-              std::vector<double> const* weights, FitInfo* info) {
+bool LeastSquaresLine::fit(point_type const* points, std::size_t count, double const* weights,
+                           FitInfo* info) {
   if (info) info->clear();
-  const detail::Moments s = detail::sum_moments(moment_t::line, points, weights, info != nullptr);
+  const detail::Moments s =
+      detail::sum_moments(moment_t::line, points, count, weights, info != nullptr);
   double const n = s[0], sx = s[1], sy = s[2], sxx = s[3], sxy = s[4];
   double const det = n * sxx - sx * sx;
   // All x equal: the determinant is zero up to the rounding of n·Sxx, which must not pass
   // for a steep line.
   if (!(std::fabs(det) > 2.0 * std::numeric_limits<double>::epsilon() * std::fabs(n * sxx))) {
-    a = b = kNaN;
-    return;
+    a_ = b_ = kNaN;
+    return false;
   }
-  a = (n * sxy - sx * sy) / det;
-  b = (sy * sxx - sx * sxy) / det;
+  a_ = (n * sxy - sx * sy) / det;
+  b_ = (sy * sxx - sx * sxy) / det;
   if (info) {
     Eigen::MatrixXd inverse(2, 2);
     inverse << n / det, -sx / det, -sx / det, sxx / det;
-    detail::fit_statistics(s, line_layout(), Eigen::Vector2d(a, b), inverse, *info);
+    detail::fit_statistics(s, line_layout(), Eigen::Vector2d(a_, b_), inverse, *info);
   }
-}
-
-}  // namespace
-
-bool LeastSquaresLine::calculate(points_type const& points) {
-  fit_line(a_, b_, points, nullptr, nullptr);
-  return is();
-}
-bool LeastSquaresLine::calculate(points_type const& points, std::vector<double> const& weights) {
-  fit_line(a_, b_, points, &weights, nullptr);
-  return is();
-}
-bool LeastSquaresLine::calculate(points_type const& points, FitInfo& info) {
-  fit_line(a_, b_, points, nullptr, &info);
-  return is();
-}
-bool LeastSquaresLine::calculate(points_type const& points, std::vector<double> const& weights,
-                                 FitInfo& info) {
-  fit_line(a_, b_, points, &weights, &info);
   return is();
 }
 
-bool LeastSquaresLine::get_d(std::vector<double>& d, points_type const& points) const {
+bool LeastSquaresLine::get_d(std::vector<double>& d, point_type const* points,
+                             std::size_t count) const {
   if (!is()) return false;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i)
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i)
     d[i] = points[i][1] - (a_ * points[i][0] + b_);
   return true;
 }
@@ -175,11 +141,12 @@ bool LeastSquaresLine::get_d(std::vector<double>& d, points_type const& points) 
 LeastSquaresLine LeastSquaresLine::create(points_type const& points) {
   return LeastSquaresLine(points);
 }
-LeastSquaresLine LeastSquaresLine::create(points_type const& points, double k) {
-  return robust<LeastSquaresLine>(points, k, nullptr);
+LeastSquaresLine LeastSquaresLine::create(point_type const* points, std::size_t count, double k) {
+  return detail::robust_fit<LeastSquaresLine>(points, count, k, nullptr);
 }
-LeastSquaresLine LeastSquaresLine::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresLine>(points, k, &info);
+LeastSquaresLine LeastSquaresLine::create(point_type const* points, std::size_t count, double k,
+                                          FitInfo& info) {
+  return detail::robust_fit<LeastSquaresLine>(points, count, k, &info);
 }
 
 LeastSquaresLine LeastSquaresLine::iterate(points_type const& points, double tolerance, int count,
@@ -251,43 +218,20 @@ double LeastSquaresCircle::r() const {
   return std::sqrt(x() * x() + y() * y() - c_);
 }
 
-namespace {
-
-Eigen::VectorXd fit_circle(std::vector<Point2> const& points, std::vector<double> const* weights,
-                           FitInfo* info) {
-  return solve(moment_t::circle, circle_layout(), points, weights, info);
-}
-
-}  // namespace
-
-bool LeastSquaresCircle::calculate(points_type const& points) {
-  const Eigen::VectorXd x = fit_circle(points, nullptr, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCircle::calculate(points_type const& points, std::vector<double> const& weights) {
-  const Eigen::VectorXd x = fit_circle(points, &weights, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCircle::calculate(points_type const& points, FitInfo& info) {
-  const Eigen::VectorXd x = fit_circle(points, nullptr, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresCircle::calculate(points_type const& points, std::vector<double> const& weights,
-                                   FitInfo& info) {
-  const Eigen::VectorXd x = fit_circle(points, &weights, &info);
+bool LeastSquaresCircle::fit(point_type const* points, std::size_t count, double const* weights,
+                             FitInfo* info) {
+  const Eigen::VectorXd x = solve(moment_t::circle, circle_layout(), points, count, weights, info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 
-bool LeastSquaresCircle::get_d(std::vector<double>& d, points_type const& points) const {
+bool LeastSquaresCircle::get_d(std::vector<double>& d, point_type const* points,
+                               std::size_t count) const {
   if (!is()) return false;
   double const cx = x(), cy = y(), rr = r();
   double const k = cx * cx + cy * cy - rr * rr;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i) {
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i) {
     double const px = points[i][0], py = points[i][1];
     d[i] = px * px + py * py - 2.0 * px * cx - 2.0 * py * cy + k;
   }
@@ -297,11 +241,13 @@ bool LeastSquaresCircle::get_d(std::vector<double>& d, points_type const& points
 LeastSquaresCircle LeastSquaresCircle::create(points_type const& points) {
   return LeastSquaresCircle(points);
 }
-LeastSquaresCircle LeastSquaresCircle::create(points_type const& points, double k) {
-  return robust<LeastSquaresCircle>(points, k, nullptr);
+LeastSquaresCircle LeastSquaresCircle::create(point_type const* points, std::size_t count,
+                                              double k) {
+  return detail::robust_fit<LeastSquaresCircle>(points, count, k, nullptr);
 }
-LeastSquaresCircle LeastSquaresCircle::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresCircle>(points, k, &info);
+LeastSquaresCircle LeastSquaresCircle::create(point_type const* points, std::size_t count, double k,
+                                              FitInfo& info) {
+  return detail::robust_fit<LeastSquaresCircle>(points, count, k, &info);
 }
 
 // ---- plane ------------------------------------------------------------------------------
@@ -342,41 +288,18 @@ double LeastSquaresPlane::d() const {
   return c_ / plane_norm(a_, b_);
 }
 
-namespace {
-
-Eigen::VectorXd fit_plane(std::vector<Point3> const& points, std::vector<double> const* weights,
-                          FitInfo* info) {
-  return solve(moment_t::plane, plane_layout(), points, weights, info);
-}
-
-}  // namespace
-
-bool LeastSquaresPlane::calculate(points_type const& points) {
-  const Eigen::VectorXd x = fit_plane(points, nullptr, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresPlane::calculate(points_type const& points, std::vector<double> const& weights) {
-  const Eigen::VectorXd x = fit_plane(points, &weights, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresPlane::calculate(points_type const& points, FitInfo& info) {
-  const Eigen::VectorXd x = fit_plane(points, nullptr, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2];
-  return is();
-}
-bool LeastSquaresPlane::calculate(points_type const& points, std::vector<double> const& weights,
-                                  FitInfo& info) {
-  const Eigen::VectorXd x = fit_plane(points, &weights, &info);
+bool LeastSquaresPlane::fit(point_type const* points, std::size_t count, double const* weights,
+                            FitInfo* info) {
+  const Eigen::VectorXd x = solve(moment_t::plane, plane_layout(), points, count, weights, info);
   a_ = x[0], b_ = x[1], c_ = x[2];
   return is();
 }
 
-bool LeastSquaresPlane::get_d(std::vector<double>& d, points_type const& points) const {
+bool LeastSquaresPlane::get_d(std::vector<double>& d, point_type const* points,
+                              std::size_t count) const {
   if (!is()) return false;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i) {
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i) {
     Point3 const& p = points[i];
     d[i] = p[2] - (a_ * p[0] + b_ * p[1] + c_);
   }
@@ -386,11 +309,12 @@ bool LeastSquaresPlane::get_d(std::vector<double>& d, points_type const& points)
 LeastSquaresPlane LeastSquaresPlane::create(points_type const& points) {
   return LeastSquaresPlane(points);
 }
-LeastSquaresPlane LeastSquaresPlane::create(points_type const& points, double k) {
-  return robust<LeastSquaresPlane>(points, k, nullptr);
+LeastSquaresPlane LeastSquaresPlane::create(point_type const* points, std::size_t count, double k) {
+  return detail::robust_fit<LeastSquaresPlane>(points, count, k, nullptr);
 }
-LeastSquaresPlane LeastSquaresPlane::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresPlane>(points, k, &info);
+LeastSquaresPlane LeastSquaresPlane::create(point_type const* points, std::size_t count, double k,
+                                            FitInfo& info) {
+  return detail::robust_fit<LeastSquaresPlane>(points, count, k, &info);
 }
 
 // ---- sphere -----------------------------------------------------------------------------
@@ -416,43 +340,20 @@ double LeastSquaresSphere::r() const {
   return std::sqrt(x() * x() + y() * y() + z() * z() - d_);
 }
 
-namespace {
-
-Eigen::VectorXd fit_sphere(std::vector<Point3> const& points, std::vector<double> const* weights,
-                           FitInfo* info) {
-  return solve(moment_t::sphere, sphere_layout(), points, weights, info);
-}
-
-}  // namespace
-
-bool LeastSquaresSphere::calculate(points_type const& points) {
-  const Eigen::VectorXd x = fit_sphere(points, nullptr, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresSphere::calculate(points_type const& points, std::vector<double> const& weights) {
-  const Eigen::VectorXd x = fit_sphere(points, &weights, nullptr);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresSphere::calculate(points_type const& points, FitInfo& info) {
-  const Eigen::VectorXd x = fit_sphere(points, nullptr, &info);
-  a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
-  return is();
-}
-bool LeastSquaresSphere::calculate(points_type const& points, std::vector<double> const& weights,
-                                   FitInfo& info) {
-  const Eigen::VectorXd x = fit_sphere(points, &weights, &info);
+bool LeastSquaresSphere::fit(point_type const* points, std::size_t count, double const* weights,
+                             FitInfo* info) {
+  const Eigen::VectorXd x = solve(moment_t::sphere, sphere_layout(), points, count, weights, info);
   a_ = x[0], b_ = x[1], c_ = x[2], d_ = x[3];
   return is();
 }
 
-bool LeastSquaresSphere::get_d(std::vector<double>& d, points_type const& points) const {
+bool LeastSquaresSphere::get_d(std::vector<double>& d, point_type const* points,
+                               std::size_t count) const {
   if (!is()) return false;
   double const cx = x(), cy = y(), cz = z(), rr = r();
   double const k = cx * cx + cy * cy + cz * cz - rr * rr;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i) {
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i) {
     double const px = points[i][0], py = points[i][1], pz = points[i][2];
     d[i] = px * px + py * py + pz * pz - 2.0 * px * cx - 2.0 * py * cy - 2.0 * pz * cz + k;
   }
@@ -462,11 +363,13 @@ bool LeastSquaresSphere::get_d(std::vector<double>& d, points_type const& points
 LeastSquaresSphere LeastSquaresSphere::create(points_type const& points) {
   return LeastSquaresSphere(points);
 }
-LeastSquaresSphere LeastSquaresSphere::create(points_type const& points, double k) {
-  return robust<LeastSquaresSphere>(points, k, nullptr);
+LeastSquaresSphere LeastSquaresSphere::create(point_type const* points, std::size_t count,
+                                              double k) {
+  return detail::robust_fit<LeastSquaresSphere>(points, count, k, nullptr);
 }
-LeastSquaresSphere LeastSquaresSphere::create(points_type const& points, double k, FitInfo& info) {
-  return robust<LeastSquaresSphere>(points, k, &info);
+LeastSquaresSphere LeastSquaresSphere::create(point_type const* points, std::size_t count, double k,
+                                              FitInfo& info) {
+  return detail::robust_fit<LeastSquaresSphere>(points, count, k, &info);
 }
 
 }  // namespace quib

@@ -79,15 +79,15 @@ SystemLayout polynomial_layout(int degree) {
 }
 
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
-                    std::vector<Eigen::Matrix<double, 2, 1>> const& points,
-                    std::vector<double> const* weights, FitInfo* info) {
+                    Eigen::Matrix<double, 2, 1> const* points, std::size_t count,
+                    double const* weights, FitInfo* info) {
   coef.clear();
   if (info) info->clear();
   // More coefficients than points cannot be determined; refusing early also bounds the
   // size of the system by the input.
-  if (degree < 0 || static_cast<std::size_t>(degree) >= points.size()) return false;
+  if (degree < 0 || static_cast<std::size_t>(degree) >= count) return false;
   const Moments s =
-      sum_moments(moment_t::polynomial, points, weights, info != nullptr, degree, scale);
+      sum_moments(moment_t::polynomial, points, count, weights, info != nullptr, degree, scale);
   Eigen::VectorXd x;
   if (!solve_system(s, polynomial_layout(degree), x, info, scale)) return false;
   // The residuals were divided by the scale, so the covariance is already that of the

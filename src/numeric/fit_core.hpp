@@ -31,22 +31,22 @@ bool finite_point(Point const& p) {
   return true;
 }
 
-/// The compensated moments of `model` over the points (see moment_t for the terms). With
-/// `residual`, the square of the target is summed last, for the statistics of the fit.
+/// The compensated moments of `model` over `count` points (see moment_t for the terms), each
+/// weighted by weights[i] unless `weights` is null. With `residual`, the square of the target
+/// is summed last, for the statistics of the fit.
 template <int D>
-Moments sum_moments(moment_t model, std::vector<Eigen::Matrix<double, D, 1>> const& points,
-                    std::vector<double> const* weights, bool residual, int degree = 0,
-                    double scale = 1.0) {
+Moments sum_moments(moment_t model, Eigen::Matrix<double, D, 1> const* points, std::size_t count,
+                    double const* weights, bool residual, int degree = 0, double scale = 1.0) {
   static_assert(sizeof(Eigen::Matrix<double, D, 1>) == D * sizeof(double), "packed points");
   MomentRequest request;
   request.model = model;
   request.residual = residual;
-  request.coords = points.empty() ? nullptr : points.front().data();
-  request.count = points.size();
+  request.coords = count == 0 ? nullptr : points->data();
+  request.count = count;
   if (weights) {
     request.weighted = true;
-    request.weights = weights->data();
-    request.weight_count = weights->size();
+    request.weights = weights;
+    request.weight_count = count;
   }
   request.degree = degree;
   request.scale = scale;
@@ -86,21 +86,38 @@ SystemLayout polynomial_layout(int degree);
 /// `coef` left empty (and `info` cleared), for a negative degree, fewer points than
 /// coefficients or a singular system.
 bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
-                    std::vector<Eigen::Matrix<double, 2, 1>> const& points,
-                    std::vector<double> const* weights, FitInfo* info);
+                    Eigen::Matrix<double, 2, 1> const* points, std::size_t count,
+                    double const* weights, FitInfo* info);
 
-/// The one robust reweighting step: residuals of `fit`, a Tukey biweight with threshold
-/// MAD/0.6745·k + median |residual|, and `refit(weights)`. A fit without residuals (no fit)
-/// is left as it is.
-template <class Fit, class Points, class Refit>
-void reweight_once(Fit& fit, Points const& points, double k, Refit refit) {
+/// The one robust reweighting step: residuals of `fit` over the points, a Tukey biweight with
+/// threshold MAD/0.6745·k + median |residual|, and refit(weights) with one weight per point.
+/// `info` (when given) ends with the statistics of that weighted step, or none when the first
+/// fit or the refit failed.
+template <class Fit, class Point, class Refit>
+void reweight_once(Fit& fit, Point const* points, std::size_t count, double k, FitInfo* info,
+                   Refit refit) {
+  if (info) info->clear();
   std::vector<double> d;
-  if (!fit.get_d(d, points)) return;
+  if (!fit.get_d(d, points, count)) return;
   double const m = RobustM::get_med(d);
   double const s = RobustM::get_mad(d, m);
   RobustM weights;
   static_cast<void>(weights.estimate(d, (s / 0.6745) * k + m));
-  refit(*weights);
+  refit((*weights).data());
+  if (info && fit.empty()) info->clear();
+}
+
+/// The robust fit of the classes whose calculate takes (points, count[, weights][, info]):
+/// a plain fit, then reweight_once.
+template <class Fit, class Point>
+Fit robust_fit(Point const* points, std::size_t count, double k, FitInfo* info) {
+  Fit fit;
+  static_cast<void>(fit.calculate(points, count));
+  reweight_once(fit, points, count, k, info, [&](double const* w) {
+    static_cast<void>(info ? fit.calculate(points, count, w, *info)
+                           : fit.calculate(points, count, w));
+  });
+  return fit;
 }
 
 }  // namespace detail

@@ -38,10 +38,10 @@ struct Usable {
 };
 
 template <int D>
-Usable<D> usable(std::vector<Point<D>> const& points, std::vector<double> const* weights) {
+Usable<D> usable(Point<D> const* points, std::size_t count, double const* weights) {
   Usable<D> u;
-  for (std::size_t i = 0; i < points.size(); ++i) {
-    double const w = weights ? (i < weights->size() ? (*weights)[i] : 0.0) : 1.0;
+  for (std::size_t i = 0; i < count; ++i) {
+    double const w = weights ? weights[i] : 1.0;
     if (w == 0.0 || !std::isfinite(w) || !detail::finite_point(points[i])) continue;
     u.points.push_back(points[i]);
     u.weights.push_back(w);
@@ -154,11 +154,11 @@ bool GeometricFit<D>::is() const {
 }
 
 template <int D>
-bool GeometricFit<D>::fit(points_type const& points, std::vector<double> const* weights,
+bool GeometricFit<D>::fit(point_type const* points, std::size_t count, double const* weights,
                           FitInfo* info) {
   clear();
   if (info) info->clear();
-  Usable<D> u = usable<D>(points, weights);
+  Usable<D> u = usable<D>(points, count, weights);
   const std::size_t m = u.points.size();
   if (m < static_cast<std::size_t>(D + 1)) return false;
 
@@ -206,28 +206,11 @@ bool GeometricFit<D>::fit(points_type const& points, std::vector<double> const* 
 }
 
 template <int D>
-bool GeometricFit<D>::calculate(points_type const& points) {
-  return fit(points, nullptr, nullptr);
-}
-template <int D>
-bool GeometricFit<D>::calculate(points_type const& points, std::vector<double> const& weights) {
-  return fit(points, &weights, nullptr);
-}
-template <int D>
-bool GeometricFit<D>::calculate(points_type const& points, FitInfo& info) {
-  return fit(points, nullptr, &info);
-}
-template <int D>
-bool GeometricFit<D>::calculate(points_type const& points, std::vector<double> const& weights,
-                                FitInfo& info) {
-  return fit(points, &weights, &info);
-}
-
-template <int D>
-bool GeometricFit<D>::get_d(std::vector<double>& d, points_type const& points) const {
+bool GeometricFit<D>::get_d(std::vector<double>& d, point_type const* points,
+                            std::size_t count) const {
   if (!is()) return false;
-  d.resize(points.size());
-  for (std::size_t i = 0; i < points.size(); ++i)
+  d.resize(count);
+  for (std::size_t i = 0; i < count; ++i)
     d[i] = length<D>(points[i] - centre_) - r_;
   return true;
 }
@@ -237,21 +220,13 @@ GeometricFit<D> GeometricFit<D>::create(points_type const& points) {
   return GeometricFit(points);
 }
 template <int D>
-GeometricFit<D> GeometricFit<D>::create(points_type const& points, double k) {
-  GeometricFit fit(points);
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    static_cast<void>(fit.calculate(points, w));
-  });
-  return fit;
+GeometricFit<D> GeometricFit<D>::create(point_type const* points, std::size_t count, double k) {
+  return detail::robust_fit<GeometricFit>(points, count, k, nullptr);
 }
 template <int D>
-GeometricFit<D> GeometricFit<D>::create(points_type const& points, double k, FitInfo& info) {
-  GeometricFit fit(points);
-  info.clear();
-  detail::reweight_once(fit, points, k, [&](std::vector<double> const& w) {
-    static_cast<void>(fit.calculate(points, w, info));
-  });
-  return fit;
+GeometricFit<D> GeometricFit<D>::create(point_type const* points, std::size_t count, double k,
+                                        FitInfo& info) {
+  return detail::robust_fit<GeometricFit>(points, count, k, &info);
 }
 
 // The declarations in the header carry the export attribute.

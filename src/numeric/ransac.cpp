@@ -43,14 +43,36 @@ bool RANSAC<V, S>::compute(std::vector<V> const& points, S threshold, int n, dou
 template <class V, class S>
 bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int n, double p,
                                   std::uint64_t max_iterations, std::uint32_t seed) {
+  // The model of the derived class, through its virtual operations.
+  struct Virtual {
+    RANSAC& self;
+    std::vector<V> const& points;
+    std::vector<std::vector<V>> models;
+    bool sample(std::vector<int> const& indices) {
+      return !self.invalid(points, indices) && self.find(models, points, indices);
+    }
+    int measure(std::vector<int>& inliers, S& score, double limit) {
+      return self.measure(inliers, score, points, models, limit);
+    }
+  };
+  Virtual model{*this, points, {}};
+  return search(points.size(), threshold, n, p, max_iterations, seed, model);
+}
+
+// The driver: `model` says whether a sample gives candidates (sample) and measures them
+// (measure); its `models` are the candidates.
+template <class V, class S>
+template <class Model>
+bool RANSAC<V, S>::search(std::size_t size, S threshold, int n, double p,
+                          std::uint64_t max_iterations, std::uint32_t seed, Model& model) {
   if (n < 1) return false;
   best_indices.clear();
   best_model.clear();
-  if (points.empty()) return false;  // there is no index to draw
-  if (points.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
+  if (size == 0) return false;  // there is no index to draw
+  if (size > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
 
   MersenneTwister random(seed);
-  double const count = static_cast<double>(points.size());
+  double const count = static_cast<double>(size);
   double const span = (count - 1.0) + 0.999999;
   double const log_failure = std::log(1.0 - p);
 
@@ -60,7 +82,6 @@ bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int
   long long required = 1;
   std::vector<int> sample(static_cast<std::size_t>(n));
   std::vector<int> inliers;
-  std::vector<std::vector<V>> models;
   S score;
 
   for (std::uint64_t k = 0;;) {
@@ -69,16 +90,16 @@ bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int
         unsigned int const u = random;
         index = static_cast<int>(static_cast<double>(u) * kTwoPowMinus32 * span);
       }
-      if (!invalid(points, sample) && find(models, points, sample)) break;
+      if (model.sample(sample)) break;
     }
-    int const chosen = measure(inliers, score, points, models, threshold);
-    bool const taken = chosen >= 0 && static_cast<std::size_t>(chosen) < models.size() &&
+    int const chosen = model.measure(inliers, score, threshold);
+    bool const taken = chosen >= 0 && static_cast<std::size_t>(chosen) < model.models.size() &&
                        inliers.size() >= best_count && is_best(best_score, score);
     if (taken) {
       best_count = inliers.size();
       best_score = score;
       best_indices.swap(inliers);
-      best_model = models[static_cast<std::size_t>(chosen)];
+      best_model = model.models[static_cast<std::size_t>(chosen)];
     }
     if (taken || k == 0) {
       const std::size_t m = taken ? best_count : inliers.size();
@@ -97,6 +118,59 @@ bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int
   }
   return !best_model.empty();
 }
+
+namespace {
+
+// The plane through three sampled points: (p0, p1, p2, unit normal); false for coincident or
+// collinear points and indices outside the points.
+template <class V>
+bool plane_through(std::vector<std::vector<V>>& models, V const* points, std::size_t count,
+                   std::vector<int> const& sample) {
+  if (sample.size() != 3) return false;
+  for (int i : sample)
+    if (i < 0 || static_cast<std::size_t>(i) >= count) return false;
+  V const& p0 = points[static_cast<std::size_t>(sample[0])];
+  V const& p1 = points[static_cast<std::size_t>(sample[1])];
+  V const& p2 = points[static_cast<std::size_t>(sample[2])];
+  V normal = (p1 - p0).cross(p2 - p0);
+  normal /= normal.norm();
+  if (!std::isfinite(normal[0]) || !std::isfinite(normal[1]) || !std::isfinite(normal[2]))
+    return false;
+  models.assign(1, std::vector<V>{p0, p1, p2, normal});
+  return true;
+}
+
+// The inliers of the first candidate and its balance score |Σ signed distances|.
+template <class V, class S>
+int plane_measure(std::vector<int>& inliers, S& score, V const* points, std::size_t count,
+                  std::vector<std::vector<V>> const& models, double threshold) {
+  if (models.empty() || models[0].size() < 4) {
+    score = std::numeric_limits<S>::max();
+    return -1;
+  }
+  const V p0 = models[0][0];
+  const V normal = models[0][3];
+  const S limit = static_cast<S>(threshold);
+  // Every index is written and the count advances only for inliers: no branch to mispredict
+  // on the inlier test. The sum keeps its order, so scores (and the chosen model) stay as they
+  // were.
+  inliers.resize(count);
+  int* out = inliers.data();
+  std::size_t kept = 0;
+  S sum = 0;
+  int const size = static_cast<int>(count);
+  for (int i = 0; i < size; ++i) {
+    const S t = (points[i] - p0).dot(normal);
+    out[kept] = i;
+    kept += std::fabs(t) < limit ? 1 : 0;
+    sum += t;
+  }
+  inliers.resize(kept);
+  score = kept == 0 ? std::numeric_limits<S>::max() : std::fabs(sum);
+  return 0;
+}
+
+}  // namespace
 
 template <class V, class S>
 RANSAC_Plane<V, S>::RANSAC_Plane() = default;
@@ -119,6 +193,31 @@ bool RANSAC_Plane<V, S>::compute_seeded(std::vector<V> const& points, S threshol
 }
 
 template <class V, class S>
+bool RANSAC_Plane<V, S>::compute(V const* points, std::size_t count, S threshold, double p,
+                                 std::uint64_t max_iterations) {
+  return compute_seeded(points, count, threshold, p, max_iterations,
+                        static_cast<std::uint32_t>(std::time(nullptr)));
+}
+template <class V, class S>
+bool RANSAC_Plane<V, S>::compute_seeded(V const* points, std::size_t count, S threshold, double p,
+                                        std::uint64_t max_iterations, std::uint32_t seed) {
+  // This class's plane, without the virtual operations (invalid() is always false).
+  struct Plane {
+    V const* points;
+    std::size_t count;
+    std::vector<std::vector<V>> models;
+    bool sample(std::vector<int> const& indices) {
+      return plane_through(models, points, count, indices);
+    }
+    int measure(std::vector<int>& inliers, S& score, double limit) {
+      return plane_measure(inliers, score, points, count, models, limit);
+    }
+  };
+  Plane model{points, count, {}};
+  return this->search(count, threshold, 3, p, max_iterations, seed, model);
+}
+
+template <class V, class S>
 bool RANSAC_Plane<V, S>::invalid(std::vector<V> const&, std::vector<int> const&) {
   return false;
 }
@@ -126,48 +225,13 @@ bool RANSAC_Plane<V, S>::invalid(std::vector<V> const&, std::vector<int> const&)
 template <class V, class S>
 bool RANSAC_Plane<V, S>::find(std::vector<std::vector<V>>& models, std::vector<V> const& points,
                               std::vector<int> const& sample) {
-  if (sample.size() != 3) return false;
-  for (int i : sample)
-    if (i < 0 || static_cast<std::size_t>(i) >= points.size()) return false;
-  V const& p0 = points[static_cast<std::size_t>(sample[0])];
-  V const& p1 = points[static_cast<std::size_t>(sample[1])];
-  V const& p2 = points[static_cast<std::size_t>(sample[2])];
-  V normal = (p1 - p0).cross(p2 - p0);
-  normal /= normal.norm();
-  if (!std::isfinite(normal[0]) || !std::isfinite(normal[1]) || !std::isfinite(normal[2]))
-    return false;  // coincident or collinear points
-  models.assign(1, std::vector<V>{p0, p1, p2, normal});
-  return true;
+  return plane_through(models, points.data(), points.size(), sample);
 }
 
 template <class V, class S>
 int RANSAC_Plane<V, S>::measure(std::vector<int>& inliers, S& score, std::vector<V> const& points,
                                 std::vector<std::vector<V>> const& models, double threshold) {
-  if (models.empty() || models[0].size() < 4) {
-    score = std::numeric_limits<S>::max();
-    return -1;
-  }
-  const V p0 = models[0][0];
-  const V normal = models[0][3];
-  const S limit = static_cast<S>(threshold);
-  // Every index is written and the count advances only for inliers: no branch to mispredict
-  // on the inlier test. The sum keeps its order, so scores (and the chosen model) stay as they
-  // were.
-  inliers.resize(points.size());
-  int* out = inliers.data();
-  std::size_t kept = 0;
-  S sum = 0;
-  int const size = static_cast<int>(points.size());
-  V const* p = points.data();
-  for (int i = 0; i < size; ++i) {
-    const S t = (p[i] - p0).dot(normal);
-    out[kept] = i;
-    kept += std::fabs(t) < limit ? 1 : 0;
-    sum += t;
-  }
-  inliers.resize(kept);
-  score = kept == 0 ? std::numeric_limits<S>::max() : std::fabs(sum);
-  return 0;
+  return plane_measure(inliers, score, points.data(), points.size(), models, threshold);
 }
 
 template <class V, class S>

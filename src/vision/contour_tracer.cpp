@@ -84,6 +84,16 @@ inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Po
   return at;
 }
 
+// Starts fetching the pixels two rows above and two rows below `p`.
+inline void prefetch_rows(unsigned char const* p, std::ptrdiff_t step) {
+#if defined(__GNUC__)
+  __builtin_prefetch(p + 2 * step);
+  __builtin_prefetch(p - 2 * step);
+#else
+  (void)p, (void)step;
+#endif
+}
+
 // A look at a neighbour without moving: (found, its index, or -1 when visited already).
 template <class Index>
 inline std::pair<bool, std::ptrdiff_t> look(Grid const& g, Index const& index, cv::Point const& c,
@@ -129,10 +139,25 @@ inline unsigned lowest_byte(std::uint64_t bits) {
 
 // The first start candidate at or after x in a row: a pixel that differs from blank and whose
 // left neighbour (none in column 0) equals blank. `cols` when there is none. Runs of pixels
-// without a candidate are skipped sixteen or eight at a time.
+// without a candidate are skipped sixty-four, sixteen or eight at a time.
 inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned char blank) {
 #if defined(__SSE2__)
   const __m128i blanks = _mm_set1_epi8(static_cast<char>(blank));
+  // Bit k set where pixel x + k differs from blank, for k < 16.
+  auto const differs16 = [&](int at) {
+    const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + at));
+    return static_cast<std::uint64_t>(~_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)) & 0xffff);
+  };
+  if (x + 64 <= cols) {
+    std::uint64_t carry = x > 0 && row[x - 1] != blank ? 1u : 0u;  // the pixel before x
+    for (; x + 64 <= cols; x += 64) {
+      const std::uint64_t differs = differs16(x) | differs16(x + 16) << 16 |
+                                    differs16(x + 32) << 32 | differs16(x + 48) << 48;
+      const std::uint64_t edges = differs & ~((differs << 1) | carry);
+      if (edges != 0) return x + __builtin_ctzll(edges);
+      carry = differs >> 63;
+    }
+  }
   for (; x + 16 <= cols; x += 16) {
     const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
     unsigned const same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
@@ -173,10 +198,18 @@ inline void write_unless_outside(unsigned char* out, unsigned char const* canvas
   }
 }
 
+// What mark_traced works in, kept from one call to the next.
+struct MarkBuffers {
+  std::vector<unsigned char> canvas;
+  std::vector<int> first, last;
+  std::vector<cv::Point> pending;
+};
+
 // Marks a traced boundary and everything it encloses with `value`. The boundary is a closed
 // chain of pixels listed once each: consecutive points that are not neighbours are not joined,
 // since the trace passed through listed pixels between them.
-bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigned char value) {
+bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigned char value,
+                 MarkBuffers& buffers) {
   const cv::Rect bounds(0, 0, target.cols, target.rows);
   int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
   for (cv::Point const& p : contour) {
@@ -198,9 +231,12 @@ bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigne
   int const w = x1 - x0 + 1;
   int const h = y1 - y0 + 1;
   const std::ptrdiff_t pitch = w;
-  std::vector<unsigned char> canvas(static_cast<std::size_t>(pitch) * h, 0);
-  std::vector<int> first(static_cast<std::size_t>(h), INT_MAX);
-  std::vector<int> last(static_cast<std::size_t>(h), INT_MIN);
+  std::vector<unsigned char>& canvas = buffers.canvas;
+  std::vector<int>& first = buffers.first;
+  std::vector<int>& last = buffers.last;
+  canvas.assign(static_cast<std::size_t>(pitch) * h, 0);
+  first.assign(static_cast<std::size_t>(h), INT_MAX);
+  last.assign(static_cast<std::size_t>(h), INT_MIN);
   for (cv::Point const& p : contour) {
     if (!bounds.contains(p)) continue;
     int const y = p.y - y0;
@@ -214,7 +250,8 @@ bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigne
   auto open = [&](int x, int y) {
     return x > first[y] && x < last[y] && cells[y * pitch + x] == 0;
   };
-  std::vector<cv::Point> pending;
+  std::vector<cv::Point>& pending = buffers.pending;
+  pending.clear();
   for (int y = 0; y < h; ++y) {
     if (first[y] >= last[y]) continue;
     for (int ny : {y - 1, y + 1}) {
@@ -307,21 +344,41 @@ std::vector<cv::Point2d> clip_polygon(std::vector<cv::Point> const& contour, cv:
 
 }  // namespace
 
+// A mask the tracer starts itself is zeroed a few rows ahead of where search() reads or writes
+// it, rather than all at once, so that the rows are still in the cache when they are traced.
+// The buffers that marking a traced region needs are kept from one region to the next.
+struct ContourTracer::Work {
+  int zeroed_rows = 0;  // mask rows from here on are not zeroed yet
+  MarkBuffers buffers;
+};
+
+void ContourTracer::copy_base(cv::Mat const& image) {
+  work_ = std::make_shared<Work>();
+  // Bottom row first: the rows a search reads first are then the ones most likely still in
+  // the cache.
+  base_.create(image.rows, image.cols, CV_8UC1);
+  for (int y = image.rows - 1; y >= 0; --y)
+    std::memcpy(base_.ptr<unsigned char>(y), image.ptr<unsigned char>(y),
+                static_cast<std::size_t>(image.cols));
+}
+
 ContourTracer::ContourTracer(cv::Mat& image) {
   if (!is_gray8(image)) return;
-  base_ = image.clone();
-  mask_ = cv::Mat::zeros(image.rows, image.cols, CV_8UC1);
+  copy_base(image);
+  mask_.create(image.rows, image.cols, CV_8UC1);  // zeroed as the search goes (zero_rows)
 }
 
 ContourTracer::ContourTracer(cv::Mat& image, cv::Mat& mask) {
   if (!is_gray8(image) || !is_gray8(mask) || image.size() != mask.size()) return;
-  base_ = image.clone();
+  copy_base(image);
   mask_ = mask;
+  work_->zeroed_rows = mask.rows;
 }
 
 void ContourTracer::swap(ContourTracer& other) noexcept {
   std::swap(base_, other.base_);
   std::swap(mask_, other.mask_);
+  std::swap(work_, other.work_);
 }
 
 bool ContourTracer::create(cv::Mat& image) {
@@ -341,6 +398,23 @@ bool ContourTracer::create(cv::Mat& image, cv::Mat& mask) {
 void ContourTracer::release() {
   base_.release();
   mask_.release();
+  work_.reset();
+}
+
+cv::Mat ContourTracer::mask() const {
+  zero_rows(mask_.rows);
+  return mask_;
+}
+
+void ContourTracer::zero_rows(int end) const {
+  if (!work_ || work_->zeroed_rows >= end) return;
+  // A few rows at a time, so that the test is rare and the rows are still cached when used.
+  constexpr int kRowsAhead = 16;
+  int const from = work_->zeroed_rows;
+  end = std::min(mask_.rows, std::max(end, from + kRowsAhead));
+  for (int y = from; y < end; ++y)
+    std::memset(mask_.data + y * mask_.step[0], 0, static_cast<std::size_t>(mask_.cols));
+  work_->zeroed_rows = end;
 }
 
 bool ContourTracer::is_end(cv::Point const& p) const {
@@ -354,11 +428,14 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
   int const cols = base_.cols;
   int x = position.x;
   for (int y = position.y; y < rows; ++y, x = 0) {
+    zero_rows(y + 1);
     unsigned char const* row = base_.ptr<unsigned char>(y);
+    unsigned char const* marks = mask_.ptr<unsigned char>(y);
     for (x = next_left_edge(row, x, cols, blank); x < cols;
          x = next_left_edge(row, x + 1, cols, blank)) {
-      if (trace(contour, cv::Point(x, y), blank)) {
-        mark_traced(mask_, contour, F_MASK);
+      // A start inside a region found before is passed over without a call.
+      if (marks[x] == 0 && trace(contour, cv::Point(x, y), blank)) {
+        mark_traced(mask_, contour, F_MASK, work_->buffers);
         position = x + 1 < cols ? cv::Point(x + 1, y) : cv::Point(0, y + 1);
         return true;
       }
@@ -373,6 +450,16 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
   const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
   const Direct index{static_cast<std::ptrdiff_t>(base_.step[0]),
                      static_cast<std::ptrdiff_t>(mask_.step[0])};
+  // The mask rows that the neighbours of a pixel in row y lie in, up to y + 1, are zeroed
+  // before that pixel is looked around; `ready` mirrors *zeroed_ in a register.
+  int ready = work_ ? work_->zeroed_rows : INT_MAX;
+  auto const reach = [&](int y) {
+    if (y + 2 > ready && ready < g.rows) {
+      zero_rows(y + 2);
+      ready = work_->zeroed_rows;
+    }
+  };
+  reach(start.y);
   unsigned char& first = g.mask[index.in_mask(start.x, start.y)];
   if (first != 0) return false;  // part of a region found before
   contour.clear();
@@ -390,6 +477,7 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
   int s = 0;
   cv::Point q = start;
   for (;;) {
+    reach(q.y);
     bool moved = false;
     if (q.x >= 2 && q.y >= 2 && q.x <= g.cols - 3 && q.y <= g.rows - 3) {
       // Two pixels from every border, each neighbour keeps the margin: the step of trace_one
@@ -403,6 +491,10 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
         if (count == 255) continue;
         q.x += kDx[d];
         q.y += kDy[d];
+        // The rows two above and two below (inside the image, as q was two pixels from every
+        // border), which the next steps may reach, start to arrive from memory meanwhile.
+        prefetch_rows(g.base + here_base, index.base_step);
+        prefetch_rows(g.mask + here_mask, index.mask_step);
         if (count == 0) contour.push_back(q);
         ++count;
         s = (d + 6) & 7;  // two steps back from the direction of arrival
@@ -438,12 +530,14 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
 
 std::ptrdiff_t ContourTracer::trace_one(std::vector<cv::Point>& contour, cv::Point& c, int d,
                                         accessor at, unsigned char blank) {
+  zero_rows(mask_.rows);
   const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
   return step(g, ViaAccessor{base_, mask_, at}, contour, c, d, blank);
 }
 
 std::pair<bool, std::ptrdiff_t> ContourTracer::check_one(cv::Point const& c, int d, accessor at,
                                                          unsigned char blank) const {
+  zero_rows(mask_.rows);
   const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
   return look(g, ViaAccessor{base_, mask_, at}, c, d, blank);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -149,6 +150,34 @@ Bytes rle_frame(const Bytes& interleaved, int samples) {
     }
   }
   if (out.size() % 2) out.push_back(0);
+  return out;
+}
+
+// One explicit VR little-endian element, for the inside of sequence items.
+std::string element(unsigned group, unsigned number, const std::string& vr, std::string value) {
+  if (value.size() % 2) value += ' ';
+  std::string out{char(group & 0xFF), char(group >> 8), char(number & 0xFF), char(number >> 8)};
+  const std::uint32_t n = std::uint32_t(value.size());
+  if (vr == "SQ" || vr == "OW") {
+    out += vr + std::string(2, '\0') +
+           std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+  } else {
+    out += vr + std::string{char(n & 0xFF), char(n >> 8)};
+  }
+  return out + value;
+}
+
+std::string item(const std::string& body) {
+  const std::uint32_t n = std::uint32_t(body.size());
+  return std::string("\xFE\xFF\x00\xE0", 4) +
+         std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + body;
+}
+
+// Little-endian 16-bit words.
+std::string words(const std::vector<int>& values) {
+  std::string out;
+  for (int v : values)
+    out += std::string{char(v & 0xFF), char((v >> 8) & 0xFF)};
   return out;
 }
 
@@ -305,6 +334,37 @@ TEST(DicomPixels, NativeFramesInEveryLayoutDecodeToTheStoredSamples) {
   ASSERT_EQ(bit_frames.size(), 3u);
   for (std::size_t i = 0; i < pixels; ++i)
     ASSERT_EQ(bit_frames[2][i], (bits.pixels[(2 * pixels + i) / 8] >> ((2 * pixels + i) % 8)) & 1);
+
+  // RLE of 1-bit data: one segment of bits, each row starting on a whole byte, or running on
+  // as uncompressed bits do.
+  Native rle_bits = picture(8, 8, 1, 1);
+  rle_bits.rows = 5, rle_bits.columns = 13;
+  rle_bits.bits_allocated = rle_bits.bits_stored = 1;
+  rle_bits.syntax = kRle, rle_bits.encapsulated = true;
+  Bytes expected_bits, padded(5 * 2, 0), run_on((5 * 13 + 7) / 8, 0);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 13; ++x) {
+      const int bit = (x * 3 + y * 5) % 7 < 3, at = y * 13 + x;
+      expected_bits.push_back(std::uint8_t(bit));
+      padded[y * 2 + x / 8] |= std::uint8_t(bit << (x % 8));
+      run_on[at / 8] |= std::uint8_t(bit << (at % 8));
+    }
+  for (const Bytes& packed : {padded, run_on, Bytes(padded.begin(), padded.end() - 2)}) {
+    rle_bits.pixels = items({}, {rle_frame(packed, 1)});
+    Dicom file;
+    ASSERT_TRUE(load(file, dir.write("rle_bits.dcm", rle_bits.bytes())));
+    DicomPixels module(file);
+    Bytes frame(module.get_frame_bytes());
+    ASSERT_TRUE(module.is()) << module.get_error();
+    if (packed.size() == 8) {  // neither form
+      EXPECT_FALSE(module.decode(0, frame.data(), frame.size()));
+      EXPECT_EQ(module.get_error(),
+                "frame 0: RLE bit segment decodes to 8 bytes, not 10 (rows on whole bytes) or 9");
+      continue;
+    }
+    ASSERT_TRUE(module.decode(0, frame.data(), frame.size())) << module.get_error();
+    EXPECT_EQ(frame, expected_bits);
+  }
 
   Native ybr = picture(8, 8, 1, 1);
   ybr.samples = 3, ybr.photometric = "YBR_FULL_422";
@@ -584,26 +644,147 @@ TEST(DicomPixels, DisplayValuesMatchDcmj2pnm) {
   ybr.photometric = "YBR_FULL";
   display(ybr, 0, "", "ybr_full", 2);
 
+  // A palette in plain tables, then the same palette in segments: discrete, linear, and
+  // indirect segments that repeat earlier ones.
   Native palette = picture(8, 8, 1, 1);
   palette.photometric = "PALETTE COLOR";
-  std::string red, green, blue;
-  for (int i = 0; i < 256; ++i) {
-    auto word = [](int v) { return std::string{char(v & 0xFF), char(v >> 8)}; };
-    red += word(i * 257), green += word((255 - i) * 257), blue += word(((i * 7) & 255) * 257);
-  }
+  std::vector<int> red, green, blue;
+  for (int i = 0; i < 256; ++i)
+    red.push_back(i * 257), green.push_back((255 - i) * 257), blue.push_back(i % 64 * 4 * 257);
   const std::string descriptor = std::string("US") + std::string("\0\1\0\0\x10\0", 6);
   palette.extra[0x00281101] = palette.extra[0x00281102] = palette.extra[0x00281103] = descriptor;
-  palette.extra[0x00281201] = "OW" + red;
-  palette.extra[0x00281202] = "OW" + green;
-  palette.extra[0x00281203] = "OW" + blue;
+  palette.extra[0x00281201] = "OW" + words(red);
+  palette.extra[0x00281202] = "OW" + words(green);
+  palette.extra[0x00281203] = "OW" + words(blue);
   display(palette, 0, "", "palette");
-  palette.extra[0x00281203] = "OW" + blue.substr(0, 100);
+  auto shown = [&](const Native& n, const char* name, std::string* error = nullptr) {
+    Dicom file;
+    EXPECT_TRUE(load(file, dir.write(name, n.bytes())));
+    DicomPixels pixels(file);
+    quib::Image image;
+    const bool ok = pixels.decode_display(0, image);
+    EXPECT_EQ(ok, error == nullptr) << name << ": " << pixels.get_error();
+    if (error) *error = pixels.get_error();
+    return Bytes(image.getBuffer(), image.getBuffer() + image.getBufferSize());
+  };
+  const Bytes plain = shown(palette, "plain.dcm");
+  Native segmented = palette;
+  for (std::uint32_t tag : {0x00281201u, 0x00281202u, 0x00281203u})
+    segmented.extra.erase(tag);
+  segmented.extra[0x00281221] = "OW" + words({0, 1, 0, 1, 255, 65535});
+  segmented.extra[0x00281222] = "OW" + words({0, 1, 65535, 1, 255, 0});
+  segmented.extra[0x00281223] =
+      "OW" + words({0, 1, 0, 1, 63, 64764, 2, 2, 0, 0, 2, 2, 0, 0, 2, 2, 0, 0});
+  EXPECT_EQ(shown(segmented, "segmented.dcm"), plain);
+
+  // Tables that lie are refused with a reason, whichever form they take.
+  std::string error;
+  Native lying = palette;
+  lying.extra[0x00281203] = "OW" + words(blue).substr(0, 100);
+  shown(lying, "short.dcm", &error);
+  EXPECT_EQ(error, "the blue palette holds 50 entries, its descriptor 256");
+  const std::vector<std::pair<std::vector<int>, std::string>> broken = {
+      {{1, 5, 100}, "a linear segment has no entry to start from"},
+      {{0, 300}, "a discrete segment runs past the data"},
+      {{0, 1, 7, 2, 1, 6, 0}, "an indirect segment points outside the segments before it"},
+      {{0, 1, 7, 2, 40000, 0, 0}, "an indirect segment copies more segments than there are"},
+      {{0, 1, 7, 9, 3}, "segment type 9"},
+      {{0, 200, 0}, "a discrete segment runs past the data"},
+  };
+  for (const auto& [segments, why] : broken) {
+    segmented.extra[0x00281223] = "OW" + words(segments);
+    shown(segmented, "broken.dcm", &error);
+    EXPECT_EQ(error, "the blue palette: " + why);
+  }
+  // Indirect segments that copy empty segments over and over make no entries but take time.
+  std::vector<int> empties = {0, 1, 7};
+  for (int k = 0; k < 4000; ++k)
+    empties.insert(empties.end(), {0, 0});
+  for (int k = 0; k < 4000; ++k)
+    empties.insert(empties.end(), {2, 4000, 6, 0});
+  segmented.extra[0x00281223] = "OW" + words(empties);
+  shown(segmented, "loops.dcm", &error);
+  EXPECT_EQ(error, "the blue palette: the segments copy one another too often");
+}
+
+// Modality and VOI LUTs: the modality LUT replaces slope and intercept, a VOI LUT comes before
+// the windows, values outside a table take its end entries; tables that lie are refused.
+TEST(DicomPixels, LookupTablesMakeTheValuesAndMatchDcmj2pnm) {
+  TempDir dir;
+  Native ct = picture(16, 12, 1, 1, true);  // stored -2048 .. 2047
+  ct.extra[0x00281050] = "DS40";
+  ct.extra[0x00281051] = "DS400 ";
+  ct.extra[0x00281053] = "DS2 ";  // replaced by the modality LUT
+  std::vector<int> modality, voi;
+  for (int k = 0; k < 2700; ++k)  // covers -1500 .. 1199 of the stored values
+    modality.push_back(k * 3 / 2);
+  for (int k = 0; k < 2000; ++k)
+    voi.push_back(int(std::lround(65535 * std::sqrt(k / 1999.0))));
+  auto lut = [&](int entries, int first, int bits, const std::string& data) {
+    return item(element(0x0028, 0x3002, "US", words({entries, first & 0xFFFF, bits})) +
+                element(0x0028, 0x3006, "OW", data));
+  };
+  ct.extra[0x00283000] = "SQ" + lut(2700, -1500, 16, words(modality));
+  ct.extra[0x00283010] = "SQ" + lut(2000, 1000, 16, words(voi));
+  const std::string path = dir.write("lut.dcm", ct.bytes());
   Dicom file;
-  ASSERT_TRUE(load(file, dir.write("short.dcm", palette.bytes())));
+  ASSERT_TRUE(load(file, path));
   DicomPixels pixels(file);
-  quib::Image image;
-  EXPECT_FALSE(pixels.decode_display(0, image));
-  EXPECT_EQ(pixels.get_error(), "palette shorter than its descriptor, or missing");
+  ASSERT_EQ(pixels.get_voi_luts().size(), 1u);
+  EXPECT_EQ(pixels.get_modality_lut().first, -1500);
+  quib::Image raw, values, shown, windowed;
+  ASSERT_TRUE(pixels.decode(0, raw));
+  ASSERT_TRUE(pixels.decode_values(0, values)) << pixels.get_error();
+  ASSERT_TRUE(pixels.decode_display(0, shown)) << pixels.get_error();
+  ASSERT_TRUE(pixels.decode_display(0, windowed, 1)) << pixels.get_error();
+  int below = 0, above = 0;
+  for (int i = 0; i < 48 * 64; ++i) {
+    std::int16_t stored;
+    float value;
+    std::memcpy(&stored, raw.getBuffer() + 2 * i, 2);
+    std::memcpy(&value, values.getBuffer() + 4 * i, 4);
+    const int k = std::clamp(stored + 1500, 0, 2699);
+    below += stored<-1500, above += stored> 1199;
+    ASSERT_EQ(value, float(k * 3 / 2)) << stored;
+    const int v = std::clamp(k * 3 / 2 - 1000, 0, 1999);
+    ASSERT_NEAR(shown.getBuffer()[i], voi[std::size_t(v)] * 255.0 / 65535, 0.51) << value;
+  }
+  EXPECT_GT(below, 0);
+  EXPECT_GT(above, 0);
+  EXPECT_NE(Bytes(shown.getBuffer(), shown.getBuffer() + shown.getBufferSize()),
+            Bytes(windowed.getBuffer(), windowed.getBuffer() + windowed.getBufferSize()));
+  if (have("dcmj2pnm")) {
+    ASSERT_EQ(run("dcmj2pnm +Wl 1 +op " + path + " " + path + ".pnm").rfind("failed", 0),
+              std::string::npos);
+    EXPECT_LE(largest_difference(Bytes(shown.getBuffer(), shown.getBuffer() + 48 * 64),
+                                 pnm_samples(path + ".pnm"), 1),
+              1);
+  }
+
+  // Descriptors that lie: data shorter than claimed (0 entries claims 65536), 12 bits.
+  const std::vector<std::pair<std::string, std::string>> lies = {
+      {lut(2700, 0, 16, words(modality).substr(0, 4000)),
+       "holds 2000 entries, its descriptor 2700"},
+      {lut(0, 0, 16, words(modality)), "holds 2700 entries, its descriptor 65536"},
+      {lut(2700, 0, 12, words(modality)), "has 12 bits per entry"},
+  };
+  for (const auto& [sequence, why] : lies) {
+    Native bad = ct;
+    bad.extra[0x00283000] = "SQ" + sequence;
+    ASSERT_TRUE(load(file, dir.write("bad.dcm", bad.bytes())));
+    DicomPixels lying(file);
+    ASSERT_TRUE(lying.is());
+    EXPECT_FALSE(lying.decode_values(0, values));
+    EXPECT_EQ(lying.get_error(), "the modality LUT " + why);
+    EXPECT_FALSE(lying.decode_display(0, shown));
+    bad.extra.erase(0x00283000);
+    bad.extra[0x00283010] = "SQ" + sequence;
+    ASSERT_TRUE(load(file, dir.write("bad.dcm", bad.bytes())));
+    DicomPixels voi_lying(file);
+    EXPECT_FALSE(voi_lying.decode_display(0, shown));
+    EXPECT_EQ(voi_lying.get_error(), "a VOI LUT " + why);
+    EXPECT_TRUE(voi_lying.decode_display(0, shown, 1)) << "the window still works";
+  }
 }
 
 // Series as volumes: slices found in a folder in any order come out sorted along the normal,
@@ -714,23 +895,6 @@ TEST(DicomVolume, OrdersSlicesAlongTheNormalAndChecksTheSeries) {
 // the frames by them, whatever order they are stored in.
 TEST(DicomVolume, OrdersFramesByTheirFunctionalGroupPositions) {
   TempDir dir;
-  auto element = [](unsigned group, unsigned number, const std::string& vr, std::string value) {
-    if (value.size() % 2) value += ' ';
-    std::string out{char(group & 0xFF), char(group >> 8), char(number & 0xFF), char(number >> 8)};
-    const std::uint32_t n = std::uint32_t(value.size());
-    if (vr == "SQ") {
-      out += "SQ" + std::string(2, '\0') +
-             std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
-    } else {
-      out += vr + std::string{char(n & 0xFF), char(n >> 8)};
-    }
-    return out + value;
-  };
-  auto item = [](const std::string& body) {
-    const std::uint32_t n = std::uint32_t(body.size());
-    return std::string("\xFE\xFF\x00\xE0", 4) +
-           std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + body;
-  };
   Native n = picture(16, 16, 1, 4);
   const double z[4] = {6, 0, 9, 3};  // stored out of order, 3 mm apart
   std::string frames;
@@ -766,3 +930,55 @@ TEST(DicomVolume, OrdersFramesByTheirFunctionalGroupPositions) {
 }
 
 }  // namespace
+
+// Slices decoded on several threads: the same bytes as on one, and the same failure, the first
+// in slice order, when frames in the middle of the series are damaged.
+TEST(DicomVolume, ThreadsChangeNeitherTheVoxelsNorTheReportedFailure) {
+  TempDir dir;
+  const fs::path folder = dir.path / "rle-series";
+  fs::create_directories(folder);
+  const int count = 13;
+  std::vector<std::string> names;
+  auto write = [&](int k, int damage) {
+    Native n = picture(8, 8, 1, 1);
+    for (auto& v : n.pixels)
+      v = std::uint8_t(v + 7 * k);
+    Bytes frame = rle_frame(n.pixels, 1);
+    if (damage == 1) frame[0] = 2;  // claims two segments
+    if (damage == 2) frame.resize(frame.size() / 2);
+    n.pixels = items({}, {frame});
+    n.encapsulated = true, n.syntax = kRle;
+    n.extra[0x0020000E] = "UI1.2.3.9";
+    const std::string z = std::to_string(2 * k);
+    n.extra[0x00200032] = "DS0\\0\\" + z + (z.size() % 2 ? " " : "");
+    n.extra[0x00200037] = "DS1\\0\\0\\0\\1\\0 ";
+    n.extra[0x00281053] = "DS2 ";
+    std::ofstream(folder / ("s" + std::to_string(k)), std::ios::binary) << n.bytes();
+  };
+  for (int k = 0; k < count; ++k)
+    write(k, 0);
+  auto read = [&](int threads, bool rescaled, std::string* error = nullptr) {
+    quib::DicomVolume volume;
+    volume.set_threads(threads);
+    const bool ok = volume.load(folder.wstring(), rescaled);
+    if (error) *error = volume.get_error();
+    EXPECT_EQ(ok, error == nullptr) << volume.get_error();
+    EXPECT_EQ(volume.get_threads(), threads);
+    return Bytes(volume.get_data(), volume.get_data() + volume.get_bytes());
+  };
+  for (bool rescaled : {false, true}) {
+    const Bytes one = read(1, rescaled);
+    ASSERT_EQ(one.size(), std::size_t(48 * 64 * count * (rescaled ? 4 : 1)));
+    EXPECT_EQ(read(3, rescaled), one);
+    EXPECT_EQ(read(32, rescaled), one);
+  }
+  write(6, 1);
+  write(9, 2);
+  std::string alone, shared;
+  read(1, false, &alone);
+  EXPECT_NE(alone.find("2 segments"), std::string::npos) << alone;
+  for (int threads : {2, 5, 32}) {
+    read(threads, false, &shared);
+    EXPECT_EQ(shared, alone);
+  }
+}

@@ -197,6 +197,27 @@ TEST(ContourTracer, SkipsRegionsAlreadyInTheGivenMask) {
   EXPECT_EQ(sorted(found[0]), frame(5, 5, 6, 6));
 }
 
+TEST(ContourTracer, CopiesTakenDuringASearchKeepTheMarksMadeSoFar) {
+  // Tall regions far apart: the own mask is made ready row by row as the search goes, and a
+  // copy taken in between must neither lose the marks made nor see unready rows.
+  cv::Mat image = cv::Mat::zeros(120, 30, CV_8UC1);
+  image(cv::Rect(2, 2, 5, 60)) = 9;
+  image(cv::Rect(10, 80, 4, 30)) = 9;
+  ContourTracer tracer(image);
+  EXPECT_EQ(cv::countNonZero(tracer.mask()), 0);
+  ContourTracer fresh(image);
+  Points contour;
+  cv::Point position(0, 0);
+  ASSERT_TRUE(fresh.search(contour, position, 0));
+  ContourTracer copy(fresh);
+  EXPECT_EQ(cv::countNonZero(copy.mask() == ContourTracer::F_MASK), 5 * 60);
+  ASSERT_TRUE(copy.search(contour, position, 0));
+  EXPECT_EQ(contour.front(), cv::Point(10, 80));
+  EXPECT_FALSE(fresh.search(contour, position, 0));
+  EXPECT_EQ(cv::countNonZero(fresh.mask() == ContourTracer::F_MASK), 5 * 60 + 4 * 30);
+  EXPECT_EQ(cv::countNonZero(fresh.mask()), 5 * 60 + 4 * 30);
+}
+
 TEST(ContourTracer, MatchesOpenCvOnRandomMasks) {
   // Thresholded noise gives thin spurs, diagonal links, holes and islands in holes.
   cv::RNG rng(20240611);

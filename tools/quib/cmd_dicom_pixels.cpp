@@ -5,12 +5,14 @@
 #include "cli.hpp"
 #include "commands.hpp"
 #include "image_io.hpp"
+#include "system/bytes.hpp"
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -31,9 +33,34 @@ bool endsWith(std::string const& s, std::string const& tail) {
   return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-void writeBytes(std::string const& path, unsigned char const* data, std::uint64_t size) {
+// Copies `size` bytes of host-order samples of sizeof(T) bytes each to little-endian order.
+template <class T>
+void to_little(unsigned char const* in, std::size_t size, unsigned char* out) {
+  for (std::size_t i = 0; i + sizeof(T) <= size; i += sizeof(T)) {
+    T v;
+    std::memcpy(&v, in + i, sizeof v);
+    detail::store_le(out + i, v);
+  }
+}
+
+// Writes samples of `sample_bytes` each (host order in memory) little-endian, whatever the host.
+void write_samples(std::string const& path, unsigned char const* data, std::uint64_t size,
+                   int sample_bytes) {
   std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<char const*>(data), std::streamsize(size));
+  if (detail::kHostLittle || sample_bytes == 1) {
+    out.write(reinterpret_cast<char const*>(data), std::streamsize(size));
+  } else {
+    std::vector<unsigned char> chunk(std::size_t(1) << 16);
+    for (std::uint64_t at = 0; at < size && out;) {
+      std::size_t const n = std::size_t(std::min<std::uint64_t>(chunk.size(), size - at));
+      if (sample_bytes == 2)
+        to_little<std::uint16_t>(data + at, n, chunk.data());
+      else
+        to_little<std::uint32_t>(data + at, n, chunk.data());
+      out.write(reinterpret_cast<char const*>(chunk.data()), std::streamsize(n));
+      at += n;
+    }
+  }
   if (!out) throw Failure(path, "cannot be written");
 }
 
@@ -84,7 +111,7 @@ void pixels(Context& ctx, PixelsOptions const& o) {
     if (!cv::imwrite(o.out, values)) throw Failure(o.out, "cannot be written");
     return;
   }
-  writeBytes(o.out, frame.getBuffer(), frame.getBufferSize());  // host order: little-endian here
+  write_samples(o.out, frame.getBuffer(), frame.getBufferSize(), module.get_sample_bytes());
 }
 
 struct VolumeOptions {
@@ -106,7 +133,7 @@ void volume(Context& ctx, VolumeOptions const& o) {
     ok = v.load(files, o.rescaled);
   }
   if (!ok) throw Failure(o.paths.front(), v.get_error());
-  if (!o.out.empty()) writeBytes(o.out, v.get_data(), v.get_bytes());
+  if (!o.out.empty()) write_samples(o.out, v.get_data(), v.get_bytes(), v.get_sample_bytes());
   if (!o.png.empty()) {
     makeDirectory(o.png);
     const int w = v.get_width(), h = v.get_height(), channels = v.get_samples();
@@ -153,10 +180,11 @@ void add_dicom_pixels_command(CLI::App& quib, Context& ctx) {
       "decode one frame of a DICOM file\n\n"
       "Decodes frame K of a DICOM file in any transfer syntax the library reads (native, RLE, "
       "JPEG, JPEG-LS, JPEG 2000). --json prints the pixel module as decoded; --out OUT.raw "
-      "writes the frame's samples interleaved per pixel, little-endian, one Bits Allocated "
-      "container each (1-bit data as one byte 0 or 1), as stored (no rescale, no window); "
-      "--out OUT.png writes a picture through the file's first window (or the frame's range), "
-      "or with --raw-values the samples as 16-bit grey.");
+      "writes the frame's samples interleaved per pixel, little-endian on every machine, one "
+      "Bits Allocated container each (1-bit data as one byte 0 or 1), as stored (no rescale, "
+      "no window); --out OUT.png writes a picture through the file's first VOI LUT, else its "
+      "first window, else the frame's range (after the modality LUT or rescale), or with "
+      "--raw-values the samples as 16-bit grey.");
   cmd.add_option("FILE", p->file, "the DICOM file; '-' reads standard input")->required();
   cmd.add_option("--frame", p->frame, "the frame to decode, from 0")->check(CLI::NonNegativeNumber);
   cmd.add_option("--out", p->out, "where to write the frame: a .raw or a .png file");
@@ -170,8 +198,9 @@ void add_dicom_pixels_command(CLI::App& quib, Context& ctx) {
       "read a DICOM series into a 3-D volume\n\n"
       "Reads the images of a folder (or the files given), keeps the largest series, orders its "
       "slices along their normal and checks that they share size, orientation and pixel format "
-      "and lie evenly spaced. --out writes the samples (x fastest, then y, then slices, "
-      "little-endian); the size, spacing, origin, direction and sample type are printed.");
+      "and lie evenly spaced, decoding slices on every core. --out writes the samples (x "
+      "fastest, then y, then slices, little-endian on every machine); the size, spacing, origin, "
+      "direction and sample type are printed.");
   vol.add_option("PATHS", v->paths, "a folder, or the files of the series")->required();
   vol.add_option("--out", v->out, "where to write the volume's samples (.raw)");
   vol.add_option("--png", v->png, "a folder for the slices as pictures (each slice's range)");
