@@ -107,6 +107,26 @@ void BM_FitInfo(benchmark::State& state) {
   per_point(state, pts.size());
 }
 
+// The fit with its statistics through the pointer form, as a binding over a NumPy array calls
+// it: beside BM_FitInfo, the cost of the vector form's forwarding (none expected).
+template <class Fit>
+void BM_FitInfoPointer(benchmark::State& state) {
+  const typename Fit::points_type* source;
+  if constexpr (std::is_same_v<typename Fit::points_type, std::vector<P2>>) {
+    source = &points2();
+  } else {
+    source = &points3();
+  }
+  const auto& pts = *source;
+  Fit fit;
+  quib::FitInfo info;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(fit.calculate(pts.data(), pts.size(), info));
+    benchmark::DoNotOptimize(info);
+  }
+  per_point(state, pts.size());
+}
+
 // The limit: the same moments with plain sums (the terms are those of the fits).
 template <std::size_t K, class Points, class Terms>
 void plain_moments(benchmark::State& state, const Points& pts, Terms terms) {
@@ -177,6 +197,7 @@ void BM_CvFitLine(benchmark::State& state) {
 QUIB_FIT_BENCH(quib::LeastSquaresLine, BM_PlainSums_Line);
 BENCHMARK(BM_CvFitLine)->Unit(benchmark::kMillisecond);
 QUIB_FIT_BENCH(quib::LeastSquaresCircle, BM_PlainSums_Circle);
+BENCHMARK_TEMPLATE(BM_FitInfoPointer, quib::LeastSquaresCircle)->Unit(benchmark::kMillisecond);
 QUIB_FIT_BENCH(quib::LeastSquaresPlane, BM_PlainSums_Plane);
 QUIB_FIT_BENCH(quib::LeastSquaresSphere, BM_PlainSums_Sphere);
 

@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
               pixels.get_rows(), pixels.get_samples(), pixels.get_bits_allocated(),
               pixels.get_frame_photometric().c_str(), pixels.get_frames());
 
-  // Real values (Hounsfield units for CT) and a picture through the file's first window.
+  // Real values (Hounsfield units for CT) and a picture through the file's first VOI LUT or window.
   quib::Image values, picture;
   if (pixels.get_samples() == 1 && pixels.decode_values(0, values)) {
     const float centre = reinterpret_cast<const float*>(

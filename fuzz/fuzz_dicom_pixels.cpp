@@ -2,7 +2,9 @@
 // pixel module's attributes (small sizes, so that runs stay fast); the rest is the Pixel Data
 // value. They are written as a DICOM file and read back with the standard reading. Encapsulated
 // data that does not start with an item is wrapped as one fragment after an empty offset table, so
-// that every codec sees the bytes. Every frame is decoded, raw and for display.
+// that every codec sees the bytes. The same bytes may also serve as palettes (plain or
+// segmented) and as modality and VOI lookup tables. Every frame is decoded, raw, for display
+// and as real values.
 #include <quib/dicom_image.hpp>
 
 #include <cstddef>
@@ -30,7 +32,7 @@ struct Writer {
     if (value.size() % 2) value += vr == "UI" ? '\0' : ' ';
     u16(group), u16(number);
     bytes += vr;
-    if (vr == "OB" || vr == "OW" || vr == "OV") {
+    if (vr == "OB" || vr == "OW" || vr == "OV" || vr == "SQ") {
       u16(0), u32(std::uint32_t(value.size()));
     } else {
       u16(unsigned(value.size()));
@@ -40,6 +42,20 @@ struct Writer {
   std::string us(unsigned v) {
     const char lo = char(v & 0xFF), hi = char((v >> 8) & 0xFF);
     return little ? std::string{lo, hi} : std::string{hi, lo};
+  }
+  // A sequence item holding a LUT Descriptor (the first 6 bytes of `from`) and LUT Data (the
+  // rest).
+  std::string lut_item(std::string const& from) const {
+    Writer item;
+    item.little = little, item.bytes.clear();
+    std::string descriptor = from.substr(0, 6);
+    descriptor.resize(6, '\0');
+    item.put(0x0028, 0x3002, "US", descriptor);
+    item.put(0x0028, 0x3006, "OW", from.size() > 6 ? from.substr(6) : std::string());
+    Writer header;
+    header.little = little, header.bytes.clear();
+    header.u16(0xFFFE), header.u16(0xE000), header.u32(std::uint32_t(item.bytes.size()));
+    return header.bytes + item.bytes;
   }
 };
 
@@ -80,6 +96,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     w.put(0x0028, 0x1202, "OW", rest);
     w.put(0x0028, 0x1203, "OW", rest);
   }
+  if (data[9] & 8) {  // segmented palettes: the same bytes as segments of each table
+    if (!(data[9] & 4)) {
+      const unsigned entries = data[11] & 1 ? 0 : 1u + data[10];
+      w.put(0x0028, 0x1101, "US", w.us(entries) + w.us(0) + w.us(16));
+      w.put(0x0028, 0x1102, "US", w.us(entries) + w.us(0) + w.us(8));
+      w.put(0x0028, 0x1103, "US", w.us(entries) + w.us(0) + w.us(16));
+    }
+    w.put(0x0028, 0x1221, "OW", rest);
+    w.put(0x0028, 0x1222, "OW", rest.substr(rest.size() / 2));
+    w.put(0x0028, 0x1223, "OW", rest);
+  }
+  if (data[9] & 16) w.put(0x0028, 0x3000, "SQ", w.lut_item(rest));  // a modality LUT
+  if (data[9] & 32)                                                 // two VOI LUTs
+    w.put(0x0028, 0x3010, "SQ", w.lut_item(rest) + w.lut_item(rest.substr(rest.size() / 2)));
   if (data[10] & 1) {  // an Extended Offset Table from the next bytes
     w.put(0x7FE0, 0x0001, "OV", rest.substr(0, 16));
     if (data[10] & 2) w.put(0x7FE0, 0x0002, "OV", rest.substr(0, 16));
@@ -109,7 +139,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool ok = module.decode(k, frame.data(), frame.size());
     if (!ok && module.get_error().empty()) __builtin_trap();
     quib::Image display;
-    if (ok && k == 0) module.decode_display(0, display, data[11] % 3 - 1);
+    if (ok && k == 0) {
+      module.decode_display(0, display, data[11] % 4 - 1);
+      module.decode_values(0, display);
+    }
   }
   return 0;
 }

@@ -329,6 +329,7 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
     std::vector<unsigned char> scratch;
   };
   auto open_file = [](reader_t& reader, slice_t const& s, std::string& reason) {
+    reader.open = nullptr;  // until the new file is loaded and checked
     if (!load_file(reader.file, s.path)) {
       reason = "a file of the series can no longer be read";
       return false;

@@ -127,6 +127,236 @@ class PointGroups {
   std::vector<std::int32_t> parent_;
 };
 
+// The sums over the triangles' geometry, about a reference point (the first corner of the
+// first finite triangle), in double: twice the area, 6 x the volume, 24 x the first moment and
+// 120 x the second moments xx, yy, zz, xy, xz, yz (the tetrahedra from the reference over every
+// triangle, signed by its orientation), and the box of the finite corners.
+struct Sums {
+  bool measured = false;  // a finite triangle was found
+  Vector reference = Vector::Zero();
+  double area2 = 0, volume6 = 0;
+  Vector moment1 = Vector::Zero();
+  double second[6] = {0, 0, 0, 0, 0, 0};
+  Vector low = Vector::Constant(std::numeric_limits<double>::infinity());
+  Vector high = Vector::Constant(-std::numeric_limits<double>::infinity());
+  std::int64_t non_finite = 0;
+  std::int64_t degenerate = 0;
+};
+
+// The geometry is written once over a point type V with the operations below, and built for
+// two: three doubles (scalar code, any processor) and a vector of four doubles (x, y, z, 0)
+// that AVX2 holds in one register. Both do the same operations in the same order.
+struct Triple {
+  double v[3];
+  double operator[](int i) const { return v[i]; }
+};
+inline Triple operator+(Triple const& a, Triple const& b) {
+  return {{a[0] + b[0], a[1] + b[1], a[2] + b[2]}};
+}
+inline Triple operator-(Triple const& a, Triple const& b) {
+  return {{a[0] - b[0], a[1] - b[1], a[2] - b[2]}};
+}
+inline Triple operator-(Triple const& a) {
+  return {{-a[0], -a[1], -a[2]}};
+}
+inline Triple operator*(double s, Triple const& a) {
+  return {{s * a[0], s * a[1], s * a[2]}};
+}
+inline Triple& operator+=(Triple& a, Triple const& b) {
+  return a = a + b;
+}
+inline Triple widen(Stl::Point const& p, Triple const*) {
+  return {{double(p[0]), double(p[1]), double(p[2])}};
+}
+inline Triple mul(Triple const& a, Triple const& b) {
+  return {{a[0] * b[0], a[1] * b[1], a[2] * b[2]}};
+}
+inline Triple lower(Triple const& a, Triple const& b) {
+  return {{a[0] < b[0] ? a[0] : b[0], a[1] < b[1] ? a[1] : b[1], a[2] < b[2] ? a[2] : b[2]}};
+}
+inline Triple upper(Triple const& a, Triple const& b) {
+  return {{a[0] > b[0] ? a[0] : b[0], a[1] > b[1] ? a[1] : b[1], a[2] > b[2] ? a[2] : b[2]}};
+}
+// (y, z, x).
+inline Triple turn(Triple const& a) {
+  return {{a[1], a[2], a[0]}};
+}
+
+typedef double v4d __attribute__((vector_size(32)));
+typedef long long v4i __attribute__((vector_size(32)));
+// These vectors pass only between inline functions of this file, built into one pass each,
+// never across an interface whose ABI could change with the instruction set.
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wpsabi"
+#elif defined(__GNUC__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
+inline v4d widen(Stl::Point const& p, v4d const*) {
+  return v4d{double(p[0]), double(p[1]), double(p[2]), 0.0};
+}
+inline v4d mul(v4d a, v4d b) {
+  return a * b;
+}
+inline v4d lower(v4d a, v4d b) {
+  return reinterpret_cast<v4d>((reinterpret_cast<v4i>(a) & (a < b)) |
+                               (reinterpret_cast<v4i>(b) & ~(a < b)));
+}
+inline v4d upper(v4d a, v4d b) {
+  return reinterpret_cast<v4d>((reinterpret_cast<v4i>(a) & (a > b)) |
+                               (reinterpret_cast<v4i>(b) & ~(a > b)));
+}
+// (y, z, x, 0).
+inline v4d turn(v4d v) {
+#if defined(__clang__)
+  return __builtin_shufflevector(v, v, 1, 2, 0, 3);
+#else
+  return __builtin_shuffle(v, v4i{1, 2, 0, 3});
+#endif
+}
+
+template <class V>
+V cross(V const& a, V const& b) {
+  const V c = mul(a, turn(b)) - mul(turn(a), b);  // (x·y' - y·x', y·z' - z·y', z·x' - x·z')
+  return turn(c);
+}
+template <class V>
+double dot(V const& a, V const& b) {
+  const V p = mul(a, b);
+  return (p[0] + p[1]) + p[2];
+}
+template <class V>
+bool finite(V const& v) {
+  return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]);
+}
+
+// The geometric sums, one triangle at a time.
+template <class V>
+class Geometry {
+ public:
+  void add(Stl::Point const& point_a, Stl::Point const& point_b, Stl::Point const& point_c) {
+    const V pa = widen(point_a, nullptr_), pb = widen(point_b, nullptr_),
+            pc = widen(point_c, nullptr_);
+    if (!(finite(pa) && finite(pb) && finite(pc))) {
+      ++non_finite_;
+      return;
+    }
+    if (!measured_) {
+      r_ = pa;
+      measured_ = true;
+    }
+    const V a = pa - r_, b = pb - r_, c = pc - r_;
+    low_ = lower(lower(lower(low_, a), b), c);
+    high_ = upper(upper(upper(high_, a), b), c);
+    const V n = cross<V>(b - a, c - a);
+    double const twice_area = std::sqrt(dot(n, n));
+    degenerate_ += twice_area == 0;
+    area2_ += twice_area;
+    double const det = dot(a, cross(b, c));
+    volume6_ += det;
+    const V s = a + b + c;
+    moment1_ += det * s;
+    diagonal_ += det * (mul(a, a) + mul(b, b) + mul(c, c) + mul(s, s));
+    across_ += det * (mul(a, turn(a)) + mul(b, turn(b)) + mul(c, turn(c)) + mul(s, turn(s)));
+  }
+
+  void finish(Sums& out) const {
+    out.measured = measured_;
+    out.reference = Vector(r_[0], r_[1], r_[2]);
+    out.area2 = area2_;
+    out.volume6 = volume6_;
+    out.moment1 = Vector(moment1_[0], moment1_[1], moment1_[2]);
+    double const second[6] = {diagonal_[0], diagonal_[1], diagonal_[2],
+                              across_[0],   across_[2],   across_[1]};
+    std::copy(second, second + 6, out.second);
+    out.low = Vector(low_[0], low_[1], low_[2]);
+    out.high = Vector(high_[0], high_[1], high_[2]);
+    out.non_finite = non_finite_;
+    out.degenerate = degenerate_;
+  }
+
+ private:
+  static constexpr double kInf = std::numeric_limits<double>::infinity();
+  static constexpr V const* nullptr_ = nullptr;
+  bool measured_ = false;
+  V r_ = widen(Stl::Point::Zero(), nullptr_);
+  double area2_ = 0, volume6_ = 0;
+  V moment1_ = r_, diagonal_ = r_, across_ = r_;  // (xx, yy, zz), (xy, yz, zx)
+  V low_ = widen(Stl::Point::Constant(std::numeric_limits<float>::infinity()), nullptr_);
+  V high_ = -low_;
+  std::int64_t non_finite_ = 0, degenerate_ = 0;
+};
+
+// What the first pass finds besides the edges and parts.
+struct FirstPass {
+  std::int64_t other_polygons = 0;
+  std::int64_t invalid_polygons = 0;
+  Sums sums;
+};
+
+// The one pass over the polygons: the corners of the measured triangles into `corners`, their
+// edge runs counted, their points joined, their geometry summed (with points of type V).
+template <class V>
+void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
+                EdgeBuckets& edge_runs, PointGroups& groups, std::vector<std::uint32_t>& corners,
+                FirstPass& out) {
+  const std::size_t point_count = points.size();
+  // Indices fit in 32 bits; a polygon naming anything else is invalid.
+  auto const valid = [&](Stl::Polygon const& p) {
+    return p.size() >= 3 && p[0] >= 0 && p[1] >= 0 && p[2] >= 0 &&
+           static_cast<std::size_t>(p[0]) < point_count &&
+           static_cast<std::size_t>(p[1]) < point_count &&
+           static_cast<std::size_t>(p[2]) < point_count;
+  };
+  corners.resize(3 * polygons.size());
+  std::uint32_t* corner = corners.data();
+  std::int64_t others = 0, invalid = 0;
+  Geometry<V> geometry;
+  Stl::Point const* at = points.data();
+  for (Stl::Polygon const& p : polygons) {
+    others += p.size() != 3;
+    if (!valid(p)) {
+      ++invalid;
+      continue;
+    }
+    const std::uint32_t i[3] = {std::uint32_t(p[0]), std::uint32_t(p[1]), std::uint32_t(p[2])};
+    for (int k = 0; k < 3; ++k) {
+      const std::uint32_t from = i[k], to = i[(k + 1) % 3];
+      if (from != to) edge_runs.count(from, to);
+      corner[k] = i[k];
+    }
+    corner += 3;
+    groups.join(std::int32_t(i[0]), std::int32_t(i[1]));
+    groups.join(std::int32_t(i[0]), std::int32_t(i[2]));
+    geometry.add(at[i[0]], at[i[1]], at[i[2]]);
+  }
+  corners.resize(static_cast<std::size_t>(corner - corners.data()));
+  out.other_polygons = others;
+  out.invalid_polygons = invalid;
+  geometry.finish(out.sums);
+}
+
+// The pass for processors with AVX2, which hold a point in one register; everything it calls
+// is built into it with AVX2 (flatten).
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("avx2"), flatten)) void first_pass_avx2(
+    std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
+    EdgeBuckets& edge_runs, PointGroups& groups, std::vector<std::uint32_t>& corners,
+    FirstPass& out) {
+  first_pass<v4d>(points, polygons, edge_runs, groups, corners, out);
+}
+#endif
+
+void run_first_pass(std::vector<Stl::Point> const& points,
+                    std::vector<Stl::Polygon> const& polygons, EdgeBuckets& edge_runs,
+                    PointGroups& groups, std::vector<std::uint32_t>& corners, FirstPass& out) {
+#if defined(__x86_64__) && defined(__GNUC__)
+  static bool const avx2 = __builtin_cpu_supports("avx2");
+  if (avx2) return first_pass_avx2(points, polygons, edge_runs, groups, corners, out);
+#endif
+  first_pass<Triple>(points, polygons, edge_runs, groups, corners, out);
+}
+
 }  // namespace
 
 MeshMeasures::MeshMeasures() {
@@ -140,75 +370,17 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   clear();
   polygons = static_cast<std::int64_t>(polygons_in.size());
   const std::size_t point_count = points.size();
-  // Indices fit in 32 bits; a polygon naming anything else is invalid.
-  auto const valid = [&](Stl::Polygon const& p) {
-    return p.size() >= 3 && p[0] >= 0 && p[1] >= 0 && p[2] >= 0 &&
-           static_cast<std::size_t>(p[0]) < point_count &&
-           static_cast<std::size_t>(p[1]) < point_count &&
-           static_cast<std::size_t>(p[2]) < point_count;
-  };
   EdgeBuckets edge_runs(point_count);
   PointGroups groups(point_count);
-  std::vector<std::uint32_t> corners;  // of the measured triangles, for the second pass
+  // The corners of the measured triangles, for the pass over the edges.
+  std::vector<std::uint32_t> corners;
   corners.reserve(3 * polygons_in.size());
   detail::advise_huge_pages(corners.data(), corners.capacity() * sizeof(std::uint32_t));
-
-  // Sums about a reference corner r, in double: 6 x volume, 24 x the first moment, 120 x the
-  // second moments (the tetrahedra from r over every triangle, signed by its orientation).
-  bool have_reference = false;
-  Vector r = Vector::Zero();
-  double area2 = 0, volume6 = 0;
-  Vector moment1 = Vector::Zero();
-  double xx = 0, yy = 0, zz = 0, xy = 0, xz = 0, yz = 0;
-  Vector low = Vector::Constant(std::numeric_limits<double>::infinity());
-  Vector high = -low;
-
-  const std::size_t count = polygons_in.size();
-  for (std::size_t t = 0; t < count; ++t) {
-    Stl::Polygon const& p = polygons_in[t];
-    if (p.size() != 3) ++other_polygons;
-    if (!valid(p)) {
-      ++invalid_polygons;
-      continue;
-    }
-    ++triangles;
-    const std::int32_t i[3] = {p[0], p[1], p[2]};
-    for (int k = 0; k < 3; ++k) {
-      const std::int32_t from = i[k], to = i[(k + 1) % 3];
-      if (from != to) edge_runs.count(std::uint32_t(from), std::uint32_t(to));
-    }
-    corners.insert(corners.end(), {std::uint32_t(i[0]), std::uint32_t(i[1]), std::uint32_t(i[2])});
-    groups.join(i[0], i[1]);
-    groups.join(i[0], i[2]);
-
-    Stl::Point const& a = points[std::size_t(i[0])];
-    Stl::Point const& b = points[std::size_t(i[1])];
-    Stl::Point const& c = points[std::size_t(i[2])];
-    if (!(a.allFinite() && b.allFinite() && c.allFinite())) {
-      ++non_finite_triangles;
-      continue;
-    }
-    if (!have_reference) {
-      r = a.cast<double>();
-      have_reference = true;
-    }
-    const Vector p0 = a.cast<double>() - r, p1 = b.cast<double>() - r, p2 = c.cast<double>() - r;
-    low = low.cwiseMin(p0).cwiseMin(p1).cwiseMin(p2);
-    high = high.cwiseMax(p0).cwiseMax(p1).cwiseMax(p2);
-    const Vector n = (p1 - p0).cross(p2 - p0);
-    double const twice_area = n.norm();
-    if (twice_area == 0) ++degenerate_triangles;
-    area2 += twice_area;
-    double const det = p0.dot(p1.cross(p2));
-    volume6 += det;
-    const Vector s = p0 + p1 + p2;
-    moment1 += det * s;
-    auto const second = [&](int u, int v) {
-      return det * (p0[u] * p0[v] + p1[u] * p1[v] + p2[u] * p2[v] + s[u] * s[v]);
-    };
-    xx += second(0, 0), yy += second(1, 1), zz += second(2, 2);
-    xy += second(0, 1), xz += second(0, 2), yz += second(1, 2);
-  }
+  FirstPass first;
+  run_first_pass(points, polygons_in, edge_runs, groups, corners, first);
+  other_polygons = first.other_polygons;
+  invalid_polygons = first.invalid_polygons;
+  triangles = static_cast<std::int64_t>(corners.size() / 3);
 
   edge_runs.allocate();
   for (std::size_t c = 0; c < corners.size(); c += 3)
@@ -226,19 +398,25 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   parts = groups.count();
   closed = triangles > 0 && boundary_edges == 0 && non_manifold_edges == 0 && edges > 0;
   oriented = triangles > 0 && inconsistent_edges == 0;
-  solid = closed && oriented && invalid_polygons == 0 && non_finite_triangles == 0;
-  if (!have_reference) return;  // nothing finite measured: the numbers stay NaN
 
-  area = area2 / 2;
-  volume = volume6 / 6;
-  box_min = low + r;
-  box_max = high + r;
-  if (volume6 == 0) return;                  // no centre and no inertia of nothing
-  const Vector d = moment1 / (4 * volume6);  // centroid - r
+  Sums const& sums = first.sums;
+  non_finite_triangles = sums.non_finite;
+  degenerate_triangles = sums.degenerate;
+  solid = closed && oriented && invalid_polygons == 0 && non_finite_triangles == 0;
+  if (!sums.measured) return;  // nothing finite measured: the numbers stay NaN
+
+  Vector const& r = sums.reference;
+  area = sums.area2 / 2;
+  volume = sums.volume6 / 6;
+  box_min = sums.low + r;
+  box_max = sums.high + r;
+  if (sums.volume6 == 0) return;                       // no centre and no inertia of nothing
+  const Vector d = sums.moment1 / (4 * sums.volume6);  // centroid - r
   centroid = r + d;
   // Second moments about r, then about the centroid (parallel axes).
+  double const* m = sums.second;
   Matrix j;
-  j << xx, xy, xz, xy, yy, yz, xz, yz, zz;
+  j << m[0], m[3], m[4], m[3], m[1], m[5], m[4], m[5], m[2];
   j = j / 120 - volume * d * d.transpose();
   inertia = j.trace() * Matrix::Identity() - j;
 }

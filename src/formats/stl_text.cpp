@@ -6,6 +6,7 @@
 #include <fast_float/fast_float.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -73,6 +74,93 @@ QUIB_STL_INLINE bool plain_decimal_at(char const* p, char const* end) {
   return unsigned(*p - '0') < 10 || *p == '.';
 }
 
+// Appends the decimal digits at p to `mantissa` (which may wrap when there are more than 19;
+// the caller then refuses the number) and returns the end of the digits. Eight bytes at a time
+// where they can be loaded, which spares a mispredicted branch per number.
+QUIB_STL_INLINE char const* read_digits(char const* p, char const* const end,
+                                        std::uint64_t& mantissa) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  while (end - p >= 8) {
+    std::uint64_t chunk;
+    std::memcpy(&chunk, p, 8);  // first character in the lowest byte
+    // High bit of a byte set when it is not '0'..'9'. Digits neither borrow nor carry, so the
+    // lowest flagged byte is exactly the first non-digit.
+    const std::uint64_t flags =
+        ((chunk + 0x4646464646464646ull) | (chunk - 0x3030303030303030ull)) & 0x8080808080808080ull;
+    int const n = flags ? __builtin_ctzll(flags) / 8 : 8;
+    if (n == 0) return p;
+    // The n digits to the top bytes, zeros (leading digits) below, then the usual 8-digit SWAR.
+    std::uint64_t d = (chunk - 0x3030303030303030ull) << (8 * (8 - n));
+    d = (d * 10) + (d >> 8);
+    d = (((d & 0x000000FF000000FFull) * (100 + (1000000ull << 32))) +
+         (((d >> 16) & 0x000000FF000000FFull) * (1 + (10000ull << 32)))) >>
+        32;
+    static constexpr std::uint64_t kScale[] = {1,      10,      100,      1000,     10000,
+                                               100000, 1000000, 10000000, 100000000};
+    mantissa = mantissa * kScale[n] + d;
+    p += n;
+    if (n < 8) return p;
+  }
+#endif
+  while (p != end && unsigned(*p - '0') < 10)
+    mantissa = mantissa * 10 + unsigned(*p++ - '0');
+  return p;
+}
+
+// The short decimal forms that writers of STL produce ("-ddd.ddd", "d.dddddde-dd"): at most
+// 19 significant digits and a power of ten within 1e-22..1e22, so that mantissa and power are
+// exact doubles and one IEEE multiplication or division rounds correctly. Returns nullptr for
+// anything else (hexadecimal, a plus sign, long or large numbers), else the end of the number.
+QUIB_STL_INLINE char const* read_short_decimal(char const* p, char const* end, double& value) {
+  bool const negative = p != end && *p == '-';
+  if (negative) ++p;
+  if (end - p >= 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) return nullptr;
+  std::uint64_t mantissa = 0;
+  char const* const start = p;
+  p = read_digits(p, end, mantissa);
+  int digits = static_cast<int>(p - start);
+  int exponent = 0;
+  if (p != end && *p == '.') {
+    char const* const fraction = ++p;
+    p = read_digits(p, end, mantissa);
+    exponent = -static_cast<int>(p - fraction);
+    digits -= exponent;
+  }
+  if (digits == 0 || digits > 19) return nullptr;
+  if (p != end && (*p == 'e' || *p == 'E')) {
+    char const* q = p + 1;
+    bool const minus = q != end && *q == '-';
+    if (q != end && (*q == '-' || *q == '+')) ++q;
+    if (q != end && unsigned(*q - '0') < 10) {
+      int e = 0;
+      for (; q != end && unsigned(*q - '0') < 10; ++q) {
+        if (e > 10000) return nullptr;
+        e = e * 10 + (*q - '0');
+      }
+      exponent += minus ? -e : e;
+      p = q;
+    }  // else "1e" or "1e+": the number ends before the 'e'
+  }
+  static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                       1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                       1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  if (mantissa > (std::uint64_t{1} << 53) || exponent < -22 || exponent > 22) return nullptr;
+  double const v = static_cast<double>(mantissa);
+  value = exponent < 0 ? v / kPowers[-exponent] : v * kPowers[exponent];
+  if (negative) value = -value;
+  return p;
+}
+
+// The decimal number at p, for a field that plain_decimal_at admits: the short forms
+// directly, others through fast_float; both round correctly. Anything else is refused
+// (ec is set) for the caller to read its own way.
+QUIB_STL_INLINE fast_float::from_chars_result read_decimal(char const* p, char const* end,
+                                                           double& value) {
+  if (char const* e = read_short_decimal(p, end, value)) return {e, std::errc()};
+  if (!plain_decimal_at(p, end)) return {p, std::errc::invalid_argument};
+  return fast_float::from_chars(p, end, value);
+}
+
 // The characters that end a field or need a closer look when fields are scanned: blanks, the
 // quote and the line ends.
 constexpr auto kFieldStop = [] {
@@ -82,33 +170,37 @@ constexpr auto kFieldStop = [] {
   return stop;
 }();
 
-// A line without any of 'v', 's', 'f' and '"' before its '\n' holds nothing the text reader
-// uses ('f' for the facets, which are only counted).
+// A line without any of 'v', 's' and '"' before its '\n' holds nothing the text reader reads
+// ("facet" fields, which start with 'f', are only counted).
 constexpr auto kLineMatters = [] {
   std::array<bool, 256> matters{};
-  for (unsigned char c : {'v', 's', 'f', '"', '\n'})
+  for (unsigned char c : {'v', 's', '"', '\n'})
     matters[c] = true;
   return matters;
 }();
 
-// The first of 'v', 's', 'f', '"' and '\n' at or after p, or end; 16 bytes at a time where
-// SSE2 is there.
-char const* find_line_matter(char const* p, char const* const end) {
+// The first of 'v', 's', '"' and '\n' at or after p, or end; 16 bytes at a time where SSE2 is
+// there. Calls `on_f(c)` for every 'f' before it, without leaving the scan.
+template <class OnF>
+QUIB_STL_INLINE char const* find_line_matter(char const* p, char const* const end, OnF on_f) {
 #if defined(__SSE2__)
   const __m128i v = _mm_set1_epi8('v'), s = _mm_set1_epi8('s');
   const __m128i quote = _mm_set1_epi8('"'), nl = _mm_set1_epi8('\n'), f = _mm_set1_epi8('f');
   for (; end - p >= 16; p += 16) {
     const __m128i chunk = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
-    const __m128i hit = _mm_or_si128(
+    const __m128i hit =
         _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, v), _mm_cmpeq_epi8(chunk, s)),
-                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl))),
-        _mm_cmpeq_epi8(chunk, f));
-    int const mask = _mm_movemask_epi8(hit);
-    if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
+                     _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, nl)));
+    auto const stops = static_cast<unsigned>(_mm_movemask_epi8(hit));
+    auto fs = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, f)));
+    if (stops != 0) fs &= (stops & -stops) - 1;  // the f's before the first stop
+    for (; fs != 0; fs &= fs - 1)
+      on_f(p + __builtin_ctz(fs));
+    if (stops != 0) return p + __builtin_ctz(stops);
   }
 #endif
-  while (p != end && !kLineMatters[static_cast<unsigned char>(*p)])
-    ++p;
+  for (; p != end && !kLineMatters[static_cast<unsigned char>(*p)]; ++p)
+    if (*p == 'f') on_f(p);
   return p;
 }
 
@@ -178,12 +270,11 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
   auto const field_ends_at = [&](char const* c) {
     return c == end || is_blank(*c) || *c == '\n' || (*c == '\r' && cr_ends_line(c));
   };
-  char const* q = find_line_matter(p, end);
-  for (; q != end && *q == 'f'; q = find_line_matter(q + 1, end)) {
-    if ((q == p || is_blank(q[-1])) && end - q >= 5 && std::memcmp(q, "facet", 5) == 0 &&
-        field_ends_at(q + 5))
+  char const* const q = find_line_matter(p, end, [&](char const* c) {
+    if ((c == p || is_blank(c[-1])) && end - c >= 5 && std::memcmp(c, "facet", 5) == 0 &&
+        field_ends_at(c + 5))
       line.facet = true;
-  }
+  });
   if (q == end) return end;
   if (*q == '\n') return q + 1;
   // The usual vertex line: "vertex" is the first field that can matter. Nothing before q on
@@ -209,9 +300,9 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     if (p == end) return end;
     if (*p == '\n') return p + 1;
     if (*p == '\r' && cr_ends_line(p)) return p + 1 == end ? end : p + 2;
-    if (line.kind == TextLine::vertex_line && plain_decimal_at(p, end)) {
+    if (line.kind == TextLine::vertex_line) {
       double v;
-      auto const r = fast_float::from_chars(p, end, v);
+      auto const r = read_decimal(p, end, v);
       char const* const e = r.ptr;
       if (r.ec == std::errc() && field_ends_at(e)) {
         line.xyz[line.have++] = v;
@@ -240,7 +331,7 @@ double parse_stl_number(std::string_view field) {
   char const* const end = p + field.size();
   double v = 0;
   if (plain_decimal_at(p, end)) {
-    auto const r = fast_float::from_chars(p, end, v);
+    auto const r = read_decimal(p, end, v);
     return r.ec == std::errc() ? v : 0.0;
   }
   if (field.empty()) return 0.0;

@@ -30,7 +30,7 @@ using kernel_type = void (*)(Moments&, MomentRequest const&);
 kernel_type pick_kernel() {
 #if QUIB_HAVE_AVX2_KERNEL
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx2")) return &moments_avx2::sum;
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &moments_avx2::sum;
 #endif
   return &moments_base::sum;
 }

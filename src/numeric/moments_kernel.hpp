@@ -13,6 +13,10 @@
 #include <limits>
 #include <vector>
 
+#if defined(__FMA__)
+#include <immintrin.h>
+#endif
+
 // The lane vectors pass between inline functions of this file only, never across an interface
 // whose ABI could change with the instruction set.
 #if defined(__GNUC__) && !defined(__clang__)
@@ -45,11 +49,40 @@ inline v4i finite(v4d v) {
   return reinterpret_cast<v4i>((v - v) == splat(0.0));
 }
 
+// a + b and a - b. Where the processor has fused multiply-adds they run as fma(b, ±1, a):
+// that rounds exactly as the sum does, and some processors (AMD Zen) have separate units for
+// sums and for multiply-adds, so half of the sums of a Kahan step no longer queue for the
+// adders. The empty asm hides the ±1 from the compiler, which would otherwise turn the
+// multiply-add back into a sum.
+#if defined(__FMA__)
+inline v4d opaque(v4d v) {
+  asm("" : "+x"(v));
+  return v;
+}
+inline v4d fused_add(v4d a, v4d b) {
+  return reinterpret_cast<v4d>(_mm256_fmadd_pd(reinterpret_cast<__m256d>(b),
+                                               reinterpret_cast<__m256d>(opaque(splat(1.0))),
+                                               reinterpret_cast<__m256d>(a)));
+}
+inline v4d fused_sub(v4d a, v4d b) {
+  return reinterpret_cast<v4d>(_mm256_fmadd_pd(reinterpret_cast<__m256d>(b),
+                                               reinterpret_cast<__m256d>(opaque(splat(-1.0))),
+                                               reinterpret_cast<__m256d>(a)));
+}
+#else
+inline v4d fused_add(v4d a, v4d b) {
+  return a + b;
+}
+inline v4d fused_sub(v4d a, v4d b) {
+  return a - b;
+}
+#endif
+
 // One Kahan step in every lane: y = t + c; s' = s + y; c = y - (s' - s); s = s'.
 inline void kahan(v4d& s, v4d& c, v4d t) {
-  const v4d y = t + c;
+  const v4d y = fused_add(t, c);
   const v4d next = s + y;
-  c = y - (next - s);
+  c = fused_sub(y, next - s);
   s = next;
 }
 
@@ -73,7 +106,10 @@ inline void join(double& sum, double& correction, v4d const* s, v4d const* c, in
 }
 
 // The terms of each fixed model from one group of four points (x, y, z in p[0..2]).
+// Unweighted, the constant term kOne sums to the count of the points used: whole numbers,
+// which a compensated sum would reproduce exactly, so it is not summed at all.
 struct LineTerms {
+  static constexpr int kOne = 0;  // the term that is 1 before weighting
   static constexpr int kDims = 2, kTerms = 5;
   void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1];
@@ -82,6 +118,7 @@ struct LineTerms {
   }
 };
 struct CircleTerms {
+  static constexpr int kOne = 5;  // the term that is 1 before weighting
   static constexpr int kDims = 2, kTerms = 9;
   void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], q = x * x + y * y;
@@ -91,6 +128,7 @@ struct CircleTerms {
   }
 };
 struct PlaneTerms {
+  static constexpr int kOne = 5;  // the term that is 1 before weighting
   static constexpr int kDims = 3, kTerms = 9;
   void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], z = p[2];
@@ -100,6 +138,7 @@ struct PlaneTerms {
   }
 };
 struct SphereTerms {
+  static constexpr int kOne = 9;  // the term that is 1 before weighting
   static constexpr int kDims = 3, kTerms = 14;
   void operator()(v4d const* p, v4d* t) const {
     const v4d x = p[0], y = p[1], z = p[2], q = x * x + y * y + z * z;
@@ -125,7 +164,7 @@ inline v4i load(v4d* p, double const* c) {
 // Runs the request over a model with K summed terms and V vectors of four lanes per term.
 // Full groups are read in place; the last, partial group is copied into a buffer padded with
 // NaN points (skipped like any non-finite point) and weights of 0.
-template <class Terms, int K, int V>
+template <class Terms, int K, int V, bool Weighted>
 void run(Moments& out, MomentRequest const& r) {
   constexpr int D = Terms::kDims;
   constexpr int kGroup = kLanes * V;
@@ -139,26 +178,33 @@ void run(Moments& out, MomentRequest const& r) {
   const Terms terms;
   auto const group = [&](double const* coords, double const* w) {
     for (int v = 0; v < V; ++v) {
+      // Lanes that do not count get the point (0, 0[, 0]) and weight 0: every term that is
+      // summed is then +0, as if it were masked, at D masks instead of one per term.
       v4d p[D];
       v4i ok = load<D>(p, coords + v * kLanes * D);
+      v4d wv;
+      if (Weighted) {
+        wv = v4d{w[v * kLanes], w[v * kLanes + 1], w[v * kLanes + 2], w[v * kLanes + 3]};
+        ok &= reinterpret_cast<v4i>(wv != splat(0.0));
+        wv = keep(wv, ok);
+      }
+      for (int d = 0; d < D; ++d)
+        p[d] = keep(p[d], ok);
       v4d t[Terms::kTerms + 1];
       terms(p, t);
-      if (w) {
-        const v4d wv{w[v * kLanes], w[v * kLanes + 1], w[v * kLanes + 2], w[v * kLanes + 3]};
-        ok &= reinterpret_cast<v4i>(wv != splat(0.0));
+      if (Weighted)
         for (int j = 0; j < K; ++j)
           t[j] *= wv;
-      }
       for (int j = 0; j < K; ++j)
-        kahan(s[j][v], c[j][v], keep(t[j], ok));
+        if (Weighted || j != Terms::kOne) kahan(s[j][v], c[j][v], t[j]);
       n[v] += keep(splat(1.0), ok);
     }
   };
 
-  const std::size_t count = r.weighted ? std::min(r.count, r.weight_count) : r.count;
+  const std::size_t count = Weighted ? std::min(r.count, r.weight_count) : r.count;
   const std::size_t full = count - count % kGroup;
   for (std::size_t i = 0; i < full; i += kGroup)
-    group(r.coords + i * D, r.weighted ? r.weights + i : nullptr);
+    group(r.coords + i * D, Weighted ? r.weights + i : nullptr);
   if (full < count) {
     double coords[kGroup * D];
     double w[kGroup];
@@ -166,8 +212,8 @@ void run(Moments& out, MomentRequest const& r) {
     std::fill(w, w + kGroup, 0.0);
     const std::size_t rest = count - full;
     std::memcpy(coords, r.coords + full * D, rest * D * sizeof(double));
-    if (r.weighted) std::memcpy(w, r.weights + full, rest * sizeof(double));
-    group(coords, r.weighted ? w : nullptr);
+    if (Weighted) std::memcpy(w, r.weights + full, rest * sizeof(double));
+    group(coords, Weighted ? w : nullptr);
   }
 
   out.sum.resize(K);
@@ -179,17 +225,27 @@ void run(Moments& out, MomentRequest const& r) {
   for (int v = 0; v < V; ++v)
     for (int l = 0; l < kLanes; ++l)
       out.count += n[v][l];  // whole numbers: exact
+  if (!Weighted) {
+    out.sum[Terms::kOne] = out.count;
+    out.correction[Terms::kOne] = 0.0;
+  }
+}
+
+template <class Terms, int K, bool Weighted>
+void run_lanes(Moments& out, MomentRequest const& r) {
+  // Few terms leave the adders idle between the steps of one chain: give them eight lanes,
+  // even where the accumulators then no longer all fit in the registers.
+  run<Terms, K, Terms::kTerms <= 6 ? 2 : 1, Weighted>(out, r);
 }
 
 template <class Terms>
 void run_model(Moments& out, MomentRequest const& r) {
-  // Few terms leave the adder idle between the steps of one chain: give them eight lanes.
-  constexpr int V = Terms::kTerms <= 6 ? 2 : 1;
   if (r.residual) {
-    run<Terms, Terms::kTerms + 1, V>(out, r);
-  } else {
-    run<Terms, Terms::kTerms, V>(out, r);
+    if (r.weighted) return run_lanes<Terms, Terms::kTerms + 1, true>(out, r);
+    return run_lanes<Terms, Terms::kTerms + 1, false>(out, r);
   }
+  if (r.weighted) return run_lanes<Terms, Terms::kTerms, true>(out, r);
+  return run_lanes<Terms, Terms::kTerms, false>(out, r);
 }
 
 // Any degree: the powers x⁰ … x²ⁿ, then x⁰·Y … xⁿ·Y, then Y², four lanes per term, the

@@ -196,7 +196,8 @@ TEST_F(StlFiles, AsciiReaderAgreesWithPlainSplittingOnOddText) {
       "7.|-.25e+1|00012.50|12345678901234567890123|0.1234567890123456789|"
       "9007199254740993|1e22|1e23|2.5e-22|-INF|-0X10|1,5|3.4028235677973366e38|"
       "1.401298464324817e-45|0.30000001192092896|\xC3\xA4|\xFF|\r|x\ry|"
-      "nan(4503599627370495)|NaN(a_1)|+.5|+-1|-0x|infinityx");
+      "nan(4503599627370495)|NaN(a_1)|+.5|+-1|-0x|infinityx|123456789.123456789|"
+      "1e-22|0000000000000000001.5|4503599627370497.5|-9007199254740992e-22|0.000001");
   for (std::string w; std::getline(vocabulary, w, '|');)
     words.push_back(w);
   const std::vector<std::string> blanks = {" ", "\t", "  ", " \t "};
