@@ -157,6 +157,59 @@ void bind_numeric(py::module_& m) {
   m.def("fit_line", &fit<LeastSquaresLine, P2>, py::arg("points"), py::arg("weights") = py::none(),
         py::arg("k") = py::none(),
         note("Fits y = slope·x + intercept to (N, 2) points.", 2).c_str());
+  m.def(
+      "fit_line_iterative",
+      [](py::handle points, double tolerance, int count, py::handle k) {
+        std::vector<P2> pts = points_of<P2>(points, "points");
+        Line out{LeastSquaresLine(), FitInfo()};
+        py::gil_scoped_release release;
+        out.fit = k.is_none()
+                      ? LeastSquaresLine::create_iterative(pts, tolerance, count)
+                      : LeastSquaresLine::create_iterative(pts, tolerance, count, k.cast<double>());
+        return out;
+      },
+      py::arg("points"), py::arg("tolerance"), py::arg("count"), py::arg("k") = py::none(), R"doc(
+Fits a steep line by passes: after each pass a copy of the points is turned towards the
+horizontal about the fitted intercept, until a pass's slope is within ``tolerance`` or ``count``
+passes are done (robust passes with ``k``). The slope is the sum of the passes' slopes, the
+intercept the last pass's. The result carries no uncertainty (``covariance`` is (0, 0)).
+)doc");
+
+  using Parabola = Fitted<LeastSquaresCurve>;
+  result<LeastSquaresCurve, P2>(m, "Parabola", "The parabola y = a·x² + b·x + c.", "(a, b, c)")
+      .def_property_readonly(
+          "coefficients",
+          [](Parabola const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c()});
+          },
+          "(a, b, c), highest power first.")
+      .def(
+          "y",
+          [](Parabola const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"));
+  m.def("fit_parabola", &fit<LeastSquaresCurve, P2>, py::arg("points"),
+        py::arg("weights") = py::none(), py::arg("k") = py::none(),
+        note("Fits y = a·x² + b·x + c to (N, 2) points (needs three distinct x).", 2).c_str());
+  using Cubic = Fitted<LeastSquaresCurve3>;
+  result<LeastSquaresCurve3, P2>(m, "Cubic", "The cubic y = a·x³ + b·x² + c·x + d.", "(a, b, c, d)")
+      .def_property_readonly(
+          "coefficients",
+          [](Cubic const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c(), f.fit.d()});
+          },
+          "(a, b, c, d), highest power first.")
+      .def(
+          "y",
+          [](Cubic const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"));
+  m.def(
+      "fit_cubic", &fit<LeastSquaresCurve3, P2>, py::arg("points"), py::arg("weights") = py::none(),
+      py::arg("k") = py::none(),
+      note("Fits y = a·x³ + b·x² + c·x + d to (N, 2) points (needs four distinct x).", 2).c_str());
 
   using Circle = Fitted<LeastSquaresCircle>;
   result<LeastSquaresCircle, P2>(m, "Circle", "A circle fitted by its algebraic residual.",
