@@ -23,6 +23,7 @@ def main():
         start = time.perf_counter()
         plain = quib.batch.run(quib.batch.stl_report, files)
         loop = time.perf_counter() - start
+        quib.batch.keep_worker_heaps()
         with LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                           dashboard_address=None) as cluster, Client(cluster) as client:
             # Each worker imports the package and reads one file before timing, as the plain loop's

@@ -257,8 +257,9 @@ that a picture larger than memory can be processed.
 
 ``bands(rows=256)`` yields ``(top, band)``: ``band`` is the same (n, columns[, channels]) uint8
 array every time, holding picture rows top..top+n-1 top-down; bands come from the bottom of the
-picture upwards. Opening raises FileNotFoundError or quib.FormatError. One Bitmap belongs to one
-thread at a time.
+picture upwards. Bands are read from 8-, 24- and 32-bit files (8-bit files give their palette
+indices, see ``palette``); quib.read_bmp reads every depth whole. Opening raises
+FileNotFoundError or quib.FormatError. One Bitmap belongs to one thread at a time.
 
     >>> for top, band in quib.Bitmap("scan.bmp").bands(64):
     ...     total += band.sum()
