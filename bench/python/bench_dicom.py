@@ -23,7 +23,10 @@ def main():
         files = sorted(os.path.join(folder, f) for f in os.listdir(folder))
         print(f"{slices} slices of 512 x 512 x 16 bits, {slices * 512 * 512 * 2 / 1e6:.0f} MB of pixels")
         ours = best_of(lambda: quib.read_volume(folder).array)
+        ours_serial = best_of(lambda: quib.read_volume(folder, threads=1).array)
         ours_hu = best_of(lambda: quib.read_volume(folder, rescaled=True).array)
+        volume = quib.read_volume(folder)
+        assert volume.array.base is not None and np.shares_memory(volume.array, volume.array)
         plain = best_of(lambda: [open(f, "rb").read() for f in files])
         if pydicom is None:
             report("quib.read_volume", ours)
@@ -40,7 +43,9 @@ def main():
 
         theirs = best_of(peer)
         theirs_hu = best_of(lambda: peer(True))
-        report("quib.read_volume (raw)", ours, [("pydicom + numpy", theirs), ("plain read", plain)])
+        report(f"quib.read_volume (raw, {volume.threads} threads)", ours,
+               [("pydicom + numpy", theirs), ("plain read", plain), ("1 thread", ours_serial)])
+        report("quib.read_volume (raw, 1 thread)", ours_serial, [("pydicom + numpy", theirs)])
         report("quib.read_volume (rescaled float32)", ours_hu, [("pydicom + numpy", theirs_hu)])
         report("pydicom dcmread + sort + stack", theirs)
         report("plain read of the files", plain)

@@ -19,8 +19,8 @@ namespace quib {
 /// (Dicom::READ_STANDARD): the attributes that describe its pixels, and the decoding of any one
 /// frame without touching the others. Native data in either byte order with 1, 8, 16 or 32 bits
 /// allocated (planar data made interleaved, uncompressed YBR_FULL_422 expanded to three
-/// samples per pixel), and encapsulated RLE Lossless, JPEG (baseline, extended 12-bit,
-/// lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
+/// samples per pixel), and encapsulated RLE Lossless (1-bit data too), JPEG (baseline, extended
+/// 12-bit, lossless), JPEG-LS and JPEG 2000 frames, located through the Extended or Basic Offset
 /// Table, one fragment per frame, or the codec's end marker.
 ///
 /// Decoded samples are as stored, not rescaled: one sample per Bits Allocated container
@@ -30,9 +30,10 @@ namespace quib {
 /// YBR_FULL_422 JPEG frame, "YBR_FULL" for expanded native YBR_FULL_422).
 ///
 /// Memory: the object refers to the Pixel Data value inside the Dicom it was loaded from,
-/// which must outlive it unchanged; it copies nothing. Frames are decoded into a new owned
-/// image or into caller memory. Failure: load and decode return false and keep a one-line
-/// reason (get_error); a failed load leaves the object empty. No buffer is sized before the
+/// which must outlive it unchanged; it copies only its lookup tables (modality, VOI, palette:
+/// at most 65536 entries each). Frames are decoded into a new owned image or into caller
+/// memory. Failure: load and decode return false and keep a one-line reason (get_error); a
+/// failed load leaves the object empty. No buffer is sized before the
 /// codec's own header agrees with the attributes, and no frame larger than the frame limit
 /// (FRAME_LIMIT bytes unless given) is accepted. Only allocation failure throws.
 /// Threads: one object belongs to one thread at a time (decode records its error).

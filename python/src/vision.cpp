@@ -95,7 +95,8 @@ quib.FormatError). One camera belongs to one thread at a time.
           "Undistorts an image array (uint8, uint16 or float32; 1, 3 or 4 channels); returns a "
           "new C-contiguous array of the same shape. Releases the GIL.")
       .def_property_readonly(
-          "rotation", [](Projection const& p) { return py::array_t<double>(3, p.get_rotation_array()); },
+          "rotation",
+          [](Projection const& p) { return py::array_t<double>(3, p.get_rotation_array()); },
           "The pose's rotation vector (Rodrigues), as calibration gives it.")
       .def_property_readonly(
           "translation",

@@ -139,10 +139,25 @@ inline unsigned lowest_byte(std::uint64_t bits) {
 
 // The first start candidate at or after x in a row: a pixel that differs from blank and whose
 // left neighbour (none in column 0) equals blank. `cols` when there is none. Runs of pixels
-// without a candidate are skipped sixteen or eight at a time.
+// without a candidate are skipped sixty-four, sixteen or eight at a time.
 inline int next_left_edge(unsigned char const* row, int x, int cols, unsigned char blank) {
 #if defined(__SSE2__)
   const __m128i blanks = _mm_set1_epi8(static_cast<char>(blank));
+  // Bit k set where pixel x + k differs from blank, for k < 16.
+  auto const differs16 = [&](int at) {
+    const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + at));
+    return static_cast<std::uint64_t>(~_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)) & 0xffff);
+  };
+  if (x + 64 <= cols) {
+    std::uint64_t carry = x > 0 && row[x - 1] != blank ? 1u : 0u;  // the pixel before x
+    for (; x + 64 <= cols; x += 64) {
+      const std::uint64_t differs = differs16(x) | differs16(x + 16) << 16 |
+                                    differs16(x + 32) << 32 | differs16(x + 48) << 48;
+      const std::uint64_t edges = differs & ~((differs << 1) | carry);
+      if (edges != 0) return x + __builtin_ctzll(edges);
+      carry = differs >> 63;
+    }
+  }
   for (; x + 16 <= cols; x += 16) {
     const __m128i pixels = _mm_loadu_si128(reinterpret_cast<__m128i const*>(row + x));
     unsigned const same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pixels, blanks)));
