@@ -33,6 +33,7 @@ def main():
         make_files(folder)
         clouds = quib.batch.find(folder, "*.txt")
         meshes = quib.batch.find(folder, "*.stl")
+        quib.batch.keep_worker_heaps()  # workers keep their heaps between tasks, as a loop does
         with LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                           dashboard_address=None) as cluster, Client(cluster) as client:
             fits = quib.batch.run(quib.batch.fit_report, clouds, client)

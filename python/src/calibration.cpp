@@ -126,9 +126,9 @@ camera file (YAML, XML or JSON by the name) that quib.read_camera and the quib t
           py::arg("path"))
       .def("__repr__", [](Solved const& s) {
         return "<quib.CameraCalibration fx=" + std::to_string(s.data.matrix[0]) +
-               " fy=" + std::to_string(s.data.matrix[4]) + " error=" +
-               std::to_string(s.data.error) + " px, " + std::to_string(s.data.views.size()) +
-               " views>";
+               " fy=" + std::to_string(s.data.matrix[4]) +
+               " error=" + std::to_string(s.data.error) + " px, " +
+               std::to_string(s.data.views.size()) + " views>";
       });
 
   py::class_<PyCalibration>(m, "Calibration", R"doc(
@@ -148,8 +148,7 @@ to one thread at a time.
     >>> result.matrix, result.distortion, result.error
     >>> result.save("camera.yml")
 )doc")
-      .def(py::init(&make), py::arg("columns") = 10, py::arg("rows") = 7,
-           py::arg("square") = 24.0)
+      .def(py::init(&make), py::arg("columns") = 10, py::arg("rows") = 7, py::arg("square") = 24.0)
       .def(
           "add",
           [](PyCalibration& c, py::array image) {
@@ -165,17 +164,16 @@ to one thread at a time.
             });
           },
           py::arg("image"))
-      .def(
-          "solve",
-          [](PyCalibration const& c) {
-            Solved s{Calibration::Data(), c.calib.get_size()};
-            const bool ok = guarded([&] {
-              py::gil_scoped_release release;
-              return c.calib.get_camera_data(c.info, s.data);
-            });
-            if (!ok) fail_value("no board views to solve");
-            return s;
-          })
+      .def("solve",
+           [](PyCalibration const& c) {
+             Solved s{Calibration::Data(), c.calib.get_size()};
+             const bool ok = guarded([&] {
+               py::gil_scoped_release release;
+               return c.calib.get_camera_data(c.info, s.data);
+             });
+             if (!ok) fail_value("no board views to solve");
+             return s;
+           })
       .def(
           "reprojection_errors",
           [](PyCalibration const& c, Projection const& camera) {
@@ -207,14 +205,14 @@ to one thread at a time.
                   return c.calib.draw_residuals(c.info, s.data, target, magnification,
                                                 colour(color));
                 }))
-              fail_value("the picture's format cannot be drawn into, or the result is not of "
-                         "these views");
+              fail_value(
+                  "the picture's format cannot be drawn into, or the result is not of "
+                  "these views");
           },
           py::arg("image"), py::arg("result"), py::arg("magnification") = 100.0,
           py::arg("color") = py::make_tuple(0, 0, 255),
           "Draws each corner's reprojection residual, magnified, into an image array in place.")
-      .def_property_readonly("views",
-                             [](PyCalibration const& c) { return c.info.counts.size(); })
+      .def_property_readonly("views", [](PyCalibration const& c) { return c.info.counts.size(); })
       .def_property_readonly(
           "size",
           [](PyCalibration const& c) {

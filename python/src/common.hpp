@@ -102,8 +102,8 @@ PointView<Point> fit_points(py::handle points, char const* what) {
   v.array = point_array(points, D, what);
   const py::ssize_t rows = v.array.shape(0), rs = v.array.strides(0), cs = v.array.strides(1);
   double const* data = v.array.data();
-  const bool packed = rows <= 1 || (rs == D * py::ssize_t(sizeof(double)) &&
-                                    cs == py::ssize_t(sizeof(double)));
+  const bool packed =
+      rows <= 1 || (rs == D * py::ssize_t(sizeof(double)) && cs == py::ssize_t(sizeof(double)));
   const bool aligned = reinterpret_cast<std::uintptr_t>(data) % alignof(Point) == 0;
   v.count = static_cast<std::size_t>(rows);
   if (packed && aligned) {

@@ -79,8 +79,8 @@ cv::Mat descriptors_of(py::array const& a, char const* what) {
   const bool binary = a.dtype().is(py::dtype::of<std::uint8_t>());
   if (a.ndim() != 2 || !(binary || a.dtype().is(py::dtype::of<float>())) ||
       !(a.flags() & py::array::c_style))
-    fail_value(std::string(what) +
-               " must be a C-contiguous (K, n) uint8 or float32 array, not " + shape_text(a));
+    fail_value(std::string(what) + " must be a C-contiguous (K, n) uint8 or float32 array, not " +
+               shape_text(a));
   return cv::Mat(static_cast<int>(a.shape(0)), static_cast<int>(a.shape(1)),
                  binary ? CV_8U : CV_32F, const_cast<void*>(a.data()));
 }
@@ -105,9 +105,10 @@ Feature::match_t matcher_of(std::string const& name) {
       {"BruteForce-Hamming(2)", Feature::MATCH_BRUTE_FORCE_HAMMING2}};
   for (auto const& n : names)
     if (name == n.first) return n.second;
-  fail_value("matcher is one of FlannBased, BruteForce, BruteForce-SL2, BruteForce-L1, "
-             "BruteForce-Hamming, BruteForce-Hamming(2); not \"" +
-             name + "\"");
+  fail_value(
+      "matcher is one of FlannBased, BruteForce, BruteForce-SL2, BruteForce-L1, "
+      "BruteForce-Hamming, BruteForce-Hamming(2); not \"" +
+      name + "\"");
 }
 
 Feature::find_t method_of(std::string const& name) {
@@ -399,8 +400,8 @@ belongs to one thread at a time; each search releases the GIL.
       [](py::array target, py::handle contour, int value, int background) {
         if (!target.writeable()) fail_value("target is read-only");
         cv::Mat t = mask_of(target, "target");
-        auto c = py::array_t<std::int32_t, py::array::c_style | py::array::forcecast>::ensure(
-            contour);
+        auto c =
+            py::array_t<std::int32_t, py::array::c_style | py::array::forcecast>::ensure(contour);
         if (!c || c.ndim() != 2 || c.shape(1) != 2) {
           PyErr_Clear();
           fail_value("contour must be a (K, 2) array of (x, y)");

@@ -83,8 +83,7 @@ struct Layout {
 Layout layout_of(py::array const& array, char const* what) {
   const py::ssize_t ndim = array.ndim();
   if (ndim != 2 && ndim != 3)
-    fail_value(std::string(what) +
-               " has shape (rows, columns) or (rows, columns, channels), not " +
+    fail_value(std::string(what) + " has shape (rows, columns) or (rows, columns, channels), not " +
                shape_text(array));
   const py::ssize_t channels = ndim == 3 ? array.shape(2) : 1;
   if (channels != 1 && channels != 3 && channels != 4)
@@ -202,8 +201,8 @@ cv::Mat mat_of(py::array const& array, char const* what) {
   const Layout l = layout_of(array, what);
   const int depth = l.bits == 8 ? CV_8U : l.bits == 16 ? CV_16U : CV_32F;
   return cv::Mat(checked_int(array.shape(0), "rows"), checked_int(array.shape(1), "columns"),
-                 CV_MAKETYPE(depth, static_cast<int>(l.channels)),
-                 const_cast<void*>(array.data()), static_cast<std::size_t>(l.stride));
+                 CV_MAKETYPE(depth, static_cast<int>(l.channels)), const_cast<void*>(array.data()),
+                 static_cast<std::size_t>(l.stride));
 }
 
 py::array image_array(Image&& image) {
@@ -258,8 +257,9 @@ that a picture larger than memory can be processed.
 
 ``bands(rows=256)`` yields ``(top, band)``: ``band`` is the same (n, columns[, channels]) uint8
 array every time, holding picture rows top..top+n-1 top-down; bands come from the bottom of the
-picture upwards. Opening raises FileNotFoundError or quib.FormatError. One Bitmap belongs to one
-thread at a time.
+picture upwards. Bands are read from 8-, 24- and 32-bit files (8-bit files give their palette
+indices, see ``palette``); quib.read_bmp reads every depth whole. Opening raises
+FileNotFoundError or quib.FormatError. One Bitmap belongs to one thread at a time.
 
     >>> for top, band in quib.Bitmap("scan.bmp").bands(64):
     ...     total += band.sum()
@@ -285,7 +285,8 @@ thread at a time.
             Bitmap& b = self.cast<Bitmap&>();
             if (rows <= 0) fail_value("rows must be positive");
             if (!readable(b.dib))
-              fail_value("bands are read from 8-, 24- and 32-bit bitmaps; read_bmp reads every depth");
+              fail_value(
+                  "bands are read from 8-, 24- and 32-bit bitmaps; read_bmp reads every depth");
             b.dib.seek(0, 0);
             const int n = std::min(rows, std::max(b.dib.getHeight(), 1));
             std::vector<py::ssize_t> shape{n, b.dib.getWidth()};

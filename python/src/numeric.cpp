@@ -157,6 +157,59 @@ void bind_numeric(py::module_& m) {
   m.def("fit_line", &fit<LeastSquaresLine, P2>, py::arg("points"), py::arg("weights") = py::none(),
         py::arg("k") = py::none(),
         note("Fits y = slope·x + intercept to (N, 2) points.", 2).c_str());
+  m.def(
+      "fit_line_iterative",
+      [](py::handle points, double tolerance, int count, py::handle k) {
+        std::vector<P2> pts = points_of<P2>(points, "points");
+        Line out{LeastSquaresLine(), FitInfo()};
+        py::gil_scoped_release release;
+        out.fit = k.is_none()
+                      ? LeastSquaresLine::create_iterative(pts, tolerance, count)
+                      : LeastSquaresLine::create_iterative(pts, tolerance, count, k.cast<double>());
+        return out;
+      },
+      py::arg("points"), py::arg("tolerance"), py::arg("count"), py::arg("k") = py::none(), R"doc(
+Fits a steep line by passes: after each pass a copy of the points is turned towards the
+horizontal about the fitted intercept, until a pass's slope is within ``tolerance`` or ``count``
+passes are done (robust passes with ``k``). The slope is the sum of the passes' slopes, the
+intercept the last pass's. The result carries no uncertainty (``covariance`` is (0, 0)).
+)doc");
+
+  using Parabola = Fitted<LeastSquaresCurve>;
+  result<LeastSquaresCurve, P2>(m, "Parabola", "The parabola y = a·x² + b·x + c.", "(a, b, c)")
+      .def_property_readonly(
+          "coefficients",
+          [](Parabola const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c()});
+          },
+          "(a, b, c), highest power first.")
+      .def(
+          "y",
+          [](Parabola const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"));
+  m.def("fit_parabola", &fit<LeastSquaresCurve, P2>, py::arg("points"),
+        py::arg("weights") = py::none(), py::arg("k") = py::none(),
+        note("Fits y = a·x² + b·x + c to (N, 2) points (needs three distinct x).", 2).c_str());
+  using Cubic = Fitted<LeastSquaresCurve3>;
+  result<LeastSquaresCurve3, P2>(m, "Cubic", "The cubic y = a·x³ + b·x² + c·x + d.", "(a, b, c, d)")
+      .def_property_readonly(
+          "coefficients",
+          [](Cubic const& f) {
+            return vec({f.fit.a(), f.fit.b(), f.fit.c(), f.fit.d()});
+          },
+          "(a, b, c, d), highest power first.")
+      .def(
+          "y",
+          [](Cubic const& f, py::array_t<double> x) {
+            return py::vectorize([&f](double v) { return f.fit.get_y(v); })(x);
+          },
+          py::arg("x"));
+  m.def(
+      "fit_cubic", &fit<LeastSquaresCurve3, P2>, py::arg("points"), py::arg("weights") = py::none(),
+      py::arg("k") = py::none(),
+      note("Fits y = a·x³ + b·x² + c·x + d to (N, 2) points (needs four distinct x).", 2).c_str());
 
   using Circle = Fitted<LeastSquaresCircle>;
   result<LeastSquaresCircle, P2>(m, "Circle", "A circle fitted by its algebraic residual.",
@@ -291,7 +344,66 @@ void bind_numeric(py::module_& m) {
           py::arg("x"))
       .def(
           "area", [](Poly const& f, double x0, double x1) { return f.fit.get_area(x0, x1); },
-          py::arg("x0"), py::arg("x1"));
+          py::arg("x0"), py::arg("x1"), "The definite integral from x0 to x1.")
+      .def(
+          "area_between",
+          [](Poly const& f, double x0, double x1, double step) {
+            return f.fit.get_area2(x0, x1, step);
+          },
+          py::arg("x0"), py::arg("x1"), py::arg("step"),
+          "The area between the curve and the x axis, positive on both sides (split at the roots "
+          "found every step).")
+      .def(
+          "length",
+          [](Poly const& f, double x0, double x1, double step) {
+            return f.fit.get_length(x0, x1, step);
+          },
+          py::arg("x0"), py::arg("x1"), py::arg("step"),
+          "The arc length: chords over the samples x0 + step, x0 + 2·step, ... below x1.")
+      .def(
+          "x_at_length",
+          [](Poly const& f, double x0, double length, double step) {
+            return f.fit.get_x(x0, length, step);
+          },
+          py::arg("x0"), py::arg("length"), py::arg("step"),
+          "The first sample from x0 (backwards for a negative length) whose arc length reaches "
+          "|length|; NaN when it cannot be reached.")
+      .def(
+          "roots",
+          [](Poly const& f, double x0, double x1, double step) {
+            std::vector<double> r;
+            {
+              py::gil_scoped_release release;
+              f.fit.get_solution(r, x0, x1, step);
+            }
+            return py::array_t<double>(static_cast<py::ssize_t>(r.size()), r.data());
+          },
+          py::arg("x0"), py::arg("x1"), py::arg("step"),
+          "The roots in [x0, x1), found by sampling every step.")
+      .def(
+          "turning_points",
+          [](Poly const& f, double x0, double x1, double step, bool local) {
+            std::vector<int> kinds;
+            LeastSquaresDimension::points_type at;
+            {
+              py::gil_scoped_release release;
+              if (local)
+                f.fit.get_local(kinds, at, x0, x1, step);
+              else
+                f.fit.get_extreme(kinds, at, x0, x1, step);
+            }
+            py::array_t<double> points({static_cast<py::ssize_t>(at.size()), py::ssize_t(2)});
+            for (std::size_t i = 0; i < at.size(); ++i)
+              for (int j = 0; j < 2; ++j)
+                points.mutable_at(static_cast<py::ssize_t>(i), j) = at[i][j];
+            return py::make_tuple(
+                py::array_t<int>(static_cast<py::ssize_t>(kinds.size()), kinds.data()), points);
+          },
+          py::arg("x0"), py::arg("x1"), py::arg("step"), py::arg("local") = false, R"doc(
+The turning points along [x0, x1) sampled every step: ``(kinds, points)`` with kind 1 for a
+maximum, -1 for a minimum and, with ``local``, 0 for a slope that weakened and strengthens again;
+points (K, 2) are the samples where each was seen.
+)doc");
   m.def(
       "fit_polynomial",
       [](py::handle points, int degree, py::handle weights, py::handle k, double scale) {
@@ -301,7 +413,8 @@ void bind_numeric(py::module_& m) {
         py::gil_scoped_release release;
         Poly out{LeastSquaresDimension(scale), FitInfo()};
         if (r.robust)
-          out.fit = LeastSquaresDimension::create(scale, degree, pts.data, pts.count, r.k, out.info);
+          out.fit =
+              LeastSquaresDimension::create(scale, degree, pts.data, pts.count, r.k, out.info);
         else if (r.weighted)
           static_cast<void>(
               out.fit.calculate(degree, pts.data, pts.count, r.weights.data(), out.info));
@@ -323,10 +436,10 @@ void bind_numeric(py::module_& m) {
         bool found;
         {
           py::gil_scoped_release release;
-          found = seed ? ransac.compute_seeded(pts.data, pts.count, threshold, probability,
-                                               max_iterations, *seed)
-                       : ransac.compute(pts.data, pts.count, threshold, probability,
-                                        max_iterations);
+          found = seed
+                      ? ransac.compute_seeded(pts.data, pts.count, threshold, probability,
+                                              max_iterations, *seed)
+                      : ransac.compute(pts.data, pts.count, threshold, probability, max_iterations);
         }
         py::array_t<double> normal(3);
         normal.mutable_at(0) = normal.mutable_at(1) = normal.mutable_at(2) = std::nan("");

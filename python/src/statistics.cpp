@@ -81,9 +81,7 @@ library's own and kept for comparability with earlier results. A singular scatte
 samples equal) gives non-finite scores; ``ok`` is False without samples or with a non-finite
 centroid. The object owns a copy of the samples; one object per thread at a time.
 )doc")
-      .def(py::init([](py::handle samples) {
-             return Discrim(points_of<P>(samples, "samples"));
-           }),
+      .def(py::init([](py::handle samples) { return Discrim(points_of<P>(samples, "samples")); }),
            py::arg("samples"))
       .def_property_readonly("ok", &Discrim::is)
       .def_property_readonly("centroid",
@@ -124,8 +122,8 @@ centroid. The object owns a copy of the samples; one object per thread at a time
       .def(
           "bayes2",
           [](Discrim const& d, py::handle x, double prior, double c) {
-            return at_points<D>(
-                x, [&](P const& p) { return d.get_bayes_discriminant2(p, prior, c); });
+            return at_points<D>(x,
+                                [&](P const& p) { return d.get_bayes_discriminant2(p, prior, c); });
           },
           py::arg("x"), py::arg("p"), py::arg("c") = 0.0)
       .def(
@@ -137,8 +135,8 @@ centroid. The object owns a copy of the samples; one object per thread at a time
       .def(
           "nearest_neighbor",
           [](Discrim const& d, py::handle x) {
-            return at_points<D>(
-                x, [&](P const& p) { return d.get_nearest_neighbor_discriminant(p); });
+            return at_points<D>(x,
+                                [&](P const& p) { return d.get_nearest_neighbor_discriminant(p); });
           },
           py::arg("x"));
 }
@@ -210,8 +208,7 @@ c < 0 gives all 0. Set c with median_abs, mad and madn, e.g.
 ``c = quib.madn(quib.mad(d, m)) * 4.685 + m`` with ``m = quib.median_abs(d)``.
 )doc");
   m.def(
-      "median_abs",
-      [](py::handle d) { return RobustM::get_med(numbers_of(d, "residuals")); },
+      "median_abs", [](py::handle d) { return RobustM::get_med(numbers_of(d, "residuals")); },
       py::arg("residuals"), "The median of |d| over the finite residuals; 0 when there are none.");
   m.def(
       "mad",

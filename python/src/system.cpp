@@ -149,8 +149,9 @@ second, ``Clock.counts()`` its current reading. A plain value; one per thread at
           "ms_since", [](Clock const& c, std::int64_t from) { return c.get_delta_ms(from); },
           py::arg("counts"), "Whole milliseconds since a counter reading (see counts()).")
       .def_property_readonly("start", &Clock::get_start, "The counter reading it measures from.")
-      .def_static("counts", []() { return Clock().get_delta_now(); },
-                  "The counter's current reading, in counts.")
+      .def_static(
+          "counts", []() { return Clock().get_delta_now(); },
+          "The counter's current reading, in counts.")
       .def_static("ms", &Clock::get_ms, "The process-wide millisecond tick.")
       .def_static("frequency", &Clock::frequency, "Counter counts per second.");
 

@@ -1,6 +1,7 @@
 // The camera model: camera files, and undistortion of point arrays and images.
 #include "common.hpp"
 
+#include <quib/ocv.hpp>
 #include <quib/projection.hpp>
 
 namespace quib {
@@ -95,7 +96,8 @@ quib.FormatError). One camera belongs to one thread at a time.
           "Undistorts an image array (uint8, uint16 or float32; 1, 3 or 4 channels); returns a "
           "new C-contiguous array of the same shape. Releases the GIL.")
       .def_property_readonly(
-          "rotation", [](Projection const& p) { return py::array_t<double>(3, p.get_rotation_array()); },
+          "rotation",
+          [](Projection const& p) { return py::array_t<double>(3, p.get_rotation_array()); },
           "The pose's rotation vector (Rodrigues), as calibration gives it.")
       .def_property_readonly(
           "translation",
@@ -134,6 +136,30 @@ cell centres: a dict of ``points`` and ``shifts`` ((rows, columns, 2) pixels; a 
 where no ray of this camera arrives), ``unreached`` (their count) and ``rms`` / ``mean`` /
 ``max`` of the shift lengths. Poses take no part. Raises quib.ArgumentError for a camera
 without size or a grid of more than a million samples.
+)doc");
+  m.def(
+      "to_bgr",
+      [](py::array image) {
+        const Image src = image_of(image);
+        py::array_t<std::uint8_t> out(
+            {py::ssize_t(src.getHeight()), py::ssize_t(src.getWidth()), py::ssize_t(3)});
+        bool ok;
+        {
+          py::gil_scoped_release release;
+          ocv::unique_ipl bgr = ocv::make_unique_ipl(ocv::createIpl_bgr2(src));
+          ok = bgr != nullptr;
+          const std::size_t row = static_cast<std::size_t>(src.getWidth()) * 3;
+          for (int y = 0; ok && y < src.getHeight(); ++y)
+            std::memcpy(out.mutable_data() + static_cast<std::size_t>(y) * row,
+                        bgr->imageData + static_cast<std::ptrdiff_t>(y) * bgr->widthStep, row);
+        }
+        if (!ok) fail_value("an image of this format has no BGR form (float32, or 16-bit colour)");
+        return out;
+      },
+      py::arg("image"), R"doc(
+The image as 8-bit BGR (rows, columns, 3), as the library hands images to OpenCV's colour
+calls: grey levels repeated (16-bit grey scaled to 8 bits), BGRA without its alpha. uint8 with
+1, 3 or 4 channels and uint16 grey are converted; other arrays raise quib.ArgumentError.
 )doc");
   m.def("read_camera", &load_camera, py::arg("path"), py::call_guard<py::gil_scoped_release>());
 }

@@ -39,8 +39,11 @@ def test_dask_local_cluster_gives_the_plain_loop_results(tree):
     work = [(quib.batch.stl_report, [f for f in files if f.endswith(".stl")]),
             (quib.batch.dicom_report, [f for f in files if f.endswith(".dcm")]),
             (quib.batch.fit_report, [f for f in files if f.endswith(".txt")])]
+    quib.batch.keep_worker_heaps()
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                   dashboard_address=None, silence_logs=40) as cluster, \
             distributed.Client(cluster, timeout=60) as client:
         for function, paths in work:
             assert quib.batch.run(function, paths, client) == quib.batch.run(function, paths)
+        environ = client.run(lambda: __import__("os").environ.get("MALLOC_TRIM_THRESHOLD_"))
+        assert set(environ.values()) == {None}

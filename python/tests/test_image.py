@@ -144,3 +144,15 @@ def test_read_bmp_of_every_depth(tmp_path, top_down):
     path.write_bytes(path.read_bytes()[:-40])  # rows missing
     with pytest.raises(quib.FormatError):
         quib.read_bmp(path)
+
+
+def test_to_bgr_of_grey_colour_and_deep_images():
+    rng = np.random.default_rng(6)
+    grey = rng.integers(0, 256, (6, 5), dtype=np.uint8)
+    np.testing.assert_array_equal(quib.to_bgr(grey), np.repeat(grey[:, :, None], 3, axis=2))
+    bgra = rng.integers(0, 256, (6, 5, 4), dtype=np.uint8)
+    np.testing.assert_array_equal(quib.to_bgr(bgra), bgra[:, :, :3])
+    deep = quib.to_bgr(np.array([[0, 65535]], np.uint16))
+    assert deep[0, 0].tolist() == [0, 0, 0] and deep[0, 1].tolist() == [255, 255, 255]
+    with pytest.raises(ValueError):
+        quib.to_bgr(np.zeros((4, 4), np.float32))

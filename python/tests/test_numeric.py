@@ -59,6 +59,22 @@ def test_circle_sphere_line_polynomial(rng):
     poly = quib.fit_polynomial(np.c_[x, y], 3)
     np.testing.assert_allclose(poly.coefficients, np.polyfit(x, y, 3), atol=1e-8)
     assert poly.degree == 3 and poly.y(2.0) == pytest.approx(4 - 2 + 2)
+    # y = 0.5x³ - x + 2 turns at x = ±sqrt(2/3) and crosses 0 once, below -2
+    kinds, at = poly.turning_points(-3, 3, 0.001)
+    assert kinds.tolist() == [1, -1]
+    np.testing.assert_allclose(at[:, 0], [-np.sqrt(2 / 3), np.sqrt(2 / 3)], atol=2e-3)
+    (root,) = poly.roots(-4, 4, 0.001)
+    assert poly.y(root) == pytest.approx(0, abs=1e-6)
+    parabola = quib.fit_parabola(np.c_[x, 3 * x ** 2 - x + 1])
+    cubic = quib.fit_cubic(np.c_[x, y])
+    np.testing.assert_allclose(parabola.coefficients, [3, -1, 1], atol=1e-9)
+    np.testing.assert_allclose(cubic.coefficients, poly.coefficients, atol=1e-8)
+    assert not quib.fit_cubic(np.c_[x[:3], y[:3]]).ok
+    steep = quib.fit_line_iterative(np.c_[x, 40 * x + 3], 1e-9, 10)
+    assert (steep.slope, steep.intercept) == pytest.approx((40, 3))
+    diagonal = quib.fit_polynomial(np.c_[x, x], 1)
+    assert diagonal.length(0, 1, 0.25) == pytest.approx(0.75 * np.sqrt(2))  # the last step is left out
+    assert diagonal.x_at_length(0, 0.4 * np.sqrt(2), 0.25) == pytest.approx(0.5)  # the first sample past it
 
 
 def test_weights_and_robust_refit(rng):

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -29,6 +30,15 @@ void fill_fresh(std::vector<T>& v, std::size_t n, T value) {
   v.resize(n, value);
 }
 
+// An array of `n` values that are all written before they are read: not filled first, and
+// with huge pages asked for before the memory is touched.
+template <class T>
+std::unique_ptr<T[]> unfilled(std::size_t n) {
+  std::unique_ptr<T[]> a(new T[n]);
+  detail::advise_huge_pages(a.get(), n * sizeof(T));
+  return a;
+}
+
 // The edges of a mesh, counted by direction. Every run of an edge from one point to another is
 // filed under the lower of the two indices (a counting sort: the lower index is a perfect hash
 // into its bucket), as the higher index times two plus 1 when the run goes upwards. Merged
@@ -46,7 +56,7 @@ class EdgeBuckets {
   void allocate() {
     for (std::size_t i = 1; i < start_.size(); ++i)
       start_[i] += start_[i - 1];
-    fill_fresh<std::uint32_t>(runs_, start_.back(), 0);
+    runs_ = unfilled<std::uint32_t>(start_.back());
     fill_.reserve(start_.size() - 1);
     detail::advise_huge_pages(fill_.data(), fill_.capacity() * sizeof(std::size_t));
     fill_.assign(start_.begin(), start_.end() - 1);
@@ -92,7 +102,7 @@ class EdgeBuckets {
  private:
   std::vector<std::size_t> start_;  // bucket p is runs_[start_[p], start_[p + 1])
   std::vector<std::size_t> fill_;
-  std::vector<std::uint32_t> runs_;
+  std::unique_ptr<std::uint32_t[]> runs_;
 };
 
 // Union-find over point indices, with path halving; -1 marks a point no triangle uses.
@@ -289,6 +299,7 @@ class Geometry {
 
 // What the first pass finds besides the edges and parts.
 struct FirstPass {
+  std::size_t corners = 0;  // three per measured triangle
   std::int64_t other_polygons = 0;
   std::int64_t invalid_polygons = 0;
   Sums sums;
@@ -298,7 +309,7 @@ struct FirstPass {
 // edge runs counted, their points joined, their geometry summed (with points of type V).
 template <class V>
 void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
-                EdgeBuckets& edge_runs, PointGroups& groups, std::vector<std::uint32_t>& corners,
+                EdgeBuckets& edge_runs, PointGroups& groups, std::uint32_t* corners,
                 FirstPass& out) {
   const std::size_t point_count = points.size();
   // Indices fit in 32 bits; a polygon naming anything else is invalid.
@@ -308,8 +319,7 @@ void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon>
            static_cast<std::size_t>(p[1]) < point_count &&
            static_cast<std::size_t>(p[2]) < point_count;
   };
-  corners.resize(3 * polygons.size());
-  std::uint32_t* corner = corners.data();
+  std::uint32_t* corner = corners;
   std::int64_t others = 0, invalid = 0;
   Geometry<V> geometry;
   Stl::Point const* at = points.data();
@@ -330,7 +340,7 @@ void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon>
     groups.join(std::int32_t(i[0]), std::int32_t(i[2]));
     geometry.add(at[i[0]], at[i[1]], at[i[2]]);
   }
-  corners.resize(static_cast<std::size_t>(corner - corners.data()));
+  out.corners = static_cast<std::size_t>(corner - corners);
   out.other_polygons = others;
   out.invalid_polygons = invalid;
   geometry.finish(out.sums);
@@ -341,15 +351,14 @@ void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon>
 #if defined(__x86_64__) && defined(__GNUC__)
 __attribute__((target("avx2"), flatten)) void first_pass_avx2(
     std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
-    EdgeBuckets& edge_runs, PointGroups& groups, std::vector<std::uint32_t>& corners,
-    FirstPass& out) {
+    EdgeBuckets& edge_runs, PointGroups& groups, std::uint32_t* corners, FirstPass& out) {
   first_pass<v4d>(points, polygons, edge_runs, groups, corners, out);
 }
 #endif
 
 void run_first_pass(std::vector<Stl::Point> const& points,
                     std::vector<Stl::Polygon> const& polygons, EdgeBuckets& edge_runs,
-                    PointGroups& groups, std::vector<std::uint32_t>& corners, FirstPass& out) {
+                    PointGroups& groups, std::uint32_t* corners, FirstPass& out) {
 #if defined(__x86_64__) && defined(__GNUC__)
   static bool const avx2 = __builtin_cpu_supports("avx2");
   if (avx2) return first_pass_avx2(points, polygons, edge_runs, groups, corners, out);
@@ -373,17 +382,15 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   EdgeBuckets edge_runs(point_count);
   PointGroups groups(point_count);
   // The corners of the measured triangles, for the pass over the edges.
-  std::vector<std::uint32_t> corners;
-  corners.reserve(3 * polygons_in.size());
-  detail::advise_huge_pages(corners.data(), corners.capacity() * sizeof(std::uint32_t));
+  const std::unique_ptr<std::uint32_t[]> corners = unfilled<std::uint32_t>(3 * polygons_in.size());
   FirstPass first;
-  run_first_pass(points, polygons_in, edge_runs, groups, corners, first);
+  run_first_pass(points, polygons_in, edge_runs, groups, corners.get(), first);
   other_polygons = first.other_polygons;
   invalid_polygons = first.invalid_polygons;
-  triangles = static_cast<std::int64_t>(corners.size() / 3);
+  triangles = static_cast<std::int64_t>(first.corners / 3);
 
   edge_runs.allocate();
-  for (std::size_t c = 0; c < corners.size(); c += 3)
+  for (std::size_t c = 0; c < first.corners; c += 3)
     for (std::size_t k = 0; k < 3; ++k) {
       const std::uint32_t from = corners[c + k], to = corners[c + (k + 1) % 3];
       if (from != to) edge_runs.file(from, to);
