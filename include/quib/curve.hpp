@@ -204,9 +204,9 @@ class QUIB_API LeastSquaresDimension {
   /// Exchanges the coefficient vectors only; each object keeps its own scale.
   void swap(LeastSquaresDimension& other) noexcept;
   /// Empties the coefficients (the scale stays).
-  void clear() { coef.clear(); }
-  bool is() const { return !coef.empty(); }
-  bool empty() const { return coef.empty(); }
+  void clear() { coef_.clear(); }
+  bool is() const { return !coef_.empty(); }
+  bool empty() const { return coef_.empty(); }
 
   static LeastSquaresDimension create(double scale, int degree, const points_type& points);
   /// One-step robust refit with Tukey biweights (see LeastSquaresLine::create).
@@ -264,12 +264,12 @@ class QUIB_API LeastSquaresDimension {
                            std::size_t count) const;
 
   /// Number of coefficients (degree + 1).
-  int size() const { return static_cast<int>(coef.size()); }
+  int size() const { return static_cast<int>(coef_.size()); }
   /// The degree (size() - 1).
   int get_numeric() const { return size() - 1; }
   /// coef[i] / scale; i = 0 is the highest power. No bounds check.
-  double operator[](int i) const { return coef[static_cast<std::size_t>(i)] / scale; }
-  double get_scale() const { return scale; }
+  double operator[](int i) const { return coef_[static_cast<std::size_t>(i)] / scale_; }
+  double get_scale() const { return scale_; }
 
   /// The value at x; 0.0 with no coefficients.
   double get_y(double x) const;
@@ -312,8 +312,8 @@ class QUIB_API LeastSquaresDimension {
   int walk(bool local, std::vector<int>& kinds, points_type& points, std::vector<double>& strongest,
            double x0, double x1, double step) const;
 
-  std::vector<double> coef;
-  double scale;
+  std::vector<double> coef_;
+  double scale_;
 };
 
 static_assert(std::is_trivially_copyable_v<LeastSquaresCurve>);

@@ -60,46 +60,46 @@ class QUIB_API DicomPixels {
   /// fragments and offset tables do not locate every frame inside the data.
   bool load(const Dicom& file, std::uint64_t frame_limit = FRAME_LIMIT);
 
-  bool is() const { return value != nullptr; }
-  bool empty() const { return value == nullptr; }
+  bool is() const { return value_ != nullptr; }
+  bool empty() const { return value_ == nullptr; }
   /// Back to the state of DicomPixels() (the error is kept).
   void clear();
   void swap(DicomPixels& other) noexcept;
 
-  int get_rows() const { return rows; }
-  int get_columns() const { return columns; }
-  int get_samples() const { return samples; }
-  int get_bits_allocated() const { return bits_allocated; }
-  int get_bits_stored() const { return bits_stored; }
-  int get_high_bit() const { return high_bit; }
+  int get_rows() const { return rows_; }
+  int get_columns() const { return columns_; }
+  int get_samples() const { return samples_; }
+  int get_bits_allocated() const { return bits_allocated_; }
+  int get_bits_stored() const { return bits_stored_; }
+  int get_high_bit() const { return high_bit_; }
   /// 0 unsigned, 1 two's complement.
-  int get_pixel_representation() const { return pixel_representation; }
-  int get_planar_configuration() const { return planar_configuration; }
-  int get_frames() const { return frames; }
+  int get_pixel_representation() const { return pixel_representation_; }
+  int get_planar_configuration() const { return planar_configuration_; }
+  int get_frames() const { return frames_; }
   /// The Photometric Interpretation the file gives ("MONOCHROME2", "YBR_FULL_422", ...).
-  const std::string& get_photometric() const { return photometric; }
+  const std::string& get_photometric() const { return photometric_; }
   /// The photometric interpretation of decoded frames.
-  const std::string& get_frame_photometric() const { return frame_photometric; }
-  const std::string& get_transfer_syntax() const { return transfer_syntax; }
+  const std::string& get_frame_photometric() const { return frame_photometric_; }
+  const std::string& get_transfer_syntax() const { return transfer_syntax_; }
   /// True when Pixel Data is encapsulated (compressed).
-  bool is_encapsulated() const { return !fragments.empty(); }
+  bool is_encapsulated() const { return !fragments_.empty(); }
 
   /// Pixel Spacing: distance between rows, then between columns (mm); NaN when absent.
-  std::array<double, 2> get_pixel_spacing() const { return pixel_spacing; }
+  std::array<double, 2> get_pixel_spacing() const { return pixel_spacing_; }
   /// Image Position (Patient) of the first frame; NaN when absent.
-  std::array<double, 3> get_position() const { return position; }
+  std::array<double, 3> get_position() const { return position_; }
   /// Image Orientation (Patient): the row direction, then the column direction; NaN when absent.
-  std::array<double, 6> get_orientation() const { return orientation; }
+  std::array<double, 6> get_orientation() const { return orientation_; }
   /// Image Position (Patient) of each frame of a multi-frame file that gives them (per-frame
   /// functional groups); empty otherwise.
-  const std::vector<std::array<double, 3>>& get_frame_positions() const { return frame_positions; }
+  const std::vector<std::array<double, 3>>& get_frame_positions() const { return frame_positions_; }
   /// Slice Thickness (mm); NaN when absent.
-  double get_slice_thickness() const { return slice_thickness; }
+  double get_slice_thickness() const { return slice_thickness_; }
 
   /// Bytes of one decoded frame: rows * columns * samples * container bytes (1 for 1-bit data).
   std::uint64_t get_frame_bytes() const;
   /// The bytes per decoded sample: 1, 2 or 4.
-  int get_sample_bytes() const { return bits_allocated <= 8 ? 1 : bits_allocated / 8; }
+  int get_sample_bytes() const { return bits_allocated_ <= 8 ? 1 : bits_allocated_ / 8; }
 
   /// Decodes frame `frame` (0-based) into a new owned image (8, 16 or 32 bits per sample,
   /// grey for one sample, rgb for RGB, ycc for YBR). False with a reason when the frame does
@@ -126,8 +126,8 @@ class QUIB_API DicomPixels {
 
   /// Rescale Slope and Intercept (1 and 0 when absent): real value = stored * slope + intercept
   /// (Hounsfield units for CT). Not used when the file has a modality LUT.
-  double get_rescale_slope() const { return rescale_slope; }
-  double get_rescale_intercept() const { return rescale_intercept; }
+  double get_rescale_slope() const { return rescale_slope_; }
+  double get_rescale_intercept() const { return rescale_intercept_; }
   /// The Modality LUT Sequence's table, which replaces slope and intercept when given (empty
   /// with no error when the file has none).
   const LookupTable& get_modality_lut() const { return modality_lut_; }
@@ -137,8 +137,8 @@ class QUIB_API DicomPixels {
   const LookupTable& get_palette(int channel) const { return palette_[std::size_t(channel % 3)]; }
   /// The Window Center / Width pairs the file offers, in its order (VOI LUT Function in
   /// get_voi_function: "LINEAR" unless the file says "LINEAR_EXACT" or "SIGMOID").
-  const std::vector<std::array<double, 2>>& get_windows() const { return windows; }
-  const std::string& get_voi_function() const { return voi_function; }
+  const std::vector<std::array<double, 2>>& get_windows() const { return windows_; }
+  const std::string& get_voi_function() const { return voi_function_; }
 
   /// Decodes a frame and makes real values of it through the modality LUT, or else slope and
   /// intercept: one channel of 32-bit floats. False for colour data, for a modality LUT the
@@ -157,7 +157,7 @@ class QUIB_API DicomPixels {
   /// False as decode and decode_values, or when the table to be used cannot be.
   bool decode_display(int frame, Image& out, int window = 0) const;
   /// The reason of the last failed load or decode; empty when none failed yet.
-  const std::string& get_error() const { return error; }
+  const std::string& get_error() const { return error_; }
 
  private:
   friend class DicomVolume;
@@ -169,27 +169,27 @@ class QUIB_API DicomPixels {
   // modality LUT cannot be used.
   bool make_values(const unsigned char* in, std::size_t count, unsigned char* out) const;
 
-  const std::vector<unsigned char>* value = nullptr;  // Pixel Data, owned by the Dicom
-  int rows = 0, columns = 0, samples = 0, bits_allocated = 0, bits_stored = 0, high_bit = 0;
-  int pixel_representation = 0, planar_configuration = 0, frames = 0;
-  bool little = true;
-  std::string photometric, frame_photometric, transfer_syntax;
-  std::array<double, 2> pixel_spacing{};
-  std::array<double, 3> position{};
-  std::array<double, 6> orientation{};
-  std::vector<std::array<double, 3>> frame_positions;
-  double slice_thickness = 0;
-  double rescale_slope = 1, rescale_intercept = 0;
-  std::vector<std::array<double, 2>> windows;
-  std::string voi_function;
+  const std::vector<unsigned char>* value_ = nullptr;  // Pixel Data, owned by the Dicom
+  int rows_ = 0, columns_ = 0, samples_ = 0, bits_allocated_ = 0, bits_stored_ = 0, high_bit_ = 0;
+  int pixel_representation_ = 0, planar_configuration_ = 0, frames_ = 0;
+  bool little_ = true;
+  std::string photometric_, frame_photometric_, transfer_syntax_;
+  std::array<double, 2> pixel_spacing_{};
+  std::array<double, 3> position_{};
+  std::array<double, 6> orientation_{};
+  std::vector<std::array<double, 3>> frame_positions_;
+  double slice_thickness_ = 0;
+  double rescale_slope_ = 1, rescale_intercept_ = 0;
+  std::vector<std::array<double, 2>> windows_;
+  std::string voi_function_;
   LookupTable modality_lut_;
   std::vector<LookupTable> voi_luts_;
   std::array<LookupTable, 3> palette_;
   // Encapsulated data: fragments as (offset in the value, size); frame k is the run of
   // fragments from frame_first[k] to frame_first[k + 1].
-  std::vector<std::array<std::uint64_t, 2>> fragments;
-  std::vector<std::uint32_t> frame_first;
-  mutable std::string error;
+  std::vector<std::array<std::uint64_t, 2>> fragments_;
+  std::vector<std::uint32_t> frame_first_;
+  mutable std::string error_;
 };
 
 inline void swap(DicomPixels& a, DicomPixels& b) noexcept {
@@ -239,41 +239,41 @@ class QUIB_API DicomVolume {
   /// The number of threads load uses at most (the setting, or the cores when it is 0).
   int get_threads() const;
 
-  bool is() const { return data != nullptr; }
-  bool empty() const { return data == nullptr; }
+  bool is() const { return data_ != nullptr; }
+  bool empty() const { return data_ == nullptr; }
   /// Back to the state of DicomVolume() (the error is kept).
   void clear();
   void swap(DicomVolume& other) noexcept;
 
-  int get_width() const { return size[0]; }
-  int get_height() const { return size[1]; }
-  int get_depth() const { return size[2]; }
+  int get_width() const { return size_[0]; }
+  int get_height() const { return size_[1]; }
+  int get_depth() const { return size_[2]; }
   /// Samples per voxel (1, or 3 for colour).
-  int get_samples() const { return samples; }
+  int get_samples() const { return samples_; }
   /// Voxel spacing along x, y and z (mm).
-  std::array<double, 3> get_spacing() const { return spacing; }
+  std::array<double, 3> get_spacing() const { return spacing_; }
   /// The patient position of the first voxel (mm).
-  std::array<double, 3> get_origin() const { return origin; }
+  std::array<double, 3> get_origin() const { return origin_; }
   /// The x, y and z axes as unit vectors in patient space, one after the other.
-  std::array<double, 9> get_direction() const { return direction; }
+  std::array<double, 9> get_direction() const { return direction_; }
   /// "uint8", "int8", "uint16", "int16", "uint32", "int32" or "float32".
-  const std::string& get_sample_type() const { return sample_type; }
-  int get_sample_bytes() const { return sample_bytes; }
+  const std::string& get_sample_type() const { return sample_type_; }
+  int get_sample_bytes() const { return sample_bytes_; }
   /// The Series Instance UID read.
-  const std::string& get_series() const { return series_uid; }
+  const std::string& get_series() const { return series_uid_; }
   /// The voxels, and their number of bytes.
-  const unsigned char* get_data() const { return data.get(); }
-  unsigned char* get_data() { return data.get(); }
+  const unsigned char* get_data() const { return data_.get(); }
+  unsigned char* get_data() { return data_.get(); }
   std::uint64_t get_bytes() const;
-  const std::string& get_error() const { return error; }
+  const std::string& get_error() const { return error_; }
 
  private:
-  std::shared_ptr<unsigned char[]> data;
-  std::array<int, 3> size{};
-  int samples = 0, sample_bytes = 0;
-  std::array<double, 3> spacing{}, origin{};
-  std::array<double, 9> direction{};
-  std::string sample_type, series_uid, error;
+  std::shared_ptr<unsigned char[]> data_;
+  std::array<int, 3> size_{};
+  int samples_ = 0, sample_bytes_ = 0;
+  std::array<double, 3> spacing_{}, origin_{};
+  std::array<double, 9> direction_{};
+  std::string sample_type_, series_uid_, error_;
   int threads_ = 0;
 };
 

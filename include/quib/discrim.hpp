@@ -32,19 +32,19 @@ class QUIB_API Discrim1 {
   bool is() const;
   bool empty() const { return !is(); }
 
-  std::vector<double>& array() { return samples; }
-  const std::vector<double>& array() const { return samples; }
-  std::vector<double>& operator*() { return samples; }
-  const std::vector<double>& operator*() const { return samples; }
-  std::vector<double>* operator->() { return &samples; }
-  const std::vector<double>* operator->() const { return &samples; }
+  std::vector<double>& array() { return samples_; }
+  const std::vector<double>& array() const { return samples_; }
+  std::vector<double>& operator*() { return samples_; }
+  const std::vector<double>& operator*() const { return samples_; }
+  std::vector<double>* operator->() { return &samples_; }
+  const std::vector<double>* operator->() const { return &samples_; }
 
   [[nodiscard]] bool estimate(const std::vector<double>& samples);
   /// Recomputes mean and variance (divided by the count) from the held samples.
   [[nodiscard]] bool estimate();
 
-  double get_centroid() const { return centroid; }
-  double get_covariance() const { return covariance; }
+  double get_centroid() const { return centroid_; }
+  double get_covariance() const { return covariance_; }
 
   double get_gaussian_distribution(double x) const;
   double get_likelihood(double x) const { return get_gaussian_distribution(x); }
@@ -55,9 +55,9 @@ class QUIB_API Discrim1 {
   double get_bayes_discriminant(double x, double p, double c) const;
 
  private:
-  std::vector<double> samples;
-  double centroid;
-  double covariance;
+  std::vector<double> samples_;
+  double centroid_;
+  double covariance_;
 };
 
 /// One class of 2-D samples, modelled by its centroid and scatter matrix (the sum of
@@ -87,18 +87,18 @@ class QUIB_API Discrim2 {
   bool is() const;
   bool empty() const { return !is(); }
 
-  std::vector<point_type>& array() { return samples; }
-  const std::vector<point_type>& array() const { return samples; }
-  std::vector<point_type>& operator*() { return samples; }
-  const std::vector<point_type>& operator*() const { return samples; }
-  std::vector<point_type>* operator->() { return &samples; }
-  const std::vector<point_type>* operator->() const { return &samples; }
+  std::vector<point_type>& array() { return samples_; }
+  const std::vector<point_type>& array() const { return samples_; }
+  std::vector<point_type>& operator*() { return samples_; }
+  const std::vector<point_type>& operator*() const { return samples_; }
+  std::vector<point_type>* operator->() { return &samples_; }
+  const std::vector<point_type>* operator->() const { return &samples_; }
 
   [[nodiscard]] bool estimate(const std::vector<point_type>& samples);
   [[nodiscard]] bool estimate();
 
-  const point_type& get_centroid() const { return centroid; }
-  const matrix_type& get_covariance() const { return covariance; }
+  const point_type& get_centroid() const { return centroid_; }
+  const matrix_type& get_covariance() const { return covariance_; }
 
   double get_mahalanobis_distance(const point_type& x) const;
   /// k = the number of samples.
@@ -116,9 +116,9 @@ class QUIB_API Discrim2 {
   double get_nearest_neighbor_discriminant(const point_type& x) const;
 
  private:
-  std::vector<point_type> samples;
-  point_type centroid;
-  matrix_type covariance;
+  std::vector<point_type> samples_;
+  point_type centroid_;
+  matrix_type covariance_;
 };
 
 /// One class of 3-D samples: the counterpart of Discrim2, with a 3×3 scatter matrix and the
@@ -140,18 +140,18 @@ class QUIB_API Discrim3 {
   bool is() const;
   bool empty() const { return !is(); }
 
-  std::vector<point_type>& array() { return samples; }
-  const std::vector<point_type>& array() const { return samples; }
-  std::vector<point_type>& operator*() { return samples; }
-  const std::vector<point_type>& operator*() const { return samples; }
-  std::vector<point_type>* operator->() { return &samples; }
-  const std::vector<point_type>* operator->() const { return &samples; }
+  std::vector<point_type>& array() { return samples_; }
+  const std::vector<point_type>& array() const { return samples_; }
+  std::vector<point_type>& operator*() { return samples_; }
+  const std::vector<point_type>& operator*() const { return samples_; }
+  std::vector<point_type>* operator->() { return &samples_; }
+  const std::vector<point_type>* operator->() const { return &samples_; }
 
   [[nodiscard]] bool estimate(const std::vector<point_type>& samples);
   [[nodiscard]] bool estimate();
 
-  const point_type& get_centroid() const { return centroid; }
-  const matrix_type& get_covariance() const { return covariance; }
+  const point_type& get_centroid() const { return centroid_; }
+  const matrix_type& get_covariance() const { return covariance_; }
 
   double get_mahalanobis_distance(const point_type& x) const;
   double get_gaussian_distribution(const point_type& x) const;
@@ -164,9 +164,9 @@ class QUIB_API Discrim3 {
   double get_nearest_neighbor_discriminant(const point_type& x) const;
 
  private:
-  std::vector<point_type> samples;
-  point_type centroid;
-  matrix_type covariance;
+  std::vector<point_type> samples_;
+  point_type centroid_;
+  matrix_type covariance_;
 };
 
 inline void swap(Discrim1& a, Discrim1& b) noexcept {

@@ -39,8 +39,8 @@ class QUIB_API MersenneTwister {
   operator float();
 
  private:
-  std::vector<unsigned int> state;
-  int index;
+  std::vector<unsigned int> state_;
+  int index_;
 };
 
 inline void swap(MersenneTwister& a, MersenneTwister& b) noexcept {

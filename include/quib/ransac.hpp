@@ -50,9 +50,9 @@ class RANSAC {
                                     std::uint64_t max_iterations, std::uint32_t seed);
 
   /// The best model's defining vectors.
-  const std::vector<V>& result() const { return best_model; }
+  const std::vector<V>& result() const { return best_model_; }
   /// Ascending indices of the best model's inliers.
-  const std::vector<int>& indices() const { return best_indices; }
+  const std::vector<int>& indices() const { return best_indices_; }
 
  protected:
   /// True rejects the sample before a model is built.
@@ -77,9 +77,9 @@ class RANSAC {
   bool search(std::size_t count, S threshold, int n, double p, std::uint64_t max_iterations,
               std::uint32_t seed, Model& model);
 
-  std::vector<int> best_indices;
-  std::vector<V> best_model;
-  int max_attempts;
+  std::vector<int> best_indices_;
+  std::vector<V> best_model_;
+  int max_attempts_;
 };
 
 /// A plane through three sampled points. The model is (p0, p1, p2, unit normal); a point is an

@@ -26,16 +26,16 @@ class QUIB_API RobustM {
 
   void swap(RobustM& other) noexcept;
   /// Empties the weights (their capacity is kept).
-  void clear() { weights.clear(); }
-  bool is() const { return !weights.empty(); }
-  bool empty() const { return weights.empty(); }
+  void clear() { weights_.clear(); }
+  bool is() const { return !weights_.empty(); }
+  bool empty() const { return weights_.empty(); }
 
-  std::vector<double>& array() { return weights; }
-  const std::vector<double>& array() const { return weights; }
-  std::vector<double>& operator*() { return weights; }
-  const std::vector<double>& operator*() const { return weights; }
-  std::vector<double>* operator->() { return &weights; }
-  const std::vector<double>* operator->() const { return &weights; }
+  std::vector<double>& array() { return weights_; }
+  const std::vector<double>& array() const { return weights_; }
+  std::vector<double>& operator*() { return weights_; }
+  const std::vector<double>& operator*() const { return weights_; }
+  std::vector<double>* operator->() { return &weights_; }
+  const std::vector<double>* operator->() const { return &weights_; }
 
   /// Replaces the weights by the biweights of `d` with threshold `c`, in residual order.
   /// A residual of exactly +-c gets weight 0; with c < 0 every weight is 0.
@@ -55,7 +55,7 @@ class QUIB_API RobustM {
   static float get_madn(float mad) { return mad / 0.6745f; }
 
  private:
-  std::vector<double> weights;
+  std::vector<double> weights_;
 };
 
 inline void swap(RobustM& a, RobustM& b) noexcept {

@@ -20,21 +20,21 @@ namespace quib {
 ///       if (slope.is_local(turn, s)) break;  // fires at the last value with turn == 0
 class QUIB_API Slope {
  public:
-  Slope() : direction(0), peak(0.0), rebound(0.0) {}
-  explicit Slope(int dir) : direction(dir), peak(0.0), rebound(0.0) {}
+  Slope() : direction_(0), peak_(0.0), rebound_(0.0) {}
+  explicit Slope(int dir) : direction_(dir), peak_(0.0), rebound_(0.0) {}
 
   /// Sets the direction and forgets the slopes seen so far.
   void dir(int dir) {
-    direction = dir;
-    peak = rebound = 0.0;
+    direction_ = dir;
+    peak_ = rebound_ = 0.0;
   }
-  int dir() const { return direction; }
+  int dir() const { return direction_; }
   /// True when a direction is set.
-  bool is() const { return direction != 0; }
+  bool is() const { return direction_ != 0; }
   /// The strongest slope since the last reset, in the expected direction.
-  double get_peak() const { return peak; }
+  double get_peak() const { return peak_; }
   /// The weakest slope since the peak was last set.
-  double get_rebound() const { return rebound; }
+  double get_rebound() const { return rebound_; }
 
   /// True when the slope's sign is against the direction. Forgets the slopes seen so far;
   /// a slope of exactly 0 sets turn to 0 and returns false.
@@ -45,9 +45,9 @@ class QUIB_API Slope {
   bool is_local(int& turn, double slope);
 
  private:
-  int direction;
-  double peak;
-  double rebound;
+  int direction_;
+  double peak_;
+  double rebound_;
 };
 
 static_assert(std::is_trivially_copyable_v<Slope>);

@@ -9,6 +9,8 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <type_traits>
+#include <utility>
 
 namespace quib {
 
@@ -229,50 +231,25 @@ DicomPixels DicomPixels::create(Dicom const& file, std::uint64_t frame_limit) {
 
 void DicomPixels::clear() {
   std::string kept;
-  kept.swap(error);
+  kept.swap(error_);
   *this = DicomPixels();
-  error.swap(kept);
+  error_.swap(kept);
 }
 
+static_assert(std::is_nothrow_move_constructible_v<DicomPixels> &&
+              std::is_nothrow_move_assignable_v<DicomPixels>);
+
 void DicomPixels::swap(DicomPixels& other) noexcept {
-  std::swap(value, other.value);
-  std::swap(rows, other.rows);
-  std::swap(columns, other.columns);
-  std::swap(samples, other.samples);
-  std::swap(bits_allocated, other.bits_allocated);
-  std::swap(bits_stored, other.bits_stored);
-  std::swap(high_bit, other.high_bit);
-  std::swap(pixel_representation, other.pixel_representation);
-  std::swap(planar_configuration, other.planar_configuration);
-  std::swap(frames, other.frames);
-  std::swap(little, other.little);
-  photometric.swap(other.photometric);
-  frame_photometric.swap(other.frame_photometric);
-  transfer_syntax.swap(other.transfer_syntax);
-  std::swap(pixel_spacing, other.pixel_spacing);
-  std::swap(position, other.position);
-  std::swap(orientation, other.orientation);
-  frame_positions.swap(other.frame_positions);
-  std::swap(slice_thickness, other.slice_thickness);
-  std::swap(rescale_slope, other.rescale_slope);
-  std::swap(rescale_intercept, other.rescale_intercept);
-  windows.swap(other.windows);
-  voi_function.swap(other.voi_function);
-  std::swap(modality_lut_, other.modality_lut_);
-  voi_luts_.swap(other.voi_luts_);
-  std::swap(palette_, other.palette_);
-  fragments.swap(other.fragments);
-  frame_first.swap(other.frame_first);
-  error.swap(other.error);
+  std::swap(*this, other);
 }
 
 bool DicomPixels::fail(std::string const& reason) const {
-  error = reason;
+  error_ = reason;
   return false;
 }
 
 std::uint64_t DicomPixels::get_frame_bytes() const {
-  return std::uint64_t(rows) * std::uint64_t(columns) * std::uint64_t(samples) *
+  return std::uint64_t(rows_) * std::uint64_t(columns_) * std::uint64_t(samples_) *
          std::uint64_t(get_sample_bytes());
 }
 
@@ -284,47 +261,47 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
   clear();
   DicomPixels next;
   auto refuse = [&](std::string const& reason) {
-    error = reason;
+    error_ = reason;
     return false;
   };
-  next.transfer_syntax = file.get_info().syntax;
-  const codec_t codec = detail::codec_of(next.transfer_syntax);
+  next.transfer_syntax_ = file.get_info().syntax;
+  const codec_t codec = detail::codec_of(next.transfer_syntax_);
   if (codec == codec_t::unknown)
-    return refuse("transfer syntax " + next.transfer_syntax + " is not one this library decodes");
-  next.little = codec != codec_t::big_endian;
+    return refuse("transfer syntax " + next.transfer_syntax_ + " is not one this library decodes");
+  next.little_ = codec != codec_t::big_endian;
   auto const* pixel_data = file.find(Dicom::Tag(0x7FE0, 0x0010));
   if (with_pixels && (!pixel_data || pixel_data->empty()))
     return refuse("the file has no pixel data");
 
-  next.rows = int(integer(file, 0x0028, 0x0010));
-  next.columns = int(integer(file, 0x0028, 0x0011));
-  next.samples = int(integer(file, 0x0028, 0x0002));
-  next.bits_allocated = int(integer(file, 0x0028, 0x0100));
-  next.bits_stored = int(integer(file, 0x0028, 0x0101));
-  next.high_bit = int(integer(file, 0x0028, 0x0102));
-  next.pixel_representation = int(integer(file, 0x0028, 0x0103));
-  next.planar_configuration = int(integer(file, 0x0028, 0x0006));
-  if (next.samples < 0) next.samples = 1;
-  if (next.bits_stored < 0) next.bits_stored = next.bits_allocated;
-  if (next.high_bit < 0) next.high_bit = next.bits_stored - 1;
-  if (next.pixel_representation < 0) next.pixel_representation = 0;
-  if (next.planar_configuration < 0 || next.samples == 1) next.planar_configuration = 0;
-  if (next.rows <= 0 || next.columns <= 0) return refuse("Rows or Columns missing or zero");
-  if (next.samples != 1 && next.samples != 3)
-    return refuse("Samples per Pixel of " + std::to_string(next.samples));
-  if (next.bits_allocated != 1 && next.bits_allocated != 8 && next.bits_allocated != 16 &&
-      next.bits_allocated != 32)
-    return refuse("Bits Allocated of " + std::to_string(next.bits_allocated));
-  if (next.bits_stored < 1 || next.bits_stored > next.bits_allocated ||
-      next.high_bit >= next.bits_allocated || next.high_bit < next.bits_stored - 1)
-    return refuse("Bits Stored " + std::to_string(next.bits_stored) + " or High Bit " +
-                  std::to_string(next.high_bit) + " do not fit Bits Allocated");
-  if (next.pixel_representation > 1 || next.planar_configuration > 1)
+  next.rows_ = int(integer(file, 0x0028, 0x0010));
+  next.columns_ = int(integer(file, 0x0028, 0x0011));
+  next.samples_ = int(integer(file, 0x0028, 0x0002));
+  next.bits_allocated_ = int(integer(file, 0x0028, 0x0100));
+  next.bits_stored_ = int(integer(file, 0x0028, 0x0101));
+  next.high_bit_ = int(integer(file, 0x0028, 0x0102));
+  next.pixel_representation_ = int(integer(file, 0x0028, 0x0103));
+  next.planar_configuration_ = int(integer(file, 0x0028, 0x0006));
+  if (next.samples_ < 0) next.samples_ = 1;
+  if (next.bits_stored_ < 0) next.bits_stored_ = next.bits_allocated_;
+  if (next.high_bit_ < 0) next.high_bit_ = next.bits_stored_ - 1;
+  if (next.pixel_representation_ < 0) next.pixel_representation_ = 0;
+  if (next.planar_configuration_ < 0 || next.samples_ == 1) next.planar_configuration_ = 0;
+  if (next.rows_ <= 0 || next.columns_ <= 0) return refuse("Rows or Columns missing or zero");
+  if (next.samples_ != 1 && next.samples_ != 3)
+    return refuse("Samples per Pixel of " + std::to_string(next.samples_));
+  if (next.bits_allocated_ != 1 && next.bits_allocated_ != 8 && next.bits_allocated_ != 16 &&
+      next.bits_allocated_ != 32)
+    return refuse("Bits Allocated of " + std::to_string(next.bits_allocated_));
+  if (next.bits_stored_ < 1 || next.bits_stored_ > next.bits_allocated_ ||
+      next.high_bit_ >= next.bits_allocated_ || next.high_bit_ < next.bits_stored_ - 1)
+    return refuse("Bits Stored " + std::to_string(next.bits_stored_) + " or High Bit " +
+                  std::to_string(next.high_bit_) + " do not fit Bits Allocated");
+  if (next.pixel_representation_ > 1 || next.planar_configuration_ > 1)
     return refuse("Pixel Representation or Planar Configuration out of range");
 
-  next.photometric = text(file, 0x0028, 0x0004);
-  if (next.photometric.empty()) next.photometric = next.samples == 1 ? "MONOCHROME2" : "RGB";
-  bool const ybr422 = next.photometric == "YBR_FULL_422" && next.samples == 3;
+  next.photometric_ = text(file, 0x0028, 0x0004);
+  if (next.photometric_.empty()) next.photometric_ = next.samples_ == 1 ? "MONOCHROME2" : "RGB";
+  bool const ybr422 = next.photometric_ == "YBR_FULL_422" && next.samples_ == 3;
 
   // Number of Frames is an IS: a whole count, nothing else.
   bool const has_frames = file.find(Dicom::Tag(0x0028, 0x0008)) != nullptr;
@@ -333,40 +310,42 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
   file.get_text(Dicom::Tag(0x0028, 0x0008), frame_text);
   if (count < 1 || count > std::numeric_limits<std::int32_t>::max())
     return refuse("Number of Frames is " + frame_text);
-  next.frames = int(count);
+  next.frames_ = int(count);
 
   const std::uint64_t frame_bytes = next.get_frame_bytes();
   if (frame_bytes > frame_limit)
     return refuse("a frame of " + std::to_string(frame_bytes) + " bytes exceeds the limit of " +
                   std::to_string(frame_limit));
 
-  next.frame_photometric = next.photometric;
+  next.frame_photometric_ = next.photometric_;
   bool const native =
       codec == codec_t::native || codec == codec_t::deflated || codec == codec_t::big_endian;
-  std::string const& uid = next.transfer_syntax;
+  std::string const& uid = next.transfer_syntax_;
   bool const lossless_jpeg = uid == "1.2.840.10008.1.2.4.57" || uid == "1.2.840.10008.1.2.4.70";
-  if (native && ybr422) next.frame_photometric = "YBR_FULL";
-  if (next.samples == 3 &&
-      ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric != "RGB") ||
-       (codec == codec_t::j2k && (next.photometric == "YBR_RCT" || next.photometric == "YBR_ICT"))))
-    next.frame_photometric = "RGB";
+  if (native && ybr422) next.frame_photometric_ = "YBR_FULL";
+  if (next.samples_ == 3 &&
+      ((codec == codec_t::jpeg && !lossless_jpeg && next.photometric_ != "RGB") ||
+       (codec == codec_t::j2k &&
+        (next.photometric_ == "YBR_RCT" || next.photometric_ == "YBR_ICT"))))
+    next.frame_photometric_ = "RGB";
   if (!with_pixels) {
     // Attributes only (the first look at a series' files).
   } else if (native) {
     const std::uint64_t size = pixel_data->size();
     // What one frame occupies in the file, in bits.
     std::uint64_t stored = frame_bytes * 8;
-    if (next.bits_allocated == 1) stored = std::uint64_t(next.rows) * next.columns * next.samples;
+    if (next.bits_allocated_ == 1)
+      stored = std::uint64_t(next.rows_) * next.columns_ * next.samples_;
     if (ybr422) {
-      if (next.bits_allocated != 8 || next.columns % 2 != 0)
+      if (next.bits_allocated_ != 8 || next.columns_ % 2 != 0)
         return refuse("uncompressed YBR_FULL_422 needs 8 bits and an even width");
-      stored = std::uint64_t(next.rows) * next.columns * 2 * 8;
+      stored = std::uint64_t(next.rows_) * next.columns_ * 2 * 8;
     }
-    if (std::uint64_t(next.frames) > size * 8 / stored)
+    if (std::uint64_t(next.frames_) > size * 8 / stored)
       return refuse("pixel data holds " + std::to_string(size) + " bytes, too few for " +
-                    std::to_string(next.frames) + " frames");
+                    std::to_string(next.frames_) + " frames");
   } else {
-    if (next.bits_allocated == 1 && codec != codec_t::rle)
+    if (next.bits_allocated_ == 1 && codec != codec_t::rle)
       return refuse("compressed pixel data with 1 bit allocated other than RLE");
     // The items of the value: the Basic Offset Table, then the fragments. A list that ends
     // before the value does holds a fragment that claims more bytes than there are.
@@ -400,35 +379,35 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
       if (!table_lengths.empty()) lengths.push_back(std::uint64_t(length));
     }
     std::vector<std::vector<byte_span>> located;
-    if (!detail::locate_frames(items, std::size_t(next.frames), offsets, lengths, codec, located,
+    if (!detail::locate_frames(items, std::size_t(next.frames_), offsets, lengths, codec, located,
                                reason))
       return refuse(reason);
     for (auto const& frame : located) {
-      next.frame_first.push_back(std::uint32_t(next.fragments.size()));
+      next.frame_first_.push_back(std::uint32_t(next.fragments_.size()));
       for (byte_span const& f : frame)
-        next.fragments.push_back({std::uint64_t(f.data - pixel_data->data()), f.size});
+        next.fragments_.push_back({std::uint64_t(f.data - pixel_data->data()), f.size});
     }
-    next.frame_first.push_back(std::uint32_t(next.fragments.size()));
+    next.frame_first_.push_back(std::uint32_t(next.fragments_.size()));
   }
 
-  next.pixel_spacing = fixed<2>(file, 0x0028, 0x0030);
-  next.position = fixed<3>(file, 0x0020, 0x0032);
-  next.orientation = fixed<6>(file, 0x0020, 0x0037);
+  next.pixel_spacing_ = fixed<2>(file, 0x0028, 0x0030);
+  next.position_ = fixed<3>(file, 0x0020, 0x0032);
+  next.orientation_ = fixed<6>(file, 0x0020, 0x0037);
   auto const thickness = numbers(file, 0x0018, 0x0050);
-  next.slice_thickness = thickness.size() == 1 ? thickness[0] : kNaN;
+  next.slice_thickness_ = thickness.size() == 1 ? thickness[0] : kNaN;
 
   // Multi-frame files with functional groups: each frame's position, and the shared (else the
   // first frame's) orientation, pixel spacing and thickness where the top level has none.
   std::vector<Dicom> per_frame, shared;
   file.read_items(Dicom::Tag(0x5200, 0x9229), shared);
-  if (file.read_items(Dicom::Tag(0x5200, 0x9230), per_frame) == next.frames) {
+  if (file.read_items(Dicom::Tag(0x5200, 0x9230), per_frame) == next.frames_) {
     for (Dicom const& item : per_frame) {
       auto const p = grouped(item, 0x0020, 0x9113, 0x0020, 0x0032);
       if (p.size() != 3) {
-        next.frame_positions.clear();
+        next.frame_positions_.clear();
         break;
       }
-      next.frame_positions.push_back({p[0], p[1], p[2]});
+      next.frame_positions_.push_back({p[0], p[1], p[2]});
     }
   }
   for (auto const* groups :
@@ -440,38 +419,38 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
       if (!std::isfinite(target[0]) && v.size() == target.size())
         std::copy(v.begin(), v.end(), target.begin());
     };
-    fill(next.orientation, 0x0020, 0x9116, 0x0020, 0x0037);    // Plane Orientation
-    fill(next.pixel_spacing, 0x0028, 0x9110, 0x0028, 0x0030);  // Pixel Measures
-    std::array<double, 1> thickness_value{next.slice_thickness};
+    fill(next.orientation_, 0x0020, 0x9116, 0x0020, 0x0037);    // Plane Orientation
+    fill(next.pixel_spacing_, 0x0028, 0x9110, 0x0028, 0x0030);  // Pixel Measures
+    std::array<double, 1> thickness_value{next.slice_thickness_};
     fill(thickness_value, 0x0028, 0x9110, 0x0018, 0x0050);
-    next.slice_thickness = thickness_value[0];
+    next.slice_thickness_ = thickness_value[0];
   }
-  if (!std::isfinite(next.position[0]) && !next.frame_positions.empty())
-    next.position = next.frame_positions[0];
+  if (!std::isfinite(next.position_[0]) && !next.frame_positions_.empty())
+    next.position_ = next.frame_positions_[0];
 
   auto const slope = numbers(file, 0x0028, 0x1053), intercept = numbers(file, 0x0028, 0x1052);
-  if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope = slope[0];
-  if (intercept.size() == 1 && std::isfinite(intercept[0])) next.rescale_intercept = intercept[0];
+  if (slope.size() == 1 && std::isfinite(slope[0]) && slope[0] != 0) next.rescale_slope_ = slope[0];
+  if (intercept.size() == 1 && std::isfinite(intercept[0])) next.rescale_intercept_ = intercept[0];
   auto const centers = numbers(file, 0x0028, 0x1050), widths = numbers(file, 0x0028, 0x1051);
   for (std::size_t i = 0; i < centers.size() && i < widths.size(); ++i)
     if (std::isfinite(centers[i]) && std::isfinite(widths[i]) && widths[i] >= 1)
-      next.windows.push_back({centers[i], widths[i]});
-  next.voi_function = text(file, 0x0028, 0x1056);
-  if (next.voi_function != "LINEAR_EXACT" && next.voi_function != "SIGMOID")
-    next.voi_function = "LINEAR";
+      next.windows_.push_back({centers[i], widths[i]});
+  next.voi_function_ = text(file, 0x0028, 0x1056);
+  if (next.voi_function_ != "LINEAR_EXACT" && next.voi_function_ != "SIGMOID")
+    next.voi_function_ = "LINEAR";
   // Lookup tables: the modality LUT replaces slope and intercept; VOI LUTs take the modality
   // output, which can be negative when the stored values or the intercept are.
-  bool const is_signed = next.pixel_representation == 1;
+  bool const is_signed = next.pixel_representation_ == 1;
   std::vector<Dicom> luts;
   if (file.read_items(Dicom::Tag(0x0028, 0x3000), luts) > 0)
     next.modality_lut_ =
         detail::read_lookup_table(luts[0], 0x3002, 0x3006, 0, is_signed, "the modality LUT");
-  bool const negative = is_signed || (!next.modality_lut_.is() && next.rescale_intercept < 0);
+  bool const negative = is_signed || (!next.modality_lut_.is() && next.rescale_intercept_ < 0);
   if (file.read_items(Dicom::Tag(0x0028, 0x3010), luts) > 0)
     for (Dicom const& item : luts)
       next.voi_luts_.push_back(
           detail::read_lookup_table(item, 0x3002, 0x3006, 0, negative, "a VOI LUT"));
-  if (next.photometric == "PALETTE COLOR") {
+  if (next.photometric_ == "PALETTE COLOR") {
     char const* names[3] = {"the red palette", "the green palette", "the blue palette"};
     for (int c = 0; c < 3; ++c) {
       auto const n = std::uint16_t(c);
@@ -480,18 +459,18 @@ bool DicomPixels::load(Dicom const& file, std::uint64_t frame_limit, bool with_p
                                     std::uint16_t(0x1221 + n), is_signed, names[c]);
     }
   }
-  next.value = with_pixels ? pixel_data : nullptr;
+  next.value_ = with_pixels ? pixel_data : nullptr;
   swap(next);
   return true;
 }
 
 bool DicomPixels::decode(int frame, Image& out) const {
   if (empty()) return fail("no pixel data loaded");
-  int const bits = 8 * get_sample_bytes() * samples;
+  int const bits = 8 * get_sample_bytes() * samples_;
   color_type color = color_type::grey;
-  if (samples == 3)
-    color = frame_photometric.compare(0, 3, "YBR") == 0 ? color_type::ycc : color_type::rgb;
-  Image next(columns, rows, bits, 1, color);
+  if (samples_ == 3)
+    color = frame_photometric_.compare(0, 3, "YBR") == 0 ? color_type::ycc : color_type::rgb;
+  Image next(columns_, rows_, bits, 1, color);
   if (!decode(frame, next.getBuffer(), next.getBufferSize())) return false;
   out.swap(next);
   return true;
@@ -499,18 +478,18 @@ bool DicomPixels::decode(int frame, Image& out) const {
 
 bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
   if (empty()) return fail("no pixel data loaded");
-  if (frame < 0 || frame >= frames)
-    return fail("frame " + std::to_string(frame) + " of " + std::to_string(frames) + " frames");
+  if (frame < 0 || frame >= frames_)
+    return fail("frame " + std::to_string(frame) + " of " + std::to_string(frames_) + " frames");
   const std::uint64_t frame_bytes = get_frame_bytes();
   if (size < frame_bytes) return fail("the buffer is smaller than a frame");
   auto* out = static_cast<unsigned char*>(target);
   int const bytes = get_sample_bytes();
-  const std::size_t pixels = std::size_t(rows) * std::size_t(columns);
-  const std::size_t count = pixels * std::size_t(samples);
-  unsigned char const* data = value->data();
+  const std::size_t pixels = std::size_t(rows_) * std::size_t(columns_);
+  const std::size_t count = pixels * std::size_t(samples_);
+  unsigned char const* data = value_->data();
 
-  if (fragments.empty()) {
-    if (bits_allocated == 1) {
+  if (fragments_.empty()) {
+    if (bits_allocated_ == 1) {
       const std::uint64_t first = std::uint64_t(frame) * count;
       for (std::size_t i = 0; i < count; ++i) {
         const std::uint64_t bit = first + i;
@@ -518,7 +497,7 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
       }
       return true;
     }
-    if (photometric == "YBR_FULL_422" && samples == 3) {
+    if (photometric_ == "YBR_FULL_422" && samples_ == 3) {
       // Y1 Y2 Cb Cr for each pair of pixels: both take the pair's Cb and Cr.
       unsigned char const* in = data + std::size_t(frame) * pixels * 2;
       for (std::size_t p = 0; p < pixels; p += 2, in += 4) {
@@ -529,15 +508,15 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
       return true;
     }
     unsigned char const* in = data + std::size_t(frame) * std::size_t(frame_bytes);
-    bool const swap = little != detail::kHostLittle && bytes > 1;
-    if (planar_configuration == 0 && !swap) {  // the common case: one pass
-      fit_samples(in, out, count, bytes, bits_stored, pixel_representation == 1);
+    bool const swap = little_ != detail::kHostLittle && bytes > 1;
+    if (planar_configuration_ == 0 && !swap) {  // the common case: one pass
+      fit_samples(in, out, count, bytes, bits_stored_, pixel_representation_ == 1);
       return true;
     }
-    if (planar_configuration == 1) {
-      for (std::size_t c = 0; c < std::size_t(samples); ++c)
+    if (planar_configuration_ == 1) {
+      for (std::size_t c = 0; c < std::size_t(samples_); ++c)
         for (std::size_t p = 0; p < pixels; ++p)
-          std::memcpy(out + (p * samples + c) * bytes, in + (c * pixels + p) * bytes, bytes);
+          std::memcpy(out + (p * samples_ + c) * bytes, in + (c * pixels + p) * bytes, bytes);
     } else {
       std::memcpy(out, in, std::size_t(frame_bytes));
     }
@@ -548,26 +527,26 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
       }
     }
   } else {
-    const std::uint32_t first = frame_first[std::size_t(frame)];
-    const std::uint32_t last = frame_first[std::size_t(frame) + 1];
+    const std::uint32_t first = frame_first_[std::size_t(frame)];
+    const std::uint32_t last = frame_first_[std::size_t(frame) + 1];
     std::vector<unsigned char> joined;
-    byte_span stream{data + fragments[first][0], std::size_t(fragments[first][1])};
+    byte_span stream{data + fragments_[first][0], std::size_t(fragments_[first][1])};
     if (last - first > 1) {
       for (std::uint32_t i = first; i < last; ++i)
-        joined.insert(joined.end(), data + fragments[i][0],
-                      data + fragments[i][0] + fragments[i][1]);
+        joined.insert(joined.end(), data + fragments_[i][0],
+                      data + fragments_[i][0] + fragments_[i][1]);
       stream = {joined.data(), joined.size()};
     }
     detail::frame_layout layout;
-    layout.rows = rows;
-    layout.columns = columns;
-    layout.samples = samples;
+    layout.rows = rows_;
+    layout.columns = columns_;
+    layout.samples = samples_;
     layout.bytes = bytes;
-    layout.bits_stored = bits_stored;
-    layout.ycbcr_to_rgb = frame_photometric == "RGB" && photometric != "RGB";
-    layout.packed_bits = bits_allocated == 1;
+    layout.bits_stored = bits_stored_;
+    layout.ycbcr_to_rgb = frame_photometric_ == "RGB" && photometric_ != "RGB";
+    layout.packed_bits = bits_allocated_ == 1;
     detail::decode_result result;
-    switch (detail::codec_of(transfer_syntax)) {
+    switch (detail::codec_of(transfer_syntax_)) {
       case codec_t::rle:
         result = detail::decode_rle(stream, layout, out);
         break;
@@ -581,12 +560,12 @@ bool DicomPixels::decode(int frame, void* target, std::uint64_t size) const {
         result = detail::decode_j2k(stream, layout, out);
         break;
       default:
-        result.error = "no decoder for " + transfer_syntax;
+        result.error = "no decoder for " + transfer_syntax_;
     }
     if (!result.ok) return fail("frame " + std::to_string(frame) + ": " + result.error);
   }
 
-  fit_samples(out, out, count, bytes, bits_stored, pixel_representation == 1);
+  fit_samples(out, out, count, bytes, bits_stored_, pixel_representation_ == 1);
   return true;
 }
 

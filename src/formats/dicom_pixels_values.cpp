@@ -76,11 +76,11 @@ void rescale_samples(unsigned char const* in, std::size_t count, int bytes, bool
 
 bool DicomPixels::make_values(unsigned char const* in, std::size_t count,
                               unsigned char* out) const {
-  bool const is_signed = pixel_representation == 1;
+  bool const is_signed = pixel_representation_ == 1;
   if (!modality_lut_.error.empty()) return fail(modality_lut_.error);
   if (!modality_lut_.is()) {
-    detail::rescale_samples(in, count, get_sample_bytes(), is_signed, rescale_slope,
-                            rescale_intercept, out);
+    detail::rescale_samples(in, count, get_sample_bytes(), is_signed, rescale_slope_,
+                            rescale_intercept_, out);
     return true;
   }
   for_each_sample(in, count, get_sample_bytes(), is_signed, [&](std::size_t i, std::int64_t v) {
@@ -91,11 +91,11 @@ bool DicomPixels::make_values(unsigned char const* in, std::size_t count,
 }
 
 bool DicomPixels::decode_values(int frame, Image& out) const {
-  if (samples != 1) return fail("real values need one sample per pixel");
+  if (samples_ != 1) return fail("real values need one sample per pixel");
   Image raw;
   if (!decode(frame, raw)) return false;
-  Image next(columns, rows, 32, 1, color_type::grey);
-  if (!make_values(raw.getBuffer(), std::size_t(rows) * columns, next.getBuffer())) return false;
+  Image next(columns_, rows_, 32, 1, color_type::grey);
+  if (!make_values(raw.getBuffer(), std::size_t(rows_) * columns_, next.getBuffer())) return false;
   out.swap(next);
   return true;
 }
@@ -103,10 +103,10 @@ bool DicomPixels::decode_values(int frame, Image& out) const {
 bool DicomPixels::decode_values16(int frame, Image& out) const {
   Image values;
   if (!decode_values(frame, values)) return false;
-  Image next(columns, rows, 16, 1, color_type::grey);
+  Image next(columns_, rows_, 16, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
   auto const* from = reinterpret_cast<float const*>(values.getBuffer());
-  for (std::size_t i = 0, n = std::size_t(rows) * columns; i < n; ++i) {
+  for (std::size_t i = 0, n = std::size_t(rows_) * columns_; i < n; ++i) {
     double const r = std::nearbyint(double(from[i]));
     if (!(r >= -32768 && r <= 32767)) return fail("a rescaled value does not fit 16 bits");
     auto const v = static_cast<std::int16_t>(r);
@@ -117,7 +117,7 @@ bool DicomPixels::decode_values16(int frame, Image& out) const {
 }
 
 bool DicomPixels::decode_display(int frame, Image& out, int window) const {
-  if (photometric == "PALETTE COLOR" && samples == 1) {
+  if (photometric_ == "PALETTE COLOR" && samples_ == 1) {
     for (LookupTable const& table : palette_) {
       if (!table.error.empty()) return fail(table.error);
       if (!table.is()) return fail("a PALETTE COLOR file without its palette");
@@ -125,12 +125,12 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   }
   Image raw;
   if (!decode(frame, raw)) return false;
-  const std::size_t pixels = std::size_t(rows) * columns;
+  const std::size_t pixels = std::size_t(rows_) * columns_;
   int const bytes = get_sample_bytes();
-  bool const is_signed = pixel_representation == 1;
+  bool const is_signed = pixel_representation_ == 1;
 
-  if (photometric == "PALETTE COLOR" && samples == 1) {
-    Image next(columns, rows, 24, 1, color_type::rgb);
+  if (photometric_ == "PALETTE COLOR" && samples_ == 1) {
+    Image next(columns_, rows_, 24, 1, color_type::rgb);
     unsigned char* to = next.getBuffer();
     for_each_sample(raw.getBuffer(), pixels, bytes, is_signed, [&](std::size_t i, std::int64_t v) {
       for (int c = 0; c < 3; ++c) {
@@ -143,14 +143,14 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
     return true;
   }
 
-  if (samples == 3) {
-    Image next(columns, rows, 24, 1, color_type::rgb);
+  if (samples_ == 3) {
+    Image next(columns_, rows_, 24, 1, color_type::rgb);
     unsigned char* to = next.getBuffer();
-    int const shift = bits_stored > 8 ? bits_stored - 8 : 0;
+    int const shift = bits_stored_ > 8 ? bits_stored_ - 8 : 0;
     for_each_sample(raw.getBuffer(), pixels * 3, bytes, false, [&](std::size_t i, std::int64_t v) {
       to[i] = static_cast<unsigned char>(std::clamp<std::int64_t>(v >> shift, 0, 255));
     });
-    if (frame_photometric == "YBR_FULL") {
+    if (frame_photometric_ == "YBR_FULL") {
       for (std::size_t p = 0; p < pixels; ++p) {
         unsigned char* px = to + 3 * p;
         double const y = px[0], cb = px[1] - 128.0, cr = px[2] - 128.0;
@@ -168,9 +168,9 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
   if (!make_values(raw.getBuffer(), pixels, reinterpret_cast<unsigned char*>(values.data())))
     return false;
   std::size_t const luts = voi_luts_.size();
-  Image next(columns, rows, 8, 1, color_type::grey);
+  Image next(columns_, rows_, 8, 1, color_type::grey);
   unsigned char* to = next.getBuffer();
-  bool const invert = photometric == "MONOCHROME1";
+  bool const invert = photometric_ == "MONOCHROME1";
   if (window >= 0 && std::size_t(window) < luts) {
     LookupTable const& table = voi_luts_[std::size_t(window)];
     if (!table.is())
@@ -185,10 +185,10 @@ bool DicomPixels::decode_display(int frame, Image& out, int window) const {
     return true;
   }
   double center, width;
-  std::string function = voi_function;
-  if (window >= 0 && std::size_t(window) - luts < windows.size()) {
-    center = windows[std::size_t(window) - luts][0];
-    width = windows[std::size_t(window) - luts][1];
+  std::string function = voi_function_;
+  if (window >= 0 && std::size_t(window) - luts < windows_.size()) {
+    center = windows_[std::size_t(window) - luts][0];
+    width = windows_[std::size_t(window) - luts][1];
   } else {
     auto const [lo, hi] = std::minmax_element(values.begin(), values.end());
     center = (double(*lo) + double(*hi)) / 2;

@@ -123,10 +123,10 @@ std::size_t run_in_order(std::size_t count, int threads, std::string& reason, Wo
 
 void DicomVolume::clear() {
   std::string kept;
-  kept.swap(error);
+  kept.swap(error_);
   int const threads = threads_;
   *this = DicomVolume();
-  error.swap(kept);
+  error_.swap(kept);
   threads_ = threads;
 }
 
@@ -140,21 +140,21 @@ int DicomVolume::get_threads() const {
 }
 
 void DicomVolume::swap(DicomVolume& other) noexcept {
-  data.swap(other.data);
-  std::swap(size, other.size);
-  std::swap(samples, other.samples);
-  std::swap(sample_bytes, other.sample_bytes);
-  std::swap(spacing, other.spacing);
-  std::swap(origin, other.origin);
-  std::swap(direction, other.direction);
-  sample_type.swap(other.sample_type);
-  series_uid.swap(other.series_uid);
-  error.swap(other.error);
+  data_.swap(other.data_);
+  std::swap(size_, other.size_);
+  std::swap(samples_, other.samples_);
+  std::swap(sample_bytes_, other.sample_bytes_);
+  std::swap(spacing_, other.spacing_);
+  std::swap(origin_, other.origin_);
+  std::swap(direction_, other.direction_);
+  sample_type_.swap(other.sample_type_);
+  series_uid_.swap(other.series_uid_);
+  error_.swap(other.error_);
   std::swap(threads_, other.threads_);
 }
 
 std::uint64_t DicomVolume::get_bytes() const {
-  return data ? std::uint64_t(size[0]) * size[1] * size[2] * samples * sample_bytes : 0;
+  return data_ ? std::uint64_t(size_[0]) * size_[1] * size_[2] * samples_ * sample_bytes_ : 0;
 }
 
 bool DicomVolume::load(std::wstring const& path, bool rescaled, std::string const& series) {
@@ -170,7 +170,7 @@ bool DicomVolume::load(std::wstring const& path, bool rescaled, std::string cons
       files.push_back(name.wstring());
     if (files.empty()) {
       clear();
-      error = "the folder holds no files";
+      error_ = "the folder holds no files";
       return false;
     }
     return load(files, rescaled, series);
@@ -182,7 +182,7 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
                        std::string const& series) {
   clear();
   auto refuse = [&](std::string const& reason) {
-    error = reason;
+    error_ = reason;
     return false;
   };
 
@@ -381,21 +381,21 @@ bool DicomVolume::load(std::vector<std::wstring> const& files, bool rescaled,
     return refuse(reason);
 
   DicomVolume next;
-  next.data = std::move(voxels);
-  next.size = {first.columns, first.rows, depth};
-  next.samples = first.samples;
-  next.sample_bytes = out_bytes;
-  next.sample_type =
+  next.data_ = std::move(voxels);
+  next.size_ = {first.columns, first.rows, depth};
+  next.samples_ = first.samples;
+  next.sample_bytes_ = out_bytes;
+  next.sample_type_ =
       rescaled ? "float32"
                : std::string(first.representation ? "int" : "uint") + std::to_string(8 * bytes);
   auto const ps = first.pixel_spacing;
   bool const has_spacing = finite(ps.data(), 2) && ps[0] > 0 && ps[1] > 0;
-  next.spacing = {has_spacing ? ps[1] : 1.0, has_spacing ? ps[0] : 1.0, step};
+  next.spacing_ = {has_spacing ? ps[1] : 1.0, has_spacing ? ps[0] : 1.0, step};
   auto const& start = slices.front().position;
-  next.origin = finite(start.data(), 3) ? start : std::array<double, 3>{0, 0, 0};
-  next.direction = {row[0],    row[1],    row[2],    column[0], column[1],
-                    column[2], normal[0], normal[1], normal[2]};
-  next.series_uid = chosen->first;
+  next.origin_ = finite(start.data(), 3) ? start : std::array<double, 3>{0, 0, 0};
+  next.direction_ = {row[0],    row[1],    row[2],    column[0], column[1],
+                     column[2], normal[0], normal[1], normal[2]};
+  next.series_uid_ = chosen->first;
   next.threads_ = threads_;
   swap(next);
   return true;

@@ -45,9 +45,9 @@ std::unique_ptr<T[]> unfilled(std::size_t n) {
 // meshes number their points in order of first appearance, so the buckets that neighbouring
 // triangles touch lie close together in memory, where a hash table's slots would be scattered.
 // A bucket holds the edges of one point, a handful in a usual mesh, all of a fan's hub.
-class EdgeBuckets {
+class edge_buckets {
  public:
-  explicit EdgeBuckets(std::size_t points) { fill_fresh<std::size_t>(start_, points + 1, 0); }
+  explicit edge_buckets(std::size_t points) { fill_fresh<std::size_t>(start_, points + 1, 0); }
 
   // First pass: notes one run between two different points.
   void count(std::uint32_t from, std::uint32_t to) { ++start_[std::min(from, to) + 1]; }
@@ -106,9 +106,9 @@ class EdgeBuckets {
 };
 
 // Union-find over point indices, with path halving; -1 marks a point no triangle uses.
-class PointGroups {
+class point_groups {
  public:
-  explicit PointGroups(std::size_t points) { fill_fresh<std::int32_t>(parent_, points, -1); }
+  explicit point_groups(std::size_t points) { fill_fresh<std::int32_t>(parent_, points, -1); }
 
   void join(std::int32_t a, std::int32_t b) {
     a = find(a), b = find(b);
@@ -141,7 +141,7 @@ class PointGroups {
 // first finite triangle), in double: twice the area, 6 x the volume, 24 x the first moment and
 // 120 x the second moments xx, yy, zz, xy, xz, yz (the tetrahedra from the reference over every
 // triangle, signed by its orientation), and the box of the finite corners.
-struct Sums {
+struct triangle_sums {
   bool measured = false;  // a finite triangle was found
   Vector reference = Vector::Zero();
   double area2 = 0, volume6 = 0;
@@ -156,39 +156,39 @@ struct Sums {
 // The geometry is written once over a point type V with the operations below, and built for
 // two: three doubles (scalar code, any processor) and a vector of four doubles (x, y, z, 0)
 // that AVX2 holds in one register. Both do the same operations in the same order.
-struct Triple {
+struct triple {
   double v[3];
   double operator[](int i) const { return v[i]; }
 };
-inline Triple operator+(Triple const& a, Triple const& b) {
+inline triple operator+(triple const& a, triple const& b) {
   return {{a[0] + b[0], a[1] + b[1], a[2] + b[2]}};
 }
-inline Triple operator-(Triple const& a, Triple const& b) {
+inline triple operator-(triple const& a, triple const& b) {
   return {{a[0] - b[0], a[1] - b[1], a[2] - b[2]}};
 }
-inline Triple operator-(Triple const& a) {
+inline triple operator-(triple const& a) {
   return {{-a[0], -a[1], -a[2]}};
 }
-inline Triple operator*(double s, Triple const& a) {
+inline triple operator*(double s, triple const& a) {
   return {{s * a[0], s * a[1], s * a[2]}};
 }
-inline Triple& operator+=(Triple& a, Triple const& b) {
+inline triple& operator+=(triple& a, triple const& b) {
   return a = a + b;
 }
-inline Triple widen(Stl::Point const& p, Triple const*) {
+inline triple widen(Stl::Point const& p, triple const*) {
   return {{double(p[0]), double(p[1]), double(p[2])}};
 }
-inline Triple mul(Triple const& a, Triple const& b) {
+inline triple mul(triple const& a, triple const& b) {
   return {{a[0] * b[0], a[1] * b[1], a[2] * b[2]}};
 }
-inline Triple lower(Triple const& a, Triple const& b) {
+inline triple lower(triple const& a, triple const& b) {
   return {{a[0] < b[0] ? a[0] : b[0], a[1] < b[1] ? a[1] : b[1], a[2] < b[2] ? a[2] : b[2]}};
 }
-inline Triple upper(Triple const& a, Triple const& b) {
+inline triple upper(triple const& a, triple const& b) {
   return {{a[0] > b[0] ? a[0] : b[0], a[1] > b[1] ? a[1] : b[1], a[2] > b[2] ? a[2] : b[2]}};
 }
 // (y, z, x).
-inline Triple turn(Triple const& a) {
+inline triple turn(triple const& a) {
   return {{a[1], a[2], a[0]}};
 }
 
@@ -242,7 +242,7 @@ bool finite(V const& v) {
 
 // The geometric sums, one triangle at a time.
 template <class V>
-class Geometry {
+class geometry {
  public:
   void add(Stl::Point const& point_a, Stl::Point const& point_b, Stl::Point const& point_c) {
     const V pa = widen(point_a, nullptr_), pb = widen(point_b, nullptr_),
@@ -270,7 +270,7 @@ class Geometry {
     across_ += det * (mul(a, turn(a)) + mul(b, turn(b)) + mul(c, turn(c)) + mul(s, turn(s)));
   }
 
-  void finish(Sums& out) const {
+  void finish(triangle_sums& out) const {
     out.measured = measured_;
     out.reference = Vector(r_[0], r_[1], r_[2]);
     out.area2 = area2_;
@@ -298,19 +298,19 @@ class Geometry {
 };
 
 // What the first pass finds besides the edges and parts.
-struct FirstPass {
+struct first_pass_result {
   std::size_t corners = 0;  // three per measured triangle
   std::int64_t other_polygons = 0;
   std::int64_t invalid_polygons = 0;
-  Sums sums;
+  triangle_sums sums;
 };
 
 // The one pass over the polygons: the corners of the measured triangles into `corners`, their
 // edge runs counted, their points joined, their geometry summed (with points of type V).
 template <class V>
 void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
-                EdgeBuckets& edge_runs, PointGroups& groups, std::uint32_t* corners,
-                FirstPass& out) {
+                edge_buckets& edge_runs, point_groups& groups, std::uint32_t* corners,
+                first_pass_result& out) {
   const std::size_t point_count = points.size();
   // Indices fit in 32 bits; a polygon naming anything else is invalid.
   auto const valid = [&](Stl::Polygon const& p) {
@@ -321,7 +321,7 @@ void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon>
   };
   std::uint32_t* corner = corners;
   std::int64_t others = 0, invalid = 0;
-  Geometry<V> geometry;
+  geometry<V> geometry;
   Stl::Point const* at = points.data();
   for (Stl::Polygon const& p : polygons) {
     others += p.size() != 3;
@@ -351,19 +351,19 @@ void first_pass(std::vector<Stl::Point> const& points, std::vector<Stl::Polygon>
 #if defined(__x86_64__) && defined(__GNUC__)
 __attribute__((target("avx2"), flatten)) void first_pass_avx2(
     std::vector<Stl::Point> const& points, std::vector<Stl::Polygon> const& polygons,
-    EdgeBuckets& edge_runs, PointGroups& groups, std::uint32_t* corners, FirstPass& out) {
+    edge_buckets& edge_runs, point_groups& groups, std::uint32_t* corners, first_pass_result& out) {
   first_pass<v4d>(points, polygons, edge_runs, groups, corners, out);
 }
 #endif
 
 void run_first_pass(std::vector<Stl::Point> const& points,
-                    std::vector<Stl::Polygon> const& polygons, EdgeBuckets& edge_runs,
-                    PointGroups& groups, std::uint32_t* corners, FirstPass& out) {
+                    std::vector<Stl::Polygon> const& polygons, edge_buckets& edge_runs,
+                    point_groups& groups, std::uint32_t* corners, first_pass_result& out) {
 #if defined(__x86_64__) && defined(__GNUC__)
   static bool const avx2 = __builtin_cpu_supports("avx2");
   if (avx2) return first_pass_avx2(points, polygons, edge_runs, groups, corners, out);
 #endif
-  first_pass<Triple>(points, polygons, edge_runs, groups, corners, out);
+  first_pass<triple>(points, polygons, edge_runs, groups, corners, out);
 }
 
 }  // namespace
@@ -379,11 +379,11 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   clear();
   polygons = static_cast<std::int64_t>(polygons_in.size());
   const std::size_t point_count = points.size();
-  EdgeBuckets edge_runs(point_count);
-  PointGroups groups(point_count);
+  edge_buckets edge_runs(point_count);
+  point_groups groups(point_count);
   // The corners of the measured triangles, for the pass over the edges.
   const std::unique_ptr<std::uint32_t[]> corners = unfilled<std::uint32_t>(3 * polygons_in.size());
-  FirstPass first;
+  first_pass_result first;
   run_first_pass(points, polygons_in, edge_runs, groups, corners.get(), first);
   other_polygons = first.other_polygons;
   invalid_polygons = first.invalid_polygons;
@@ -406,7 +406,7 @@ MeshMeasures::MeshMeasures(std::vector<Stl::Point> const& points,
   closed = triangles > 0 && boundary_edges == 0 && non_manifold_edges == 0 && edges > 0;
   oriented = triangles > 0 && inconsistent_edges == 0;
 
-  Sums const& sums = first.sums;
+  triangle_sums const& sums = first.sums;
   non_finite_triangles = sums.non_finite;
   degenerate_triangles = sums.degenerate;
   solid = closed && oriented && invalid_polygons == 0 && non_finite_triangles == 0;

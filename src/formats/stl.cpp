@@ -31,23 +31,23 @@ constexpr std::size_t kFirstRecord = kHeaderBytes + 4;
 // whole mesh when the lists outgrow it.
 constexpr std::size_t kAsciiFacetBytes = 128;
 
-enum class Encoding { unknown, binary, ascii };
+enum class encoding_t { unknown, binary, ascii };
 
 // The size test first: a file of exactly 84 + 50 x the count at byte 80 is binary, whatever
 // its header says. Otherwise the text test, over the source from its start.
 template <class Source>
-Encoding detect(Source& source) {
+encoding_t detect(Source& source) {
   const std::string_view head = source.head(kFirstRecord);
   if (head.size() == kFirstRecord) {
     const std::uint64_t count = load_le<std::uint32_t>(head.data() + kHeaderBytes);
-    if (source.size() == count * kRecordBytes + kFirstRecord) return Encoding::binary;
+    if (source.size() == count * kRecordBytes + kFirstRecord) return encoding_t::binary;
   }
-  if (!source.restart(0)) return Encoding::unknown;
-  detail::StlTextDetector text;
+  if (!source.restart(0)) return encoding_t::unknown;
+  detail::stl_text_detector text;
   for (std::string_view lines = source.next(0); !lines.empty() && !text.decided();
        lines = source.next(0))
     text.feed(lines);
-  return text.decided() ? Encoding::ascii : Encoding::unknown;
+  return text.decided() ? encoding_t::ascii : encoding_t::unknown;
 }
 
 // Reads name, points and polygons from `source`; returns the number of polygons, or -1 (the
@@ -55,17 +55,17 @@ Encoding detect(Source& source) {
 template <class Source>
 int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>& points,
               std::vector<Polygon>& polygons, Stl::Info& info) {
-  const Encoding encoding = detect(source);
-  if (encoding == Encoding::unknown) return -1;
+  const encoding_t encoding = detect(source);
+  if (encoding == encoding_t::unknown) return -1;
 
-  if (encoding == Encoding::binary) {
+  if (encoding == encoding_t::binary) {
     const std::string_view header = source.head(kHeaderBytes);
     std::size_t n = 0;
     while (n < header.size() && static_cast<signed char>(header[n]) > 32)
       ++n;
     name.assign(header.data(), n);
     // The size test has tied the count to the file's length; records are read to the end.
-    detail::MeshBuilder mesh(merge, (source.size() - kFirstRecord) / kRecordBytes);
+    detail::mesh_builder mesh(merge, (source.size() - kFirstRecord) / kRecordBytes);
     if (!source.restart(kFirstRecord)) return -1;
     // Merging looks up records a few ahead, so that their table slots arrive from memory
     // while the records before them are handled.
@@ -89,7 +89,7 @@ int read_mesh(Source& source, bool merge, std::string& name, std::vector<Point>&
     return static_cast<int>(polygons.size());
   }
 
-  detail::StlTextReader text(merge, static_cast<std::size_t>(source.size() / kAsciiFacetBytes));
+  detail::stl_text_reader text(merge, static_cast<std::size_t>(source.size() / kAsciiFacetBytes));
   if (!source.restart(0)) return -1;
   for (std::string_view lines = source.next(0); !lines.empty(); lines = source.next(0))
     if (!text.feed(lines)) return -1;
@@ -134,7 +134,7 @@ Stl& Stl::operator=(Stl&&) noexcept = default;
 Stl::~Stl() = default;
 
 int Stl::load(std::wstring const& path, bool merge) {
-  detail::FileSource file;
+  detail::file_source file;
   auto const native = detail::native_path(path);
   if (!native || !file.open(*native)) {
     clear();
@@ -145,7 +145,7 @@ int Stl::load(std::wstring const& path, bool merge) {
 }
 
 int Stl::load_buffer(void const* data, std::size_t size, bool merge) {
-  detail::MemorySource bytes(std::string_view(static_cast<char const*>(data), data ? size : 0));
+  detail::memory_source bytes(std::string_view(static_cast<char const*>(data), data ? size : 0));
   return load_from(bytes, merge, *this, info_);
 }
 
@@ -199,7 +199,7 @@ int Stl::compress() {
   std::vector<int> corners(3 * count);
   std::vector<Point> points;
   points.reserve(std::min(points_.size(), 3 * count));
-  detail::PointTable table(count / 2);
+  detail::point_table table(count / 2);
   // Looks up the corners of polygons a few ahead, so that their table slots arrive from memory
   // while the polygons before them are handled.
   constexpr std::size_t kAhead = 8;

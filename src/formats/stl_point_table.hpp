@@ -37,16 +37,16 @@ inline std::uint32_t bits_of(float v) {
 // nothing, not even itself, so it never enters the table. Open addressing with linear probing
 // over a well-mixed hash keeps grid-like coordinates (many equal low bits) as fast as random
 // ones.
-class PointTable {
+class point_table {
  public:
   // Room for `expected` points before the table grows.
-  explicit PointTable(std::size_t expected) {
+  explicit point_table(std::size_t expected) {
     std::size_t capacity = 16;
     while (capacity < 2 * expected)
       capacity <<= 1;
     slots_.reserve(capacity);
-    advise_huge_pages(slots_.data(), capacity * sizeof(Slot));
-    slots_.assign(capacity, Slot{0, 0, 0, -1});
+    advise_huge_pages(slots_.data(), capacity * sizeof(slot));
+    slots_.assign(capacity, slot{0, 0, 0, -1});
   }
 
   // Starts fetching the slot where the search for the point with these coordinate bits
@@ -70,18 +70,18 @@ class PointTable {
     const std::size_t mask = slots_.size() - 1;
     std::size_t i = hash(x, y, z) & mask;
     for (;; i = (i + 1) & mask) {
-      Slot& s = slots_[i];
+      slot& s = slots_[i];
       if (s.index < 0) break;
       if (s.x == x && s.y == y && s.z == z) return s.index;
     }
     int const n = append(p, points);
-    slots_[i] = Slot{x, y, z, n};
+    slots_[i] = slot{x, y, z, n};
     if (++used_ * 2 > slots_.size()) grow();
     return n;
   }
 
  private:
-  struct Slot {
+  struct slot {
     std::uint32_t x, y, z;
     std::int32_t index;  // -1: empty
   };
@@ -105,10 +105,10 @@ class PointTable {
   }
 
   void grow() {
-    std::vector<Slot> old(slots_.size() * 2, Slot{0, 0, 0, -1});
+    std::vector<slot> old(slots_.size() * 2, slot{0, 0, 0, -1});
     old.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
-    for (Slot const& s : old) {
+    for (slot const& s : old) {
       if (s.index < 0) continue;
       std::size_t i = hash(s.x, s.y, s.z) & mask;
       while (slots_[i].index >= 0)
@@ -117,14 +117,14 @@ class PointTable {
     }
   }
 
-  std::vector<Slot> slots_;
+  std::vector<slot> slots_;
   std::size_t used_ = 0;
 };
 
 // Collects triangles into fresh containers, merging corners on request.
-class MeshBuilder {
+class mesh_builder {
  public:
-  MeshBuilder(bool merge, std::size_t expected_triangles)
+  mesh_builder(bool merge, std::size_t expected_triangles)
       : table_(merge ? expected_triangles / 2 : 0), merge_(merge) {
     points.reserve(expected_triangles * 3);
     polygons.reserve(expected_triangles);
@@ -164,7 +164,7 @@ class MeshBuilder {
   std::vector<Stl::Polygon> polygons;
 
  private:
-  PointTable table_;
+  point_table table_;
   bool merge_;
 };
 

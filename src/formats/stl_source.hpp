@@ -21,9 +21,9 @@ namespace quib::detail {
 // are empty. A span stays valid until the next call.
 
 // The bytes of a whole file already in memory, handed out in one span.
-class MemorySource {
+class memory_source {
  public:
-  explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
+  explicit memory_source(std::string_view bytes) : bytes_(bytes) {}
 
   std::uint64_t size() const { return bytes_.size(); }
   // The first `n` bytes, or fewer when the file is shorter.
@@ -48,7 +48,7 @@ class MemorySource {
 // is longer than it. Read rather than mapped: a mapped file that another process truncates
 // during the load would end the program with SIGBUS. A file that changes while it is read gives
 // whatever its reads return. Nothing here throws but allocation.
-class FileSource {
+class file_source {
  public:
   // False for anything but a regular file that can be opened (a folder, a missing file).
   bool open(std::filesystem::path const& path) {

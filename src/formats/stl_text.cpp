@@ -205,8 +205,8 @@ QUIB_STL_INLINE char const* find_line_matter(char const* p, char const* const en
 }
 
 // What one text line gives the reader: a name, or up to three vertex coordinates.
-struct TextLine {
-  enum Kind { none, name_line, vertex_line } kind = none;
+struct text_line {
+  enum kind_t { none, name_line, vertex_line } kind = none;
   int have = 0;
   double xyz[3] = {0, 0, 0};
   bool has_name = false;
@@ -217,18 +217,18 @@ struct TextLine {
 // Takes one field of a line: outside a name or vertex line the fields "vertex" and "solid"
 // start one; the field after "solid" is the name; the three fields after "vertex" are x, y, z.
 // Returns false when the rest of the line no longer matters.
-bool take_field(TextLine& line, std::string_view f) {
+bool take_field(text_line& line, std::string_view f) {
   switch (line.kind) {
-    case TextLine::none:
+    case text_line::none:
       if (f == "vertex") {
-        line.kind = TextLine::vertex_line;
+        line.kind = text_line::vertex_line;
       } else if (f == "solid") {
-        line.kind = TextLine::name_line;
+        line.kind = text_line::name_line;
       } else if (f == "facet") {
         line.facet = true;
       }
       return true;
-    case TextLine::name_line:
+    case text_line::name_line:
       line.name = f;
       line.has_name = true;
       return false;
@@ -248,7 +248,7 @@ char const* past_line(char const* p, char const* end) {
 // of the next line. A line with bytes of 128 and more is made well-formed UTF-8 first, so
 // that removing quotes cannot join the pieces of two broken sequences into one character.
 char const* read_line_general(char const* p, char const* end, std::string& text,
-                              std::string& scratch, TextLine& line) {
+                              std::string& scratch, text_line& line) {
   char const* const next = past_line(p, end);
   std::string_view raw(p, static_cast<std::size_t>(next - p));
   if (!raw.empty() && raw.back() == '\n') raw.remove_suffix(1);
@@ -262,7 +262,7 @@ char const* read_line_general(char const* p, char const* end, std::string& text,
 // The same reading for lines without quotes, in one pass over the bytes. Returns the start of
 // the next line, or nullptr when the line holds a quote that matters (the caller then reads
 // it with read_line_general).
-char const* read_line_fast(char const* p, char const* const end, TextLine& line) {
+char const* read_line_fast(char const* p, char const* const end, text_line& line) {
   // A line matters only when one of its fields can be "vertex", "solid" or "facet", or when it
   // holds a quote. Without a 'v', an 's', an 'f' or a '"' it cannot, and is passed over in one
   // quick scan. A "facet" is noted and the scan goes on past it.
@@ -282,7 +282,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
   // over and the numbers read at once.
   if (*q == 'v' && end - q > 6 && (q == p || is_blank(q[-1])) && std::memcmp(q, "vertex", 6) == 0 &&
       is_blank(q[6])) {
-    line.kind = TextLine::vertex_line;
+    line.kind = text_line::vertex_line;
     p = q + 6;
   }
   // A '\r' ends the line only right before '\n' or at the end of the text (cr_ends_line).
@@ -300,7 +300,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     if (p == end) return end;
     if (*p == '\n') return p + 1;
     if (*p == '\r' && cr_ends_line(p)) return p + 1 == end ? end : p + 2;
-    if (line.kind == TextLine::vertex_line) {
+    if (line.kind == text_line::vertex_line) {
       double v;
       auto const r = read_decimal(p, end, v);
       char const* const e = r.ptr;
@@ -314,7 +314,7 @@ char const* read_line_fast(char const* p, char const* const end, TextLine& line)
     char const* const e = field_end(p);
     if (e == nullptr) return nullptr;
     const std::string_view f(p, static_cast<std::size_t>(e - p));
-    if (line.kind == TextLine::none && f != "vertex" && f != "solid") {
+    if (line.kind == text_line::none && f != "vertex" && f != "solid") {
       if (f == "facet") line.facet = true;
       p = e;  // the common case: a field that starts nothing
       continue;
@@ -339,7 +339,7 @@ double parse_stl_number(std::string_view field) {
   return std::strtod(copy.c_str(), nullptr);
 }
 
-void StlTextDetector::feed(std::string_view lines) {
+void stl_text_detector::feed(std::string_view lines) {
   for_each_line(lines, [&](std::string_view line) {
     return for_each_word(line, scratch_, [&](std::string_view f) {
       switch (state_) {
@@ -361,19 +361,19 @@ void StlTextDetector::feed(std::string_view lines) {
   });
 }
 
-std::int64_t StlTextReader::odd_facets() const {
+std::int64_t stl_text_reader::odd_facets() const {
   return odd_facets_ + (in_facet_ && facet_vertices_ != 3 ? 1 : 0);
 }
 
-bool StlTextReader::feed(std::string_view lines) {
+bool stl_text_reader::feed(std::string_view lines) {
   char const* p = lines.data();
   char const* const end = p + lines.size();
   std::string text;
   while (p != end) {
-    TextLine line;
+    text_line line;
     char const* next = read_line_fast(p, end, line);
     if (next == nullptr) {
-      line = TextLine();
+      line = text_line();
       next = read_line_general(p, end, text, scratch_, line);
     }
     p = next;
@@ -386,7 +386,7 @@ bool StlTextReader::feed(std::string_view lines) {
       in_facet_ = true;
       facet_vertices_ = 0;
     }
-    if (line.kind != TextLine::vertex_line || line.have < 3) continue;
+    if (line.kind != text_line::vertex_line || line.have < 3) continue;
     ++facet_vertices_;
     corners_[pending_++] =
         Stl::Point(static_cast<float>(line.xyz[0]), static_cast<float>(line.xyz[1]),

@@ -12,7 +12,7 @@ namespace quib::detail {
 
 // The text test: "solid", a name, "facet" and "normal" in that order over the fields of all
 // lines, the state carrying over from line to line and from span to span.
-class StlTextDetector {
+class stl_text_detector {
  public:
   bool decided() const { return state_ == 4; }
   void feed(std::string_view lines);
@@ -26,9 +26,9 @@ class StlTextDetector {
 // corners and the name from span to span. Fields are split at blanks and tabs, with double
 // quotes grouping; the three fields after "vertex" are read as strtod reads them (0 when
 // nothing can be read), the field after "solid" is the name (ill-formed UTF-8 replaced).
-class StlTextReader {
+class stl_text_reader {
  public:
-  StlTextReader(bool merge, std::size_t expected_triangles) : mesh(merge, expected_triangles) {}
+  stl_text_reader(bool merge, std::size_t expected_triangles) : mesh(merge, expected_triangles) {}
 
   // Reads the whole lines of `lines`; false when the mesh outgrows int indices.
   bool feed(std::string_view lines);
@@ -36,7 +36,7 @@ class StlTextReader {
   // "facet" to the next such line or the end of the text.
   std::int64_t odd_facets() const;
 
-  MeshBuilder mesh;
+  mesh_builder mesh;
   std::string name;  // empty unless a name line occurs
 
  private:

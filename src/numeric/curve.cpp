@@ -122,15 +122,15 @@ LeastSquaresCurve3 LeastSquaresCurve3::create(point_type const* points, std::siz
 
 // ---- any degree -------------------------------------------------------------------------
 
-LeastSquaresDimension::LeastSquaresDimension() : scale(1.0) {}
-LeastSquaresDimension::LeastSquaresDimension(double s) : scale(s) {}
+LeastSquaresDimension::LeastSquaresDimension() : scale_(1.0) {}
+LeastSquaresDimension::LeastSquaresDimension(double s) : scale_(s) {}
 LeastSquaresDimension::LeastSquaresDimension(double s, int degree, points_type const& points)
-    : scale(s) {
+    : scale_(s) {
   static_cast<void>(calculate(degree, points));
 }
 
 void LeastSquaresDimension::swap(LeastSquaresDimension& other) noexcept {
-  coef.swap(other.coef);
+  coef_.swap(other.coef_);
 }
 
 LeastSquaresDimension LeastSquaresDimension::create(double s, int degree,
@@ -158,7 +158,7 @@ LeastSquaresDimension LeastSquaresDimension::create(double s, int degree, point_
 
 bool LeastSquaresDimension::fit(int degree, point_type const* points, std::size_t count,
                                 double const* weights, FitInfo* info) {
-  return detail::fit_polynomial(coef, degree, scale, points, count, weights, info);
+  return detail::fit_polynomial(coef_, degree, scale_, points, count, weights, info);
 }
 
 bool LeastSquaresDimension::get_d(std::vector<double>& d, point_type const* points,
@@ -169,20 +169,20 @@ bool LeastSquaresDimension::get_d(std::vector<double>& d, point_type const* poin
 double LeastSquaresDimension::get_y(double x) const {
   detail::Sum sum;
   double xp = 1.0;
-  for (std::size_t i = coef.size(); i-- > 0;) {  // lowest power first
-    sum.add(coef[i] * xp / scale);
+  for (std::size_t i = coef_.size(); i-- > 0;) {  // lowest power first
+    sum.add(coef_[i] * xp / scale_);
     xp *= x;
   }
   return sum.value();
 }
 
 double LeastSquaresDimension::get_slope(double x) const {
-  if (coef.size() < 2) return 0.0;
-  const std::size_t n = coef.size() - 1;
+  if (coef_.size() < 2) return 0.0;
+  const std::size_t n = coef_.size() - 1;
   detail::Sum sum;
   double xp = 1.0;  // x^(n-i-1)
   for (std::size_t i = n; i-- > 0;) {
-    sum.add(static_cast<double>(n - i) * coef[i] * xp / scale);
+    sum.add(static_cast<double>(n - i) * coef_[i] * xp / scale_);
     xp *= x;
   }
   return sum.value();
@@ -190,16 +190,16 @@ double LeastSquaresDimension::get_slope(double x) const {
 
 double LeastSquaresDimension::get_area(double x0, double x1) const {
   auto const primitive = [this](double x) {
-    const std::size_t n = coef.size() - 1;
+    const std::size_t n = coef_.size() - 1;
     detail::Sum sum;
     double xp = x;  // x^(n-i+1)
     for (std::size_t i = n + 1; i-- > 0;) {
-      sum.add(coef[i] * xp / static_cast<double>(n - i + 1) / scale);
+      sum.add(coef_[i] * xp / static_cast<double>(n - i + 1) / scale_);
       xp *= x;
     }
     return sum.value();
   };
-  if (coef.empty()) return 0.0;
+  if (coef_.empty()) return 0.0;
   return primitive(x1) - primitive(x0);
 }
 

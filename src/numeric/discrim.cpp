@@ -69,54 +69,54 @@ struct Stats {
 
 // ---- scalars ----------------------------------------------------------------------------
 
-Discrim1::Discrim1() : centroid(kNaN), covariance(0.0) {}
-Discrim1::Discrim1(std::vector<double> const& s) : samples(s), centroid(0.0), covariance(0.0) {
+Discrim1::Discrim1() : centroid_(kNaN), covariance_(0.0) {}
+Discrim1::Discrim1(std::vector<double> const& s) : samples_(s), centroid_(0.0), covariance_(0.0) {
   static_cast<void>(estimate());
 }
 
 void Discrim1::swap(Discrim1& other) noexcept {
-  samples.swap(other.samples);
-  std::swap(centroid, other.centroid);
-  std::swap(covariance, other.covariance);
+  samples_.swap(other.samples_);
+  std::swap(centroid_, other.centroid_);
+  std::swap(covariance_, other.covariance_);
 }
 void Discrim1::clear() {
-  samples.clear();
-  centroid = kNaN;
+  samples_.clear();
+  centroid_ = kNaN;
 }
 bool Discrim1::is() const {
-  return !samples.empty() && std::isfinite(centroid) && std::isfinite(covariance);
+  return !samples_.empty() && std::isfinite(centroid_) && std::isfinite(covariance_);
 }
 
 bool Discrim1::estimate(std::vector<double> const& s) {
-  samples = s;
+  samples_ = s;
   return estimate();
 }
 
 bool Discrim1::estimate() {
-  if (samples.empty()) {
-    centroid = covariance = 0.0;
+  if (samples_.empty()) {
+    centroid_ = covariance_ = 0.0;
     return false;
   }
-  double const n = static_cast<double>(samples.size());
+  double const n = static_cast<double>(samples_.size());
   double total = 0.0;  // the mean is a plain sum
-  for (double s : samples)
+  for (double s : samples_)
     total += s;
-  centroid = total / n;
+  centroid_ = total / n;
   math::KahanSum<double> spread;
-  for (double s : samples)
-    spread.add((centroid - s) * (centroid - s));
-  covariance = spread.value() / n;
+  for (double s : samples_)
+    spread.add((centroid_ - s) * (centroid_ - s));
+  covariance_ = spread.value() / n;
   return is();
 }
 
 double Discrim1::get_gaussian_distribution(double x) const {
-  double const d = x - centroid;
-  return math::exponent(-0.5 * d * d * covariance) / std::sqrt(kTwoPi * std::sqrt(covariance));
+  double const d = x - centroid_;
+  return math::exponent(-0.5 * d * d * covariance_) / std::sqrt(kTwoPi * std::sqrt(covariance_));
 }
 
 double Discrim1::get_likelihood() const {
   double product = 0.0;
-  for (double s : samples)
+  for (double s : samples_)
     product *= get_gaussian_distribution(s);
   return product;
 }
@@ -127,57 +127,57 @@ double Discrim1::get_bayes_discriminant(double x, double p, double c) const {
 
 // ---- 2-D and 3-D ------------------------------------------------------------------------
 
-#define QUIB_DISCRIM_MEMBERS(Class, N)                                                         \
-  Class::Class() : centroid(point_type::Constant(kNaN)), covariance(matrix_type::Zero()) {}    \
-  Class::Class(std::vector<point_type> const& s) : samples(s) {                                \
-    Stats<N>::estimate(samples, centroid, covariance);                                         \
-  }                                                                                            \
-  void Class::swap(Class& other) noexcept {                                                    \
-    samples.swap(other.samples);                                                               \
-    std::swap(centroid, other.centroid);                                                       \
-    std::swap(covariance, other.covariance);                                                   \
-  }                                                                                            \
-  void Class::clear() {                                                                        \
-    samples.clear();                                                                           \
-    centroid.setConstant(kNaN);                                                                \
-  }                                                                                            \
-  bool Class::is() const {                                                                     \
-    return Stats<N>::is(samples, centroid);                                                    \
-  }                                                                                            \
-  bool Class::estimate(std::vector<point_type> const& s) {                                     \
-    samples = s;                                                                               \
-    return estimate();                                                                         \
-  }                                                                                            \
-  bool Class::estimate() {                                                                     \
-    return Stats<N>::estimate(samples, centroid, covariance);                                  \
-  }                                                                                            \
-  double Class::get_mahalanobis_distance(point_type const& x) const {                          \
-    return Stats<N>::mahalanobis(x, centroid, covariance);                                     \
-  }                                                                                            \
-  double Class::get_gaussian_distribution(point_type const& x) const {                         \
-    return get_gaussian_distribution(x, static_cast<int>(samples.size()));                     \
-  }                                                                                            \
-  double Class::get_gaussian_distribution(point_type const& x, int k) const {                  \
-    return Stats<N>::gauss(get_mahalanobis_distance(x), k, covariance.determinant());          \
-  }                                                                                            \
-  double Class::get_gaussian_distribution2(point_type const& x) const {                        \
-    return get_gaussian_distribution2(x, static_cast<int>(samples.size()));                    \
-  }                                                                                            \
-  double Class::get_gaussian_distribution2(point_type const& x, int k) const {                 \
-    return Stats<N>::gauss(get_mahalanobis_distance(x), k, inverse(covariance).determinant()); \
-  }                                                                                            \
-  double Class::get_bayes_discriminant(point_type const& x, double p, double c) const {        \
-    return std::log(p) + c - 0.5 * get_mahalanobis_distance(x);                                \
-  }                                                                                            \
-  double Class::get_bayes_discriminant2(point_type const& x, double p, double c) const {       \
-    return std::log(p) + c - 0.5 * std::log(covariance.determinant()) -                        \
-           0.5 * get_mahalanobis_distance(x);                                                  \
-  }                                                                                            \
-  double Class::get_linear_discriminant(point_type const& x) const {                           \
-    return Stats<N>::linear(samples, x);                                                       \
-  }                                                                                            \
-  double Class::get_nearest_neighbor_discriminant(point_type const& x) const {                 \
-    return Stats<N>::nearest(samples, x);                                                      \
+#define QUIB_DISCRIM_MEMBERS(Class, N)                                                          \
+  Class::Class() : centroid_(point_type::Constant(kNaN)), covariance_(matrix_type::Zero()) {}   \
+  Class::Class(std::vector<point_type> const& s) : samples_(s) {                                \
+    Stats<N>::estimate(samples_, centroid_, covariance_);                                       \
+  }                                                                                             \
+  void Class::swap(Class& other) noexcept {                                                     \
+    samples_.swap(other.samples_);                                                              \
+    std::swap(centroid_, other.centroid_);                                                      \
+    std::swap(covariance_, other.covariance_);                                                  \
+  }                                                                                             \
+  void Class::clear() {                                                                         \
+    samples_.clear();                                                                           \
+    centroid_.setConstant(kNaN);                                                                \
+  }                                                                                             \
+  bool Class::is() const {                                                                      \
+    return Stats<N>::is(samples_, centroid_);                                                   \
+  }                                                                                             \
+  bool Class::estimate(std::vector<point_type> const& s) {                                      \
+    samples_ = s;                                                                               \
+    return estimate();                                                                          \
+  }                                                                                             \
+  bool Class::estimate() {                                                                      \
+    return Stats<N>::estimate(samples_, centroid_, covariance_);                                \
+  }                                                                                             \
+  double Class::get_mahalanobis_distance(point_type const& x) const {                           \
+    return Stats<N>::mahalanobis(x, centroid_, covariance_);                                    \
+  }                                                                                             \
+  double Class::get_gaussian_distribution(point_type const& x) const {                          \
+    return get_gaussian_distribution(x, static_cast<int>(samples_.size()));                     \
+  }                                                                                             \
+  double Class::get_gaussian_distribution(point_type const& x, int k) const {                   \
+    return Stats<N>::gauss(get_mahalanobis_distance(x), k, covariance_.determinant());          \
+  }                                                                                             \
+  double Class::get_gaussian_distribution2(point_type const& x) const {                         \
+    return get_gaussian_distribution2(x, static_cast<int>(samples_.size()));                    \
+  }                                                                                             \
+  double Class::get_gaussian_distribution2(point_type const& x, int k) const {                  \
+    return Stats<N>::gauss(get_mahalanobis_distance(x), k, inverse(covariance_).determinant()); \
+  }                                                                                             \
+  double Class::get_bayes_discriminant(point_type const& x, double p, double c) const {         \
+    return std::log(p) + c - 0.5 * get_mahalanobis_distance(x);                                 \
+  }                                                                                             \
+  double Class::get_bayes_discriminant2(point_type const& x, double p, double c) const {        \
+    return std::log(p) + c - 0.5 * std::log(covariance_.determinant()) -                        \
+           0.5 * get_mahalanobis_distance(x);                                                   \
+  }                                                                                             \
+  double Class::get_linear_discriminant(point_type const& x) const {                            \
+    return Stats<N>::linear(samples_, x);                                                       \
+  }                                                                                             \
+  double Class::get_nearest_neighbor_discriminant(point_type const& x) const {                  \
+    return Stats<N>::nearest(samples_, x);                                                      \
   }
 
 QUIB_DISCRIM_MEMBERS(Discrim2, 2)

@@ -22,14 +22,14 @@ bool all_finite(std::initializer_list<double> values) {
 }
 
 using detail::moment_t;
-using detail::SystemLayout;
+using detail::system_layout;
 
 // Sums the model's moments and solves its system; NaN when it is singular.
 template <int D>
-Eigen::VectorXd solve(moment_t model, SystemLayout const& layout,
+Eigen::VectorXd solve(moment_t model, system_layout const& layout,
                       Eigen::Matrix<double, D, 1> const* points, std::size_t count,
                       double const* weights, FitInfo* info) {
-  const detail::Moments s = detail::sum_moments(model, points, count, weights, info != nullptr);
+  const detail::moments s = detail::sum_moments(model, points, count, weights, info != nullptr);
   Eigen::VectorXd x;
   static_cast<void>(detail::solve_system(s, layout, x, info));
   return x;
@@ -37,23 +37,23 @@ Eigen::VectorXd solve(moment_t model, SystemLayout const& layout,
 
 // x² + y² + a·x + b·y + c = 0 in the unknowns (a, b, c): rows (x, y, 1), target -(x² + y²);
 // z = a·x + b·y + c: rows (x, y, 1), target z. Both read the same matrix terms.
-SystemLayout const& circle_layout() {
-  static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, -1.0, 9, 5};
+system_layout const& circle_layout() {
+  static const system_layout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, -1.0, 9, 5};
   return l;
 }
-SystemLayout const& plane_layout() {
-  static const SystemLayout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, 1.0, 9, 5};
+system_layout const& plane_layout() {
+  static const system_layout l{3, {0, 1, 2, 1, 3, 4, 2, 4, 5}, {6, 7, 8}, 1.0, 9, 5};
   return l;
 }
 // x² + y² + z² + a·x + b·y + c·z + d = 0: rows (x, y, z, 1), target -(x² + y² + z²).
-SystemLayout const& sphere_layout() {
-  static const SystemLayout l{
+system_layout const& sphere_layout() {
+  static const system_layout l{
       4, {0, 1, 2, 3, 1, 4, 5, 6, 2, 5, 7, 8, 3, 6, 8, 9}, {10, 11, 12, 13}, -1.0, 14, 9};
   return l;
 }
 // y = a·x + b: rows (x, 1), target y.
-SystemLayout const& line_layout() {
-  static const SystemLayout l{2, {3, 1, 1, 0}, {4, 2}, 1.0, 5, 0};
+system_layout const& line_layout() {
+  static const system_layout l{2, {3, 1, 1, 0}, {4, 2}, 1.0, 5, 0};
   return l;
 }
 
@@ -109,7 +109,7 @@ bool LeastSquaresLine::is() const {
 bool LeastSquaresLine::fit(point_type const* points, std::size_t count, double const* weights,
                            FitInfo* info) {
   if (info) info->clear();
-  const detail::Moments s =
+  const detail::moments s =
       detail::sum_moments(moment_t::line, points, count, weights, info != nullptr);
   double const n = s[0], sx = s[1], sy = s[2], sxx = s[3], sxy = s[4];
   double const det = n * sxx - sx * sx;

@@ -17,7 +17,7 @@ std::size_t at(int i) {
 
 // T - 2·xᵀr + xᵀ·M·x: the quadratic form rather than T - xᵀr, so that the rounding of x
 // enters only to second order; in extended precision from both halves of every moment.
-long double residual_sum(Moments const& s, SystemLayout const& l, Eigen::VectorXd const& x) {
+long double residual_sum(moments const& s, system_layout const& l, Eigen::VectorXd const& x) {
   long double rss = s.wide(at(l.target));
   for (int i = 0; i < l.size; ++i) {
     long double const xi = x[i];
@@ -30,7 +30,7 @@ long double residual_sum(Moments const& s, SystemLayout const& l, Eigen::VectorX
 
 }  // namespace
 
-bool solve_system(Moments const& s, SystemLayout const& l, Eigen::VectorXd& x, FitInfo* info,
+bool solve_system(moments const& s, system_layout const& l, Eigen::VectorXd& x, FitInfo* info,
                   double unit) {
   Eigen::MatrixXd m(l.size, l.size);
   Eigen::VectorXd r(l.size);
@@ -51,7 +51,7 @@ bool solve_system(Moments const& s, SystemLayout const& l, Eigen::VectorXd& x, F
   return true;
 }
 
-void fit_statistics(Moments const& s, SystemLayout const& l, Eigen::VectorXd const& x,
+void fit_statistics(moments const& s, system_layout const& l, Eigen::VectorXd const& x,
                     Eigen::MatrixXd const& inverse, FitInfo& info, double unit) {
   info.clear();
   if (l.target < 0 || at(l.target) >= s.sum.size() || !x.allFinite()) return;
@@ -63,10 +63,10 @@ void fit_statistics(Moments const& s, SystemLayout const& l, Eigen::VectorXd con
                  static_cast<std::size_t>(s.count));
 }
 
-SystemLayout polynomial_layout(int degree) {
+system_layout polynomial_layout(int degree) {
   int const n = degree;
   int const powers = 2 * n + 1;  // x^0 .. x^2n, then x^0·y .. x^n·y, then y²
-  SystemLayout l;
+  system_layout l;
   l.size = n + 1;
   for (int i = 0; i <= n; ++i) {
     for (int j = 0; j <= n; ++j)
@@ -86,7 +86,7 @@ bool fit_polynomial(std::vector<double>& coef, int degree, double scale,
   // More coefficients than points cannot be determined; refusing early also bounds the
   // size of the system by the input.
   if (degree < 0 || static_cast<std::size_t>(degree) >= count) return false;
-  const Moments s =
+  const moments s =
       sum_moments(moment_t::polynomial, points, count, weights, info != nullptr, degree, scale);
   Eigen::VectorXd x;
   if (!solve_system(s, polynomial_layout(degree), x, info, scale)) return false;

@@ -35,10 +35,10 @@ bool finite_point(Point const& p) {
 /// weighted by weights[i] unless `weights` is null. With `residual`, the square of the target
 /// is summed last, for the statistics of the fit.
 template <int D>
-Moments sum_moments(moment_t model, Eigen::Matrix<double, D, 1> const* points, std::size_t count,
+moments sum_moments(moment_t model, Eigen::Matrix<double, D, 1> const* points, std::size_t count,
                     double const* weights, bool residual, int degree = 0, double scale = 1.0) {
   static_assert(sizeof(Eigen::Matrix<double, D, 1>) == D * sizeof(double), "packed points");
-  MomentRequest request;
+  moment_request request;
   request.model = model;
   request.residual = residual;
   request.coords = count == 0 ? nullptr : points->data();
@@ -50,7 +50,7 @@ Moments sum_moments(moment_t model, Eigen::Matrix<double, D, 1> const* points, s
   }
   request.degree = degree;
   request.scale = scale;
-  Moments m;
+  moments m;
   sum_moments(m, request);
   return m;
 }
@@ -58,7 +58,7 @@ Moments sum_moments(moment_t model, Eigen::Matrix<double, D, 1> const* points, s
 /// Where a linear least-squares system reads its numbers from the moments: the normal matrix
 /// M(i, j) = moment[matrix[i·size + j]], the right-hand side r(i) = sign·moment[rhs[i]], the
 /// sum of squared targets moment[target] and the sum of weights moment[weight].
-struct SystemLayout {
+struct system_layout {
   int size = 0;
   std::vector<int> matrix;
   std::vector<int> rhs;
@@ -72,15 +72,15 @@ struct SystemLayout {
 /// residual sum of squares T - 2·xᵀr + xᵀ·M·x (from the moments carried to extended precision),
 /// σ² = RSS / (count - size), covariance σ²·M⁻¹, RMS sqrt(RSS / Σw), the count of points used.
 /// `unit` divides the residuals (the polynomial's y scale). A failed solve clears `info`.
-bool solve_system(Moments const& s, SystemLayout const& layout, Eigen::VectorXd& x, FitInfo* info,
+bool solve_system(moments const& s, system_layout const& layout, Eigen::VectorXd& x, FitInfo* info,
                   double unit = 1.0);
 
 /// Fills `info` from a solved system: x its solution, `inverse` M⁻¹ (see solve_system).
-void fit_statistics(Moments const& s, SystemLayout const& layout, Eigen::VectorXd const& x,
+void fit_statistics(moments const& s, system_layout const& layout, Eigen::VectorXd const& x,
                     Eigen::MatrixXd const& inverse, FitInfo& info, double unit = 1.0);
 
 /// The layouts of the polynomial of degree n (highest power first).
-SystemLayout polynomial_layout(int degree);
+system_layout polynomial_layout(int degree);
 
 /// Fits y·scale = Σ c[i]·x^(n-i) (highest power first) to 2-D points. Returns false, with
 /// `coef` left empty (and `info` cleared), for a negative degree, fewer points than

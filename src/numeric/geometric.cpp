@@ -32,14 +32,14 @@ double length(Point<D> const& v) {
 
 // The points that count (finite, weight not 0) and their weights.
 template <int D>
-struct Usable {
+struct usable_points {
   std::vector<Point<D>> points;
   std::vector<double> weights;
 };
 
 template <int D>
-Usable<D> usable(Point<D> const* points, std::size_t count, double const* weights) {
-  Usable<D> u;
+usable_points<D> usable(Point<D> const* points, std::size_t count, double const* weights) {
+  usable_points<D> u;
   for (std::size_t i = 0; i < count; ++i) {
     double const w = weights ? weights[i] : 1.0;
     if (w == 0.0 || !std::isfinite(w) || !detail::finite_point(points[i])) continue;
@@ -53,7 +53,7 @@ Usable<D> usable(Point<D> const* points, std::size_t count, double const* weight
 // r_i = |p_i - centre| - r and the row of J: (-(p_i - centre)/|p_i - centre|, -1). A point at
 // the centre has no direction; its row is (0, -1).
 template <int D>
-double evaluate(Usable<D> const& u, Params<D> const& theta, Normal<D>& a, Params<D>& g) {
+double evaluate(usable_points<D> const& u, Params<D> const& theta, Normal<D>& a, Params<D>& g) {
   Point<D> const c = theta.template head<D>();
   a.setZero();
   g.setZero();
@@ -75,7 +75,7 @@ double evaluate(Usable<D> const& u, Params<D> const& theta, Normal<D>& a, Params
 
 // Levenberg-Marquardt from `theta`; false when it cannot proceed or does not settle.
 template <int D>
-bool refine(Usable<D> const& u, Params<D>& theta) {
+bool refine(usable_points<D> const& u, Params<D>& theta) {
   Normal<D> a;
   Params<D> g;
   double cost = evaluate(u, theta, a, g);
@@ -112,17 +112,17 @@ bool refine(Usable<D> const& u, Params<D>& theta) {
 
 // The algebraic fit as the start: x² + y² (+ z²) + a·x + ... = 0 over the usable points.
 template <int D>
-bool start(Usable<D> const& u, Params<D>& theta);
+bool start(usable_points<D> const& u, Params<D>& theta);
 
 template <>
-bool start<2>(Usable<2> const& u, Params<2>& theta) {
+bool start<2>(usable_points<2> const& u, Params<2>& theta) {
   LeastSquaresCircle c;
   if (!c.calculate(u.points, u.weights)) return false;
   theta << c.x(), c.y(), c.r();
   return theta.allFinite();
 }
 template <>
-bool start<3>(Usable<3> const& u, Params<3>& theta) {
+bool start<3>(usable_points<3> const& u, Params<3>& theta) {
   LeastSquaresSphere s;
   if (!s.calculate(u.points, u.weights)) return false;
   theta << s.x(), s.y(), s.z(), s.r();
@@ -158,7 +158,7 @@ bool GeometricFit<D>::fit(point_type const* points, std::size_t count, double co
                           FitInfo* info) {
   clear();
   if (info) info->clear();
-  Usable<D> u = usable<D>(points, count, weights);
+  usable_points<D> u = usable<D>(points, count, weights);
   const std::size_t m = u.points.size();
   if (m < static_cast<std::size_t>(D + 1)) return false;
 
@@ -169,7 +169,7 @@ bool GeometricFit<D>::fit(point_type const* points, std::size_t count, double co
   for (Point<D> const& p : u.points)
     spread = std::max(spread, (p - mean).cwiseAbs().maxCoeff());
   if (!(spread > 0.0) || !std::isfinite(spread)) return false;  // all points equal
-  Usable<D> unit = u;
+  usable_points<D> unit = u;
   for (Point<D>& p : unit.points)
     p = (p - mean) / spread;
 

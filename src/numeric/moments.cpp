@@ -3,7 +3,7 @@
 namespace quib {
 namespace detail {
 
-std::size_t moment_terms(MomentRequest const& r) {
+std::size_t moment_terms(moment_request const& r) {
   std::size_t k = 0;
   switch (r.model) {
     case moment_t::line:
@@ -25,7 +25,7 @@ std::size_t moment_terms(MomentRequest const& r) {
 
 namespace {
 
-using kernel_type = void (*)(Moments&, MomentRequest const&);
+using kernel_type = void (*)(moments&, moment_request const&);
 
 kernel_type pick_kernel() {
 #if QUIB_HAVE_AVX2_KERNEL
@@ -37,7 +37,7 @@ kernel_type pick_kernel() {
 
 }  // namespace
 
-void sum_moments(Moments& out, MomentRequest const& request) {
+void sum_moments(moments& out, moment_request const& request) {
   static const kernel_type kernel = pick_kernel();  // decided once, thread-safe
   kernel(out, request);
 }

@@ -29,7 +29,7 @@ enum class moment_t { line, circle, plane, sphere, polynomial };
 /// Eigen fixed-size points). When `weighted`, point i counts with weights[i] for
 /// i < weight_count and not at all beyond; a weight of 0 skips the point. Points with a
 /// non-finite coordinate are skipped.
-struct MomentRequest {
+struct moment_request {
   moment_t model = moment_t::line;
   bool residual = false;  // also sum the square of the target
   double const* coords = nullptr;
@@ -43,7 +43,7 @@ struct MomentRequest {
 
 /// The sums of one request. sum[j] + correction[j] is term j's total to about twice the
 /// working precision; sum[j] alone is what a single Kahan accumulator would report.
-struct Moments {
+struct moments {
   std::vector<double> sum;
   std::vector<double> correction;
   double count = 0.0;  // points that contributed
@@ -55,17 +55,17 @@ struct Moments {
 };
 
 /// The number of terms a request sums.
-std::size_t moment_terms(MomentRequest const& request);
+std::size_t moment_terms(moment_request const& request);
 
 /// Sums the request's terms with the widest lanes the processor supports.
-void sum_moments(Moments& out, MomentRequest const& request);
+void sum_moments(moments& out, moment_request const& request);
 
 // The kernels, one per instruction set (moments_kernel.hpp compiled twice).
 namespace moments_base {
-void sum(Moments& out, MomentRequest const& request);
+void sum(moments& out, moment_request const& request);
 }
 namespace moments_avx2 {
-void sum(Moments& out, MomentRequest const& request);
+void sum(moments& out, moment_request const& request);
 }
 
 }  // namespace detail

@@ -108,7 +108,7 @@ inline void join(double& sum, double& correction, v4d const* s, v4d const* c, in
 // The terms of each fixed model from one group of four points (x, y, z in p[0..2]).
 // Unweighted, the constant term kOne sums to the count of the points used: whole numbers,
 // which a compensated sum would reproduce exactly, so it is not summed at all.
-struct LineTerms {
+struct line_terms {
   static constexpr int kOne = 0;  // the term that is 1 before weighting
   static constexpr int kDims = 2, kTerms = 5;
   void operator()(v4d const* p, v4d* t) const {
@@ -117,7 +117,7 @@ struct LineTerms {
     t[5] = y * y;
   }
 };
-struct CircleTerms {
+struct circle_terms {
   static constexpr int kOne = 5;  // the term that is 1 before weighting
   static constexpr int kDims = 2, kTerms = 9;
   void operator()(v4d const* p, v4d* t) const {
@@ -127,7 +127,7 @@ struct CircleTerms {
     t[9] = q * q;
   }
 };
-struct PlaneTerms {
+struct plane_terms {
   static constexpr int kOne = 5;  // the term that is 1 before weighting
   static constexpr int kDims = 3, kTerms = 9;
   void operator()(v4d const* p, v4d* t) const {
@@ -137,7 +137,7 @@ struct PlaneTerms {
     t[9] = z * z;
   }
 };
-struct SphereTerms {
+struct sphere_terms {
   static constexpr int kOne = 9;  // the term that is 1 before weighting
   static constexpr int kDims = 3, kTerms = 14;
   void operator()(v4d const* p, v4d* t) const {
@@ -165,7 +165,7 @@ inline v4i load(v4d* p, double const* c) {
 // Full groups are read in place; the last, partial group is copied into a buffer padded with
 // NaN points (skipped like any non-finite point) and weights of 0.
 template <class Terms, int K, int V, bool Weighted>
-void run(Moments& out, MomentRequest const& r) {
+void run(moments& out, moment_request const& r) {
   constexpr int D = Terms::kDims;
   constexpr int kGroup = kLanes * V;
   v4d s[K][V], c[K][V], n[V];
@@ -232,14 +232,14 @@ void run(Moments& out, MomentRequest const& r) {
 }
 
 template <class Terms, int K, bool Weighted>
-void run_lanes(Moments& out, MomentRequest const& r) {
+void run_lanes(moments& out, moment_request const& r) {
   // Few terms leave the adders idle between the steps of one chain: give them eight lanes,
   // even where the accumulators then no longer all fit in the registers.
   run<Terms, K, Terms::kTerms <= 6 ? 2 : 1, Weighted>(out, r);
 }
 
 template <class Terms>
-void run_model(Moments& out, MomentRequest const& r) {
+void run_model(moments& out, moment_request const& r) {
   if (r.residual) {
     if (r.weighted) return run_lanes<Terms, Terms::kTerms + 1, true>(out, r);
     return run_lanes<Terms, Terms::kTerms + 1, false>(out, r);
@@ -250,14 +250,14 @@ void run_model(Moments& out, MomentRequest const& r) {
 
 // Any degree: the powers x⁰ … x²ⁿ, then x⁰·Y … xⁿ·Y, then Y², four lanes per term, the
 // accumulators in memory.
-inline void run_polynomial(Moments& out, MomentRequest const& r) {
-  struct Lane {
+inline void run_polynomial(moments& out, moment_request const& r) {
+  struct lane {
     v4d s, c;
   };
   const std::size_t n = static_cast<std::size_t>(r.degree);
   const std::size_t powers = 2 * n + 1;
   const std::size_t k = powers + n + 1 + (r.residual ? 1 : 0);
-  std::vector<Lane> acc(k, Lane{splat(0.0), splat(0.0)});
+  std::vector<lane> acc(k, lane{splat(0.0), splat(0.0)});
   std::vector<v4d> t(k + 1);  // the last slot is scratch
   v4d used = splat(0.0);
   const v4d scale = splat(r.scale);
@@ -305,16 +305,16 @@ inline void run_polynomial(Moments& out, MomentRequest const& r) {
   out.count = used[0] + used[1] + used[2] + used[3];
 }
 
-void sum(Moments& out, MomentRequest const& r) {
+void sum(moments& out, moment_request const& r) {
   switch (r.model) {
     case moment_t::line:
-      return run_model<LineTerms>(out, r);
+      return run_model<line_terms>(out, r);
     case moment_t::circle:
-      return run_model<CircleTerms>(out, r);
+      return run_model<circle_terms>(out, r);
     case moment_t::plane:
-      return run_model<PlaneTerms>(out, r);
+      return run_model<plane_terms>(out, r);
     case moment_t::sphere:
-      return run_model<SphereTerms>(out, r);
+      return run_model<sphere_terms>(out, r);
     case moment_t::polynomial:
       return run_polynomial(out, r);
   }

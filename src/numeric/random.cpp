@@ -25,7 +25,7 @@ constexpr double kTwoPowMinus32 = 2.3283064365386963e-10;
 
 }  // namespace
 
-MersenneTwister::MersenneTwister(unsigned int seed) : state(seeded(seed)), index(0) {
+MersenneTwister::MersenneTwister(unsigned int seed) : state_(seeded(seed)), index_(0) {
   generator();
 }
 
@@ -35,25 +35,25 @@ void MersenneTwister::create(unsigned int seed) {
 }
 
 void MersenneTwister::swap(MersenneTwister& other) noexcept {
-  state.swap(other.state);
-  std::swap(index, other.index);
+  state_.swap(other.state_);
+  std::swap(index_, other.index_);
 }
 
 void MersenneTwister::generator() {
   for (int i = 0; i < N; ++i) {
-    unsigned int const y = (state[i] & kUpper) | (state[(i + 1) % N] & kLower);
-    state[i] = state[(i + kM) % N] ^ (y >> 1) ^ ((y & 1u) ? kMatrix : 0u);
+    unsigned int const y = (state_[i] & kUpper) | (state_[(i + 1) % N] & kLower);
+    state_[i] = state_[(i + kM) % N] ^ (y >> 1) ^ ((y & 1u) ? kMatrix : 0u);
   }
-  index = 0;
+  index_ = 0;
 }
 
 MersenneTwister::operator unsigned int() {
-  unsigned int y = state[index];
+  unsigned int y = state_[index_];
   y ^= y >> 11;
   y ^= (y << 7) & 0x9d2c5680u;
   y ^= (y << 15) & 0xefc60000u;
   y ^= y >> 18;
-  if (++index == N) generator();
+  if (++index_ == N) generator();
   return y;
 }
 

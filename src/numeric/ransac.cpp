@@ -25,7 +25,7 @@ int truncate_to_int(double v) {
 }  // namespace
 
 template <class V, class S>
-RANSAC<V, S>::RANSAC() : max_attempts(100) {}
+RANSAC<V, S>::RANSAC() : max_attempts_(100) {}
 template <class V, class S>
 RANSAC<V, S>::RANSAC(RANSAC const& other) = default;
 template <class V, class S>
@@ -44,7 +44,7 @@ template <class V, class S>
 bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int n, double p,
                                   std::uint64_t max_iterations, std::uint32_t seed) {
   // The model of the derived class, through its virtual operations.
-  struct Virtual {
+  struct virtual_model {
     RANSAC& self;
     std::vector<V> const& points;
     std::vector<std::vector<V>> models;
@@ -55,7 +55,7 @@ bool RANSAC<V, S>::compute_seeded(std::vector<V> const& points, S threshold, int
       return self.measure(inliers, score, points, models, limit);
     }
   };
-  Virtual model{*this, points, {}};
+  virtual_model model{*this, points, {}};
   return search(points.size(), threshold, n, p, max_iterations, seed, model);
 }
 
@@ -66,8 +66,8 @@ template <class Model>
 bool RANSAC<V, S>::search(std::size_t size, S threshold, int n, double p,
                           std::uint64_t max_iterations, std::uint32_t seed, Model& model) {
   if (n < 1) return false;
-  best_indices.clear();
-  best_model.clear();
+  best_indices_.clear();
+  best_model_.clear();
   if (size == 0) return false;  // there is no index to draw
   if (size > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
 
@@ -85,7 +85,7 @@ bool RANSAC<V, S>::search(std::size_t size, S threshold, int n, double p,
   S score;
 
   for (std::uint64_t k = 0;;) {
-    for (int attempt = 0; attempt < max_attempts; ++attempt) {
+    for (int attempt = 0; attempt < max_attempts_; ++attempt) {
       for (int& index : sample) {
         unsigned int const u = random;
         index = static_cast<int>(static_cast<double>(u) * kTwoPowMinus32 * span);
@@ -98,8 +98,8 @@ bool RANSAC<V, S>::search(std::size_t size, S threshold, int n, double p,
     if (taken) {
       best_count = inliers.size();
       best_score = score;
-      best_indices.swap(inliers);
-      best_model = model.models[static_cast<std::size_t>(chosen)];
+      best_indices_.swap(inliers);
+      best_model_ = model.models[static_cast<std::size_t>(chosen)];
     }
     if (taken || k == 0) {
       const std::size_t m = taken ? best_count : inliers.size();
@@ -116,7 +116,7 @@ bool RANSAC<V, S>::search(std::size_t size, S threshold, int n, double p,
     ++k;
     if (static_cast<long long>(k) > required || k > max_iterations) break;
   }
-  return !best_model.empty();
+  return !best_model_.empty();
 }
 
 namespace {
@@ -202,7 +202,7 @@ template <class V, class S>
 bool RANSAC_Plane<V, S>::compute_seeded(V const* points, std::size_t count, S threshold, double p,
                                         std::uint64_t max_iterations, std::uint32_t seed) {
   // This class's plane, without the virtual operations (invalid() is always false).
-  struct Plane {
+  struct plane {
     V const* points;
     std::size_t count;
     std::vector<std::vector<V>> models;
@@ -213,7 +213,7 @@ bool RANSAC_Plane<V, S>::compute_seeded(V const* points, std::size_t count, S th
       return plane_measure(inliers, score, points, count, models, limit);
     }
   };
-  Plane model{points, count, {}};
+  plane model{points, count, {}};
   return this->search(count, threshold, 3, p, max_iterations, seed, model);
 }
 

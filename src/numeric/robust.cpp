@@ -57,14 +57,14 @@ RobustM::RobustM(std::vector<float> const& d, float c) {
 }
 
 void RobustM::swap(RobustM& other) noexcept {
-  weights.swap(other.weights);
+  weights_.swap(other.weights_);
 }
 
 bool RobustM::estimate(std::vector<double> const& d, double c) {
-  return biweights(weights, d, c);
+  return biweights(weights_, d, c);
 }
 bool RobustM::estimate(std::vector<float> const& d, float c) {
-  return biweights(weights, d, c);
+  return biweights(weights_, d, c);
 }
 
 double RobustM::get_med(std::vector<double> const& d) {

@@ -29,7 +29,7 @@ bool is_gray8(cv::Mat const& m) {
 
 // The two matrices as plain pointers and sizes. Held in a local, the values stay in registers
 // while the mask is written (a write through unsigned char may alias anything reachable).
-struct Grid {
+struct grid {
   unsigned char const* base;
   unsigned char* mask;
   int cols;
@@ -37,7 +37,7 @@ struct Grid {
 };
 
 // Linear indices of (x, y) in base and in mask, through the caller's accessor.
-struct ViaAccessor {
+struct via_accessor {
   cv::Mat const& base;
   cv::Mat const& mask;
   std::ptrdiff_t (*at)(cv::Mat const&, int, int);
@@ -46,7 +46,7 @@ struct ViaAccessor {
 };
 
 // The same indices computed directly (what the default accessor computes).
-struct Direct {
+struct direct {
   std::ptrdiff_t base_step;
   std::ptrdiff_t mask_step;
   std::ptrdiff_t in_base(int x, int y) const { return y * base_step + x; }
@@ -55,7 +55,7 @@ struct Direct {
 
 // Whether the neighbour (nx, ny), reached by the step (dx, dy), keeps one pixel of margin on
 // the side of the move.
-inline bool within_margin(Grid const& g, int dx, int dy, int nx, int ny) {
+inline bool within_margin(grid const& g, int dx, int dy, int nx, int ny) {
   return !((dx < 0 && nx < 1) || (dx > 0 && nx > g.cols - 2) || (dy < 0 && ny < 1) ||
            (dy > 0 && ny > g.rows - 2));
 }
@@ -64,7 +64,7 @@ inline bool within_margin(Grid const& g, int dx, int dy, int nx, int ny) {
 // The trace's start pixel, contour.front(), may always be re-entered: a start in the top row
 // or the left column could otherwise never be reached again, and the trace would not close.
 template <class Index>
-inline std::ptrdiff_t step(Grid const& g, Index const& index, std::vector<cv::Point>& contour,
+inline std::ptrdiff_t step(grid const& g, Index const& index, std::vector<cv::Point>& contour,
                            cv::Point& c, int d, unsigned char blank) {
   int const dx = kDx[d & 7];
   int const dy = kDy[d & 7];
@@ -96,7 +96,7 @@ inline void prefetch_rows(unsigned char const* p, std::ptrdiff_t step) {
 
 // A look at a neighbour without moving: (found, its index, or -1 when visited already).
 template <class Index>
-inline std::pair<bool, std::ptrdiff_t> look(Grid const& g, Index const& index, cv::Point const& c,
+inline std::pair<bool, std::ptrdiff_t> look(grid const& g, Index const& index, cv::Point const& c,
                                             int d, unsigned char blank) {
   int const dx = kDx[d & 7];
   int const dy = kDy[d & 7];
@@ -199,7 +199,7 @@ inline void write_unless_outside(unsigned char* out, unsigned char const* canvas
 }
 
 // What mark_traced works in, kept from one call to the next.
-struct MarkBuffers {
+struct mark_buffers {
   std::vector<unsigned char> canvas;
   std::vector<int> first, last;
   std::vector<cv::Point> pending;
@@ -209,7 +209,7 @@ struct MarkBuffers {
 // chain of pixels listed once each: consecutive points that are not neighbours are not joined,
 // since the trace passed through listed pixels between them.
 bool mark_traced(cv::Mat& target, std::vector<cv::Point> const& contour, unsigned char value,
-                 MarkBuffers& buffers) {
+                 mark_buffers& buffers) {
   const cv::Rect bounds(0, 0, target.cols, target.rows);
   int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
   for (cv::Point const& p : contour) {
@@ -349,7 +349,7 @@ std::vector<cv::Point2d> clip_polygon(std::vector<cv::Point> const& contour, cv:
 // The buffers that marking a traced region needs are kept from one region to the next.
 struct ContourTracer::Work {
   int zeroed_rows = 0;  // mask rows from here on are not zeroed yet
-  MarkBuffers buffers;
+  mark_buffers buffers;
 };
 
 void ContourTracer::copy_base(cv::Mat const& image) {
@@ -447,8 +447,8 @@ bool ContourTracer::search(std::vector<cv::Point>& contour, cv::Point& position,
 
 bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& start,
                           unsigned char blank) {
-  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
-  const Direct index{static_cast<std::ptrdiff_t>(base_.step[0]),
+  const grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  const direct index{static_cast<std::ptrdiff_t>(base_.step[0]),
                      static_cast<std::ptrdiff_t>(mask_.step[0])};
   // The mask rows that the neighbours of a pixel in row y lie in, up to y + 1, are zeroed
   // before that pixel is looked around; `ready` mirrors *zeroed_ in a register.
@@ -531,15 +531,15 @@ bool ContourTracer::trace(std::vector<cv::Point>& contour, cv::Point const& star
 std::ptrdiff_t ContourTracer::trace_one(std::vector<cv::Point>& contour, cv::Point& c, int d,
                                         accessor at, unsigned char blank) {
   zero_rows(mask_.rows);
-  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
-  return step(g, ViaAccessor{base_, mask_, at}, contour, c, d, blank);
+  const grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return step(g, via_accessor{base_, mask_, at}, contour, c, d, blank);
 }
 
 std::pair<bool, std::ptrdiff_t> ContourTracer::check_one(cv::Point const& c, int d, accessor at,
                                                          unsigned char blank) const {
   zero_rows(mask_.rows);
-  const Grid g{base_.data, mask_.data, base_.cols, base_.rows};
-  return look(g, ViaAccessor{base_, mask_, at}, c, d, blank);
+  const grid g{base_.data, mask_.data, base_.cols, base_.rows};
+  return look(g, via_accessor{base_, mask_, at}, c, d, blank);
 }
 
 bool ContourTracer::fill(cv::Mat& target, std::vector<cv::Point> const& contour,
