@@ -390,19 +390,20 @@ CLI::App& dicomGroup(CLI::App& quib) {
 
 void add_dicom_command(CLI::App& quib, Context& ctx) {
   auto o = std::make_shared<DumpOptions>();
-  CLI::App& cmd = addCommand(
-      dicomGroup(quib), "dump",
-      "list the elements of DICOM files\n\n"
-      "Lists the elements of each file in tag order as dcmdump does: tag, the VR the file gives "
-      "(the dictionary's in implicit-VR files), the value (text decoded to UTF-8 under the "
-      "file's character set, numbers decoded, binary values in hexadecimal, long values "
-      "shortened), the length (u/l for undefined) and multiplicity, and the keyword. The items "
-      "of sequences follow their sequence, indented; encapsulated pixel data lists its "
-      "fragments. Without --tag or --classic, a file with Pixel Data ends with a note on whether "
-      "its first frame decodes ('# pixels: 512 x 512, 1 frame, MONOCHROME2, decodes' or "
-      "'# pixels: do not decode: REASON'; not in --json, whose keys are tags only). "
-      "A file whose reading stopped early (cut or damaged) is listed as far as it was read, "
-      "then reported as an error (exit status 1).");
+  CLI::App& cmd = addCommand(dicomGroup(quib), "dump", paragraphs(R"(
+      list the elements of DICOM files
+
+      Lists the elements of each file in tag order as dcmdump does: tag, the VR the file gives
+      (the dictionary's in implicit-VR files), the value (text decoded to UTF-8 under the
+      file's character set, numbers decoded, binary values in hexadecimal, long values
+      shortened), the length (u/l for undefined) and multiplicity, and the keyword. The items
+      of sequences follow their sequence, indented; encapsulated pixel data lists its
+      fragments. Without --tag or --classic, a file with Pixel Data ends with a note on
+      whether its first frame decodes ('# pixels: 512 x 512, 1 frame, MONOCHROME2, decodes' or
+      '# pixels: do not decode: REASON'; not in --json, whose keys are tags only). A file
+      whose reading stopped early (cut or damaged) is listed as far as it was read, then
+      reported as an error (exit status 1).
+)"));
   cmd.add_option("FILE", o->files, "the DICOM files; '-' reads standard input")->required();
   cmd.add_option("--tag", o->tags,
                  "show only this element, by keyword (PatientName) or tag (0010,0010); an element "

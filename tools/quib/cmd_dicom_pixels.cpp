@@ -175,16 +175,17 @@ void volume(Context& ctx, VolumeOptions const& o) {
 
 void add_dicom_pixels_command(CLI::App& quib, Context& ctx) {
   auto p = std::make_shared<PixelsOptions>();
-  CLI::App& cmd = addCommand(
-      dicomGroup(quib), "pixels",
-      "decode one frame of a DICOM file\n\n"
-      "Decodes frame K of a DICOM file in any transfer syntax the library reads (native, RLE, "
-      "JPEG, JPEG-LS, JPEG 2000). --json prints the pixel module as decoded; --out OUT.raw "
-      "writes the frame's samples interleaved per pixel, little-endian on every machine, one "
-      "Bits Allocated container each (1-bit data as one byte 0 or 1), as stored (no rescale, "
-      "no window); --out OUT.png writes a picture through the file's first VOI LUT, else its "
-      "first window, else the frame's range (after the modality LUT or rescale), or with "
-      "--raw-values the samples as 16-bit grey.");
+  CLI::App& cmd = addCommand(dicomGroup(quib), "pixels", paragraphs(R"(
+      decode one frame of a DICOM file
+
+      Decodes frame K of a DICOM file in any transfer syntax the library reads (native, RLE,
+      JPEG, JPEG-LS, JPEG 2000). --json prints the pixel module as decoded; --out OUT.raw
+      writes the frame's samples interleaved per pixel, little-endian on every machine, one
+      Bits Allocated container each (1-bit data as one byte 0 or 1), as stored (no rescale, no
+      window); --out OUT.png writes a picture through the file's first VOI LUT, else its first
+      window, else the frame's range (after the modality LUT or rescale), or with --raw-values
+      the samples as 16-bit grey.
+)"));
   cmd.add_option("FILE", p->file, "the DICOM file; '-' reads standard input")->required();
   cmd.add_option("--frame", p->frame, "the frame to decode, from 0")->check(CLI::NonNegativeNumber);
   cmd.add_option("--out", p->out, "where to write the frame: a .raw or a .png file");
@@ -193,14 +194,15 @@ void add_dicom_pixels_command(CLI::App& quib, Context& ctx) {
   onRun(cmd, ctx, [p, &ctx] { pixels(ctx, *p); });
 
   auto v = std::make_shared<VolumeOptions>();
-  CLI::App& vol = addCommand(
-      dicomGroup(quib), "volume",
-      "read a DICOM series into a 3-D volume\n\n"
-      "Reads the images of a folder (or the files given), keeps the largest series, orders its "
-      "slices along their normal and checks that they share size, orientation and pixel format "
-      "and lie evenly spaced, decoding slices on every core. --out writes the samples (x "
-      "fastest, then y, then slices, little-endian on every machine); the size, spacing, origin, "
-      "direction and sample type are printed.");
+  CLI::App& vol = addCommand(dicomGroup(quib), "volume", paragraphs(R"(
+      read a DICOM series into a 3-D volume
+
+      Reads the images of a folder (or the files given), keeps the largest series, orders its
+      slices along their normal and checks that they share size, orientation and pixel format
+      and lie evenly spaced, decoding slices on every core. --out writes the samples (x
+      fastest, then y, then slices, little-endian on every machine); the size, spacing,
+      origin, direction and sample type are printed.
+)"));
   vol.add_option("PATHS", v->paths, "a folder, or the files of the series")->required();
   vol.add_option("--out", v->out, "where to write the volume's samples (.raw)");
   vol.add_option("--png", v->png, "a folder for the slices as pictures (each slice's range)");
