@@ -17,6 +17,8 @@
 #include <sstream>
 #include <system_error>
 #include <thread>
+#include <type_traits>
+#include <utility>
 
 namespace quib {
 
@@ -139,18 +141,11 @@ int DicomVolume::get_threads() const {
   return std::max(1, int(std::thread::hardware_concurrency()));
 }
 
+static_assert(std::is_nothrow_move_constructible_v<DicomVolume> &&
+              std::is_nothrow_move_assignable_v<DicomVolume>);
+
 void DicomVolume::swap(DicomVolume& other) noexcept {
-  data_.swap(other.data_);
-  std::swap(size_, other.size_);
-  std::swap(samples_, other.samples_);
-  std::swap(sample_bytes_, other.sample_bytes_);
-  std::swap(spacing_, other.spacing_);
-  std::swap(origin_, other.origin_);
-  std::swap(direction_, other.direction_);
-  sample_type_.swap(other.sample_type_);
-  series_uid_.swap(other.series_uid_);
-  error_.swap(other.error_);
-  std::swap(threads_, other.threads_);
+  std::swap(*this, other);
 }
 
 std::uint64_t DicomVolume::get_bytes() const {
